@@ -1,0 +1,19 @@
+#pragma once
+// Internal invariants. A failed one prints the quoted condition, the source unit and the
+// function, then aborts: the process is in a state nobody planned for, so it must not go on.
+//
+//   MOX_ASSERT(initialized());
+//   -> Assertion "initialized()" failed in Korva/UdpPam.cpp, void Korva::UdpPam::handleMode()
+
+namespace Mox {
+
+[[noreturn]] void assertionFailed(const char* condition, const char* file, const char* function);
+
+}  // namespace Mox
+
+#define MOX_ASSERT(condition) \
+  ((condition) ? static_cast<void>(0) : ::Mox::assertionFailed(#condition, __FILE__, __PRETTY_FUNCTION__))
+
+// For invariants whose quoted text is fixed independently of how the code spells the test.
+#define MOX_ASSERT_TEXT(condition, text) \
+  ((condition) ? static_cast<void>(0) : ::Mox::assertionFailed(text, __FILE__, __PRETTY_FUNCTION__))

@@ -1,0 +1,40 @@
+# One GoogleTest binary per folder under tests/ (tests/Mox -> test_Mox), so a new suite
+# file needs no build edit. Files under tests/<Dir>/plugins/ are built as loadable
+# modules that the folder's tests find through KORVA_TEST_PLUGIN_DIR.
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+file(GLOB test_dirs LIST_DIRECTORIES true CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/*)
+foreach(dir ${test_dirs})
+  if(NOT IS_DIRECTORY ${dir})
+    continue()
+  endif()
+  get_filename_component(name ${dir} NAME)
+  file(GLOB sources CONFIGURE_DEPENDS ${dir}/*.cpp)
+  if(NOT sources)
+    continue()
+  endif()
+  set(target test_${name})
+  add_executable(${target} ${sources})
+  target_link_libraries(${target} PRIVATE Korva GTest::gtest GTest::gmock GTest::gtest_main)
+  target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+  korva_add_test_models(${target} ${dir})
+
+  file(GLOB plugins CONFIGURE_DEPENDS ${dir}/plugins/*.cpp)
+  set(plugin_dir ${CMAKE_BINARY_DIR}/test-plugins/${name})
+  foreach(plugin ${plugins})
+    get_filename_component(plugin_name ${plugin} NAME_WE)
+    add_library(${name}_${plugin_name} MODULE ${plugin})
+    target_link_libraries(${name}_${plugin_name} PRIVATE Korva)
+    set_target_properties(${name}_${plugin_name} PROPERTIES
+      LIBRARY_OUTPUT_DIRECTORY ${plugin_dir} OUTPUT_NAME ${plugin_name} PREFIX "")
+    add_dependencies(${target} ${name}_${plugin_name})
+  endforeach()
+  target_compile_definitions(${target} PRIVATE
+    KORVA_TEST_PLUGIN_DIR="${plugin_dir}"
+    KORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
+    KORVA_BINARY_DIR="${CMAKE_BINARY_DIR}")
+  gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endforeach()
+
+include(cmake/ToolTests.cmake OPTIONAL)
