@@ -16,7 +16,7 @@ foreach(dir ${test_dirs})
   endif()
   set(target test_${name})
   add_executable(${target} ${sources})
-  target_link_libraries(${target} PRIVATE Korva GTest::gtest GTest::gmock GTest::gtest_main)
+  target_link_libraries(${target} PRIVATE Korva GTest::gtest GTest::gmock GTest::gtest_main ZLIB::ZLIB)
   target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   korva_add_test_models(${target} ${dir})
 
