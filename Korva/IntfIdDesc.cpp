@@ -327,9 +327,9 @@ void IntfIdMgr::intfIdDescDel(U8 typeId) {
 }
 
 void IntfIdMgr::initializedIs(bool initialized) {
-  if (initialized_ == initialized) return;
-  if (initialized) handleInitialized();
-  initialized_ = initialized;
+  if (!initialized || initialized_) return;
+  handleInitialized();
+  initialized_ = true;
 }
 
 void IntfIdMgr::handleInitialized() {

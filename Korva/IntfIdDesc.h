@@ -246,7 +246,7 @@ class IntfIdMgr : public Mox::Entity {
   void testModeIs(bool testMode) noexcept { testMode_ = testMode; }
 
   bool initialized() const noexcept { return initialized_; }
-  // Setting it loads the plugins; it happens once.
+  // Setting it loads the plugins; it happens once and is never undone.
   void initializedIs(bool initialized);
 
   // The identifier value of a long name; raises Mox::RangeException for names no
