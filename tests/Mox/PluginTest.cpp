@@ -48,13 +48,13 @@ class Plugin : public ::testing::Test {
   void pluginPathIs(const std::string& path) { setenv("KORVA_PLUGIN_PATH", path.c_str(), 1); }
 
   std::string tempDir_;
+  Mox::LogCapture log_;
+  Mox::TraceCapture trace_;
 };
 
 TEST_F(Plugin, BuiltInsInOrderThenSharedObjectsByName) {
   ASSERT_TRUE(firstRegistered && throwerRegistered && secondRegistered);
   pluginPathIs(tempDir_ + ":" + pluginDir);
-  Mox::LogCapture log;
-  Mox::TraceCapture trace;
   Calls calls;
   Mox::PluginLoadReport report = Mox::loadPlugins("MoxTest", &calls);
 
@@ -69,16 +69,15 @@ TEST_F(Plugin, BuiltInsInOrderThenSharedObjectsByName) {
   EXPECT_THAT(report.failures[2], HasSubstr(pluginDir + "/unresolved.so: "));
   EXPECT_THAT(report.failures[2], HasSubstr("korvaTestSymbolNobodyDefines"));
 
-  ASSERT_EQ(log.count("PLUGIN_LOAD_FAILED"), 3u);
-  const Mox::LoggedMessage bad = log.messages()[1];
+  ASSERT_EQ(log_.count("PLUGIN_LOAD_FAILED"), 3u);
+  const Mox::LoggedMessage bad = log_.messages()[1];
   EXPECT_EQ(bad.severity, Mox::LogSeverity::error);
   EXPECT_THAT(bad.text, HasSubstr("Plugin " + tempDir_ + "/bad.so of category MoxTest failed"));
-  EXPECT_TRUE(trace.contains("Failed to load " + report.failures[2]));
+  EXPECT_TRUE(trace_.contains("Failed to load " + report.failures[2]));
 }
 
 TEST_F(Plugin, CategoryChoosesTheEntrySymbol) {
   pluginPathIs(pluginDir);
-  Mox::LogCapture log;
   Calls calls;
   Mox::PluginLoadReport report = Mox::loadPlugins("MoxOther", &calls);
   EXPECT_THAT(calls, ElementsAre("other"));
