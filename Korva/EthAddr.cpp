@@ -69,9 +69,34 @@ void parseWhole(std::string_view text, U8* bytes, unsigned count, const char* tr
   std::memcpy(bytes, parsed, count);
 }
 
+// The form almost every text has: two digits per byte, ':' or '-' between them. Decodes it
+// without branching per field; false sends the text to the general reader.
+bool readTwoDigitFields(TextIter& it, TextIter end, U8* out, unsigned count) noexcept {
+  const size_t length = 3 * count - 1;
+  if (size_t(end - it) < length) return false;
+  const char separator = it[2];
+  if (separator != ':' && separator != '-') return false;
+  if (size_t(end - it) > length && hexValue(it[length]) >= 0) return false;
+  U8 bytes[8];
+  int invalid = 0;
+  for (unsigned i = 0; i < count; ++i) {
+    const char* field = it + 3 * i;
+    const int high = hexValue(field[0]);
+    const int low = hexValue(field[1]);
+    invalid |= high | low;
+    if (i + 1 < count) invalid |= -int(field[2] != separator);
+    bytes[i] = U8((high & 0xf) << 4 | (low & 0xf));
+  }
+  if (invalid < 0) return false;
+  std::memcpy(out, bytes, count);
+  it += length;
+  return true;
+}
+
 }  // namespace
 
 void sequenceToWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
+  if (readTwoDigitFields(it, end, bytes, count)) return;
   TextIter p = it;
   U32 field = 0;
   // The character after the first field fixes the separator for the whole text.
