@@ -59,16 +59,6 @@ void checkIndex(unsigned index, unsigned limit, const char* message) {
   if (index >= limit) throw Mox::RangeException(message);
 }
 
-template <class Value>
-void parseWhole(std::string_view text, U8* bytes, unsigned count, const char* trailingMessage) {
-  TextIter it = text.data();
-  TextIter end = it + text.size();
-  U8 parsed[Value::kBytes];
-  sequenceToWords(it, end, parsed, count);
-  if (it != end) throw Mox::RangeException(trailingMessage);
-  std::memcpy(bytes, parsed, count);
-}
-
 // The form almost every text has: two digits per byte, ':' or '-' between them. Decodes it
 // without branching per field; false sends the text to the general reader.
 bool readTwoDigitFields(TextIter& it, TextIter end, U8* out, unsigned count) noexcept {
@@ -93,9 +83,8 @@ bool readTwoDigitFields(TextIter& it, TextIter end, U8* out, unsigned count) noe
   return true;
 }
 
-}  // namespace
-
-void sequenceToWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
+// The whole reader; internal so that the library's own parsers call it directly.
+void readWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
   if (readTwoDigitFields(it, end, bytes, count)) return;
   TextIter p = it;
   U32 field = 0;
@@ -118,6 +107,22 @@ void sequenceToWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
   }
   std::memcpy(bytes, out, count);
   it = p;
+}
+
+template <class Value>
+void parseWhole(std::string_view text, U8* bytes, unsigned count, const char* trailingMessage) {
+  TextIter it = text.data();
+  TextIter end = it + text.size();
+  U8 parsed[Value::kBytes];
+  readWords(it, end, parsed, count);
+  if (it != end) throw Mox::RangeException(trailingMessage);
+  std::memcpy(bytes, parsed, count);
+}
+
+}  // namespace
+
+void sequenceToWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
+  readWords(it, end, bytes, count);
 }
 
 // --- EthAddr ---
@@ -197,7 +202,7 @@ std::string valueToStrep(const EthAddr& value) {
 
 void sequenceToValue(TextIter& it, TextIter end, EthAddr* value) {
   U8 bytes[EthAddr::kBytes];
-  sequenceToWords(it, end, bytes, EthAddr::kBytes);
+  readWords(it, end, bytes, EthAddr::kBytes);
   *value = EthAddr::fromBuffer(bytes);
 }
 
@@ -264,7 +269,7 @@ std::string valueToStrep(const Eui64& value) {
 
 void sequenceToValue(TextIter& it, TextIter end, Eui64* value) {
   U8 bytes[Eui64::kBytes];
-  sequenceToWords(it, end, bytes, Eui64::kBytes);
+  readWords(it, end, bytes, Eui64::kBytes);
   *value = Eui64::fromBuffer(bytes);
 }
 
