@@ -540,11 +540,9 @@ IntfIdDescPluginLoader* IntfIdDescPluginLoader::DefaultPluginLoader() {
 }
 
 void IntfIdDescPluginLoader::loadPlugins(IntfIdMgr* mgr) {
+  // The runtime's loader logs and traces each failure itself; the names stay here for
+  // callers that want to show what the manager was built from.
   Mox::PluginLoadReport report = Mox::loadPlugins(kCategory, mgr);
-  for (const std::string& name : report.loaded) MOX_TRACE(trace, 2, "Loaded plugin " << name);
-  for (const std::string& failure : report.failures) {
-    std::cerr << kCategory << ": " << failure << std::endl;
-  }
   loaded_.insert(loaded_.end(), report.loaded.begin(), report.loaded.end());
   failures_.insert(failures_.end(), report.failures.begin(), report.failures.end());
 }

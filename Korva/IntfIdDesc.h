@@ -298,7 +298,7 @@ class IntfIdDescPluginLoader {
   static IntfIdDescPluginLoader* DefaultPluginLoader();
 
   // Runs the built-in plugins, then the shared objects on KORVA_PLUGIN_PATH. A plugin that
-  // fails to load is reported on standard error and skipped.
+  // fails to load is skipped; the runtime's loader logs it and it is kept in failures().
   void loadPlugins(IntfIdMgr* mgr);
   const std::vector<std::string>& loaded() const noexcept { return loaded_; }
   const std::vector<std::string>& failures() const noexcept { return failures_; }
