@@ -106,7 +106,7 @@ Mox::String8 IntfIdDesc::prefix(SubIntfIdKey subType) const {
 void IntfIdDesc::prefixIs(SubIntfIdKey subType, std::string_view text) {
   if (prefix_[subType] == text) return;
   prefix_[subType] = text;
-  changed();
+  handleShortPrefixSubType(subType);  // the short prefix must still fit
 }
 
 void IntfIdDesc::prefixDel(SubIntfIdKey subType) {
