@@ -99,7 +99,7 @@ IntfIdDesc::IntfIdDesc(U8 typeId, Mox::String8 firstPrefix, U8 minPart)
   prefix_[0] = std::move(firstPrefix);
 }
 
-Mox::String8 IntfIdDesc::prefix(SubIntfIdKey subType) const {
+const Mox::String8& IntfIdDesc::prefix(SubIntfIdKey subType) const {
   return prefix_[subType];
 }
 
@@ -145,8 +145,9 @@ void IntfIdDesc::handleInitialized() {
   // Sub-type 0 prints with the type's own short prefix.
   shortPrefixSubType_[0] = shortPrefix_;
   for (U8 subintfId = SubIntfIdKey::min; subintfId <= SubIntfIdKey::max; ++subintfId) {
-    handleShortPrefixSubType(subintfId);
+    checkShortPrefixFits(subintfId);
   }
+  changed();
 }
 
 void IntfIdDesc::handleShortPrefix() {
@@ -154,9 +155,13 @@ void IntfIdDesc::handleShortPrefix() {
 }
 
 void IntfIdDesc::handleShortPrefixSubType(SubIntfIdKey subintfId) {
+  checkShortPrefixFits(subintfId);
+  changed();
+}
+
+void IntfIdDesc::checkShortPrefixFits(SubIntfIdKey subintfId) const {
   MOX_ASSERT_TEXT(shortPrefixSubType(subintfId).bytes() <= prefix(subintfId).size(),
                   "shortPrefixSubType( subintfId ).bytes() <= prefix( subintfId ).bytes()");
-  changed();
 }
 
 void IntfIdDesc::changed() {

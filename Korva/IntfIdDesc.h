@@ -115,7 +115,7 @@ class IntfIdDesc : public Mox::Entity {
   U8 minPart() const noexcept { return minPart_; }
 
   // Long prefix per sub-type; sub-type 0 starts as firstPrefix. Empty when absent.
-  Mox::String8 prefix(SubIntfIdKey subType) const;
+  const Mox::String8& prefix(SubIntfIdKey subType) const;
   void prefixIs(SubIntfIdKey subType, std::string_view text);
   void prefixDel(SubIntfIdKey subType);
 
@@ -139,6 +139,7 @@ class IntfIdDesc : public Mox::Entity {
   void handleInitialized();
   void handleShortPrefix();
   void handleShortPrefixSubType(SubIntfIdKey subintfId);
+  void checkShortPrefixFits(SubIntfIdKey subintfId) const;
   // Tells the manager that holds this descriptor that it changed.
   void changed();
 
