@@ -39,24 +39,12 @@ constexpr std::array<OctetText, 256> makeOctetTexts() {
 
 constexpr std::array<OctetText, 256> octetTexts = makeOctetTexts();
 
-char* writeDecimal(char* out, U32 n) noexcept {
-  char digits[10];
-  char* p = digits + sizeof digits;
-  do {
-    *--p = char('0' + n % 10);
-    n /= 10;
-  } while (n != 0);
-  const size_t size = digits + sizeof digits - p;
-  std::memcpy(out, p, size);
-  return out + size;
-}
-
 // Address, "/", then the length or (for a non-contiguous mask) a second address.
 std::string slashText(IpAddr address, U32 len) {
   char text[IpAddr::maxTextSize + 1 + 10];
   char* end = address.toChars(text);
   *end++ = '/';
-  end = writeDecimal(end, len);
+  end = detail::writeDecimal(end, len);
   return std::string(text, end);
 }
 
@@ -85,6 +73,18 @@ void parseWhole(std::string_view text, T* target, Read read, const char* trailin
 }  // namespace
 
 // --- IpAddr ---
+
+char* detail::writeDecimal(char* out, U32 n) noexcept {
+  char digits[10];
+  char* p = digits + sizeof digits;
+  do {
+    *--p = char('0' + n % 10);
+    n /= 10;
+  } while (n != 0);
+  const size_t size = digits + sizeof digits - p;
+  std::memcpy(out, p, size);
+  return out + size;
+}
 
 U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
   TextIter p = it;
