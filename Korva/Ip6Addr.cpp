@@ -22,21 +22,27 @@ constexpr Ip6Prefix uniqueLocalPrefix(Ip6Addr(0xfc00, 0, 0, 0, 0, 0, 0, 0), 7);
 // The longest text the reader looks at: eight groups with the last two in dotted form.
 constexpr size_t maxReadSize = 45;
 
-constexpr std::array<signed char, 256> makeHexValues() {
-  std::array<signed char, 256> table{};
+// What each character is to the reader: a hex digit's value (0..15), a colon, a dot or
+// anything else; one table load per character.
+enum CharKind : U8 { colonKind = 16, dotKind = 17, otherKind = 18 };
+
+constexpr std::array<U8, 256> makeCharKinds() {
+  std::array<U8, 256> table{};
   for (int c = 0; c < 256; ++c) {
     table[c] = c >= '0' && c <= '9'   ? c - '0'
                : c >= 'a' && c <= 'f' ? c - 'a' + 10
                : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                      : -1;
+               : c == ':'             ? colonKind
+               : c == '.'             ? dotKind
+                                      : otherKind;
   }
   return table;
 }
 
-constexpr std::array<signed char, 256> hexValues = makeHexValues();
+constexpr std::array<U8, 256> charKinds = makeCharKinds();
 
-int hexValue(char c) noexcept {
-  return hexValues[static_cast<unsigned char>(c)];
+unsigned charKind(char c) noexcept {
+  return charKinds[static_cast<unsigned char>(c)];
 }
 bool isDigit(char c) noexcept {
   return c >= '0' && c <= '9';
@@ -86,9 +92,9 @@ U32 readDottedTail(TextIter& p, TextIter end) {
 U16 readHexGroup(TextIter& p, TextIter end) {
   unsigned value = 0;
   int digits = 0;
-  for (int h; p != end && (h = hexValue(*p)) >= 0; ++p) {
+  for (unsigned h; p != end && (h = charKind(*p)) < colonKind; ++p) {
     if (++digits > 4) fail("Ip6Addr: too many consecutive hex digits");
-    value = value << 4 | static_cast<unsigned>(h);
+    value = value << 4 | h;
   }
   if (digits == 0) fail("Ip6Addr: hex digit expected");
   return static_cast<U16>(value);
@@ -103,14 +109,15 @@ Ip6Addr readIp6Addr(TextIter& it, TextIter end) {
   int colons = 0;
   int tailDots = 0;
   for (; textEnd != limit; ++textEnd) {
-    const char c = *textEnd;
-    if (c == ':') {
+    const unsigned kind = charKind(*textEnd);
+    if (kind < colonKind) continue;
+    if (kind == colonKind) {
       ++colons;
       tailDots = 0;
       tailStart = textEnd + 1;
-    } else if (c == '.') {
+    } else if (kind == dotKind) {
       ++tailDots;
-    } else if (hexValue(c) < 0) {
+    } else {
       break;
     }
   }

@@ -91,9 +91,14 @@ U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
   U32 value = 0;
   for (int octet = 0;; ++octet) {
     if (p == end || !isDigit(*p)) throwInvalidIpAddr();
-    const Mox::S64 n = Mox::dectol(p, end);
-    if (n > 255) throwInvalidIpAddr();
-    value = value << 8 | static_cast<U32>(n);
+    // The digit run as Mox::dectol reads it (leading zeros included), inlined because this
+    // is the hot path; a value above 255 fails whatever digits follow.
+    U32 n = 0;
+    do {
+      n = n * 10 + static_cast<U32>(*p++ - '0');
+      if (n > 255) throwInvalidIpAddr();
+    } while (p != end && isDigit(*p));
+    value = value << 8 | n;
     if (octet == 3) break;
     if (p == end || *p != '.') throwInvalidIpAddr();
     ++p;
