@@ -3,6 +3,7 @@
 // with a full 128-bit mask, and the small prefix-length and byte-index types. Addresses are
 // 16 bytes in network order, held as four 32-bit words.
 
+#include <Korva/EthAddr.h>
 #include <Korva/IpAddr.h>
 #include <Korva/ValueHash.h>
 #include <Mox/Text.h>
@@ -93,6 +94,10 @@ class Ip6Addr : public RelationsFromLess<Ip6Addr> {
 
   // ff02::1:ff00:0 with the last three bytes of this address.
   Ip6Addr solicitedNodeMulticastAddr() const noexcept;
+  // The Ethernet multicast address 33:33 followed by the last four bytes of this address.
+  EthAddr mcastEtherAddress() const noexcept {
+    return EthAddr(0x3333, static_cast<U16>(word3() >> 16), static_cast<U16>(word3()));
+  }
   // For an address in fe80::/10: fe80:: with this address's low 64 bits; otherwise raises
   // "Not an address that belongs to subnet fe80::/10".
   Ip6Addr validLlUnicastAddress() const;

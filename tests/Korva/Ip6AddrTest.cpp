@@ -377,6 +377,8 @@ TEST(Ip6AddrPredicates, Classes) {
 
 TEST(Ip6AddrPredicates, DerivedAddresses) {
   EXPECT_EQ(ip6("2001:db8::12:3456:789a").solicitedNodeMulticastAddr(), ip6("ff02::1:ff56:789a"));
+  EXPECT_EQ(ip6("ff02::1:ff56:789a").mcastEtherAddress(), Korva::EthAddr("33:33:ff:56:78:9a"));
+  EXPECT_EQ(ip6("ff02::1").mcastEtherAddress().stringValue(), "33:33:00:00:00:01");
   EXPECT_EQ(ip6("fe80:1:2:3:4:5:6:7").validLlUnicastAddress(), ip6("fe80::4:5:6:7"));
   EXPECT_EQ(ip6("febf::1").validLlUnicastAddress(), ip6("fe80::1"));
   EXPECT_EQ(rangeFailure([] { ip6("fec0::1").validLlUnicastAddress(); }),
