@@ -86,7 +86,11 @@ char* detail::writeDecimal(char* out, U32 n) noexcept {
   return out + size;
 }
 
-U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
+namespace {
+
+// The dotted-quad reader; internal so the library's own callers reach it without going
+// through the exported symbol.
+U32 readDottedQuad(TextIter& it, TextIter end) {
   TextIter p = it;
   U32 value = 0;
   for (int octet = 0;; ++octet) {
@@ -107,10 +111,16 @@ U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
   return detail::swapNbo32(value);
 }
 
+}  // namespace
+
+U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
+  return readDottedQuad(it, end);
+}
+
 void IpAddr::stringValueIs(std::string_view text) {
   TextIter it = text.data();
   TextIter end = it + text.size();
-  const U32 valueNbo = sequenceToValueNbo(it, end);
+  const U32 valueNbo = readDottedQuad(it, end);
   if (it != end) throwInvalidIpAddr();
   valueNbo_ = valueNbo;
 }
@@ -136,7 +146,7 @@ std::string valueToStrep(IpAddr value) {
 }
 
 void sequenceToValue(TextIter& it, TextIter end, IpAddr* value) {
-  *value = IpAddr(IpAddr::sequenceToValueNbo(it, end));
+  *value = IpAddr(readDottedQuad(it, end));
 }
 
 std::ostream& operator<<(std::ostream& os, IpAddr value) {
@@ -160,7 +170,7 @@ namespace {
 
 IpAddrWithMask readIpAddrWithMask(TextIter& it, TextIter end) {
   TextIter p = it;
-  const IpAddr address(IpAddr::sequenceToValueNbo(p, end));
+  const IpAddr address(readDottedQuad(p, end));
   const U32 len = sequenceToPrefixLen(p, end);
   it = p;
   return IpAddrWithMask(address, len);
@@ -220,7 +230,7 @@ namespace {
 // Reads address and length and makes the prefix test, but not the end-of-text test.
 Prefix readPrefix(TextIter& it, TextIter end) {
   TextIter p = it;
-  const IpAddr address(IpAddr::sequenceToValueNbo(p, end));
+  const IpAddr address(readDottedQuad(p, end));
   const U32 len = sequenceToPrefixLen(p, end);
   if (!parsedPrefixValid(address, len)) {
     throw RangeException("Invalid Prefix - non-zero after prefixlen");
