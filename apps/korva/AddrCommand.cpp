@@ -94,6 +94,8 @@ std::vector<const AddrType*> candidatesFor(std::string_view) {
 }
 
 class AddrPrinter {
+  using Json = nlohmann::ordered_json;
+
  public:
   AddrPrinter(const AddrType* forced, bool json) : forced_(forced), json_(json) {
     std::setvbuf(stdout, nullptr, _IOFBF, 1 << 20);
@@ -124,30 +126,41 @@ class AddrPrinter {
     std::putchar('\n');
   }
 
+  // The two object shapes are built once; each line only refills their values, so the
+  // strings keep their capacity from line to line.
   void printJson(std::string_view input, bool parsed) {
-    nlohmann::ordered_json object;
-    object["input"] = input;
+    Json& object = parsed ? parsedJson_ : failedJson_;
+    object["input"].get_ref<std::string&>().assign(input);
     if (parsed) {
-      object["type"] = outcome_.type;
-      object["text"] = outcome_.text;
-      object["family"] = outcome_.family;
+      object["type"].get_ref<std::string&>() = outcome_.type;
+      object["text"].get_ref<std::string&>() = outcome_.text;
+      object["family"].get_ref<std::string&>() = outcome_.family;
       object["hash"] = outcome_.hash;
-      auto& predicates = object["predicates"] = nlohmann::ordered_json::array();
+      Json& predicates = object["predicates"];
+      predicates.clear();
       for (size_t i = 0; i < outcome_.predicateCount; ++i) {
         predicates.push_back(outcome_.predicates[i]);
       }
     } else {
-      object["error"] = outcome_.error;
+      object["error"].get_ref<std::string&>() = outcome_.error;
     }
-    // Replace rather than throw on bytes that are not UTF-8: every input gets its line.
-    const std::string line = object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::putchar('\n');
+    line_.clear();
+    serializer_.dump(object, false, false, 0);
+    line_ += '\n';
+    std::fwrite(line_.data(), 1, line_.size(), stdout);
   }
 
   const AddrType* forced_;
   bool json_;
   Outcome outcome_;
+  Json parsedJson_ = {{"input", ""},  {"type", ""}, {"text", ""},
+                      {"family", ""}, {"hash", 0},  {"predicates", Json::array()}};
+  Json failedJson_ = {{"input", ""}, {"error", ""}};
+  std::string line_;
+  // Writes into line_; replaces bytes that are not UTF-8 rather than throwing, so every
+  // input gets its line.
+  nlohmann::detail::serializer<Json> serializer_{nlohmann::detail::output_adapter<char>(line_), ' ',
+                                                 Json::error_handler_t::replace};
 };
 
 int runAddr(const std::vector<std::string>& texts, const std::string& typeName, bool json) {
