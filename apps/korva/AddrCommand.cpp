@@ -5,6 +5,7 @@
 #include "Command.h"
 
 #include <Korva/EthAddr.h>
+#include <Korva/IpAddr.h>
 #include <Korva/Mpls.h>
 #include <Mox/Exception.h>
 
@@ -14,6 +15,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +38,33 @@ struct Outcome {
     if (holds && predicateCount < predicates.size()) predicates[predicateCount++] = name;
   }
 };
+
+void describe(const Korva::IpAddr& value, Outcome& out) {
+  out.type = "ipaddr";
+  out.family = "ipv4";
+  out.predicate("isMulticast", value.isMulticast());
+  out.predicate("isUnicast", value.isUnicast());
+  out.predicate("isReservedMulticast", value.isReservedMulticast());
+  out.predicate("isLoopback", value.isLoopback());
+  out.predicate("isLoopbackBase", value.isLoopbackBase());
+  out.predicate("isReserved", value.isReserved());
+  out.predicate("isPrivate", value.isPrivate());
+  out.predicate("isLinkLocal", value.isLinkLocal());
+  out.predicate("isPimRouters", value.isPimRouters());
+  out.predicate("isThisNetwork", value.isThisNetwork());
+}
+
+void describe(const Korva::Prefix& value, Outcome& out) {
+  out.type = "prefix";
+  out.family = "ipv4";
+  out.predicate("isHost", value.isHost());
+  out.predicate("isUnicast", value.isUnicast());
+}
+
+void describe(const Korva::IpAddrWithMask&, Outcome& out) {
+  out.type = "ipaddrwithmask";
+  out.family = "ipv4";
+}
 
 void describe(const Korva::EthAddr& value, Outcome& out) {
   out.type = "ethaddr";
@@ -81,16 +110,27 @@ struct AddrType {
   bool (*parse)(std::string_view input, Outcome& out);
 };
 
+constexpr AddrType kIpAddr{"ipaddr", parseAs<Korva::IpAddr>};
+constexpr AddrType kPrefix{"prefix", parseAs<Korva::Prefix>};
+constexpr AddrType kIpAddrWithMask{"ipaddrwithmask", parseAs<Korva::IpAddrWithMask>};
 constexpr AddrType kEthAddr{"ethaddr", parseAs<Korva::EthAddr>};
 constexpr AddrType kEui64{"eui64", parseAs<Korva::Eui64>};
 constexpr AddrType kMplsLabel{"mplslabel", parseAs<Korva::MplsLabel>};
 
-constexpr std::array kForcibleTypes{kEthAddr, kEui64, kMplsLabel};
+constexpr std::array kForcibleTypes{kIpAddr, kPrefix, kEthAddr, kEui64, kMplsLabel};
 
-// The types to try for a text, most likely first judging by its shape; when none accepts
-// the text, the first one's complaint is the one reported.
-std::vector<const AddrType*> candidatesFor(std::string_view) {
-  return {&kEthAddr};
+// The types to try for a text, most likely first judging by its shape: no text is accepted
+// by two of them, so the order only decides whose complaint is reported when none accepts.
+std::span<const AddrType* const> candidatesFor(std::string_view text) {
+  static constexpr const AddrType* ip4Prefixes[] = {&kPrefix, &kIpAddrWithMask};
+  static constexpr const AddrType* macs[] = {&kEthAddr, &kIpAddr};
+  static constexpr const AddrType* ip4Addrs[] = {&kIpAddr, &kEthAddr};
+  const auto count = [text](char c) { return std::count(text.begin(), text.end(), c); };
+  if (count('/')) return ip4Prefixes;
+  // A MAC address has five colons or dashes, or three dot-separated groups; an IPv4
+  // address has three dots.
+  if (count(':') || count('-') || count('.') == 2) return macs;
+  return ip4Addrs;
 }
 
 class AddrPrinter {
