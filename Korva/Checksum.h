@@ -6,9 +6,13 @@
 // can sit at any byte offset of a packet. value() / valueIs() convert to and from host
 // order.
 
+#include <Korva/IpAddr.h>
+#include <Korva/Pkt.h>
 #include <Mox/Types.h>
 
+#include <array>
 #include <bit>
+#include <cstring>
 #include <type_traits>
 
 namespace Korva {
@@ -93,7 +97,16 @@ struct __attribute__((packed)) Ipv4PseudoHdr {
   U8 zero = 0;
   U8 protocol = Protocol;
   NetU16 len;  // of the transport header and payload
+
+  void addressesIs(IpAddr source, IpAddr destination) noexcept {
+    src.nboIs(source.valueNbo());
+    dst.nboIs(destination.valueNbo());
+  }
+  void lenIs(U32 bytes) noexcept { len.valueIs(U16(bytes)); }
 };
+
+// An IPv6 address as 16 bytes in wire order.
+using Ip6AddrBytes = std::array<U8, 16>;
 
 // The IPv6 pseudo-header (RFC 8200, 40 bytes). `udpLen` is the upper-layer length for
 // every protocol.
@@ -105,6 +118,12 @@ struct __attribute__((packed)) Ipv6PseudoHdr {
   U8 zeros[2] = {};
   U8 zero = 0;
   U8 protocol = Protocol;
+
+  void addressesIs(const Ip6AddrBytes& source, const Ip6AddrBytes& destination) noexcept {
+    std::memcpy(src, source.data(), sizeof src);
+    std::memcpy(dst, destination.data(), sizeof dst);
+  }
+  void lenIs(U32 bytes) noexcept { udpLen.valueIs(bytes); }
 };
 
 using UdpPseudoHdr = Ipv4PseudoHdr<17>;
@@ -119,5 +138,31 @@ template <class PseudoHdr>
 IpChecksum pseudoHdrChecksum(const PseudoHdr& pseudo, const void* bytes, U32 len) {
   return ipChecksumCalc(bytes, len, ipChecksumChunk(&pseudo, sizeof pseudo, 0));
 }
+
+// A transport header view that also knows the IP addresses its checksum covers.
+template <class Header, class PseudoHdr, class Address>
+class TransportHdrWrapper : public HdrWrapper<Header> {
+ public:
+  using HdrWrapper<Header>::HdrWrapper;
+
+  const Address& ipSrc() const noexcept { return ipSrc_; }
+  void ipSrcIs(const Address& address) noexcept { ipSrc_ = address; }
+  const Address& ipDst() const noexcept { return ipDst_; }
+  void ipDstIs(const Address& address) noexcept { ipDst_ = address; }
+
+  // The checksum of the header and what follows it, in wire order as the checksum field
+  // holds it.
+  IpChecksum computedChecksum() const {
+    PseudoHdr pseudo;
+    pseudo.addressesIs(ipSrc_, ipDst_);
+    pseudo.lenIs(Header::segmentBytes(*this->header(), this->pkt()->frontBytes() - this->offset()));
+    return this->header()->computedChecksum(pseudo);
+  }
+  U16 computedChecksumU16() const { return computedChecksum().value(); }
+
+ private:
+  Address ipSrc_{};
+  Address ipDst_{};
+};
 
 }  // namespace Korva

@@ -4,6 +4,8 @@
 // header behind them.
 
 #include <Korva/Checksum.h>
+#include <Korva/EthAddr.h>
+#include <Korva/Ethernet.h>
 #include <Korva/Pkt.h>
 
 namespace Korva {
@@ -17,6 +19,13 @@ struct __attribute__((packed)) EthHdr {
   U8 src[6] = {};
   NetU16 ethType;
 
+  EthAddr dstAddr() const noexcept { return EthAddr::fromBuffer(dst); }
+  void dstAddrIs(const EthAddr& address) noexcept { address.copyToBuffer(dst); }
+  EthAddr srcAddr() const noexcept { return EthAddr::fromBuffer(src); }
+  void srcAddrIs(const EthAddr& address) noexcept { address.copyToBuffer(src); }
+  EthType etherType() const noexcept { return EthType(ethType.value()); }
+  void etherTypeIs(EthType type) noexcept { ethType.valueIs(U16(type)); }
+
   // An 802.3 frame carrying LLC: the type field holds a length.
   bool isLlc() const noexcept { return ethType.value() <= maxLength; }
 };
@@ -29,6 +38,9 @@ struct __attribute__((packed)) Eth8021QHdr {
 
   NetU16 tci;
   NetU16 ethType;
+
+  EthType etherType() const noexcept { return EthType(ethType.value()); }
+  void etherTypeIs(EthType type) noexcept { ethType.valueIs(U16(type)); }
 
   U8 priority() const noexcept { return U8(tci.field(13, 3)); }
   void priorityIs(U8 v) noexcept { tci.fieldIs(13, 3, v); }

@@ -7,6 +7,7 @@ namespace Korva {
     return hdrWrapperFactory<Wrapper>(std::move(pkt), offset); \
   }
 
+KORVA_ICMP6_FACTORY(Icmp6HdrWrapper, icmp6HdrWrapperFactory)
 KORVA_ICMP6_FACTORY(Icmp6EchoHdrWrapper, icmp6EchoHdrWrapperFactory)
 KORVA_ICMP6_FACTORY(Icmp6PacketTooBigHdrWrapper, icmp6PacketTooBigHdrWrapperFactory)
 KORVA_ICMP6_FACTORY(Icmp6RouterSolicitHdrWrapper, icmp6RouterSolicitHdrWrapperFactory)

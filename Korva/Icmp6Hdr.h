@@ -4,6 +4,7 @@
 // and their views.
 
 #include <Korva/Checksum.h>
+#include <Korva/EthAddr.h>
 #include <Korva/Pkt.h>
 
 namespace Korva {
@@ -43,6 +44,8 @@ struct __attribute__((packed)) Icmp6Hdr {
   IpChecksum computedChecksum(const Icmp6PseudoHdr& pseudo) const {
     return pseudoHdrChecksum(pseudo, this, pseudo.udpLen.value());
   }
+  // A message runs to the end of the data available.
+  static U32 segmentBytes(const Icmp6Hdr&, U32 available) noexcept { return available; }
 };
 static_assert(sizeof(Icmp6Hdr) == 4);
 
@@ -124,6 +127,9 @@ struct __attribute__((packed)) Icmp6LinkAddrOption {
   NetU8 type{Type};
   NetU8 length{1};
   U8 linkAddr[6] = {};
+
+  EthAddr ethAddr() const noexcept { return EthAddr::fromBuffer(linkAddr); }
+  void ethAddrIs(const EthAddr& address) noexcept { address.copyToBuffer(linkAddr); }
 };
 using Icmp6SrcLinkAddrOption = Icmp6LinkAddrOption<icmp6OptionSrcLinkAddr>;
 using Icmp6TargetLinkAddrOption = Icmp6LinkAddrOption<icmp6OptionTargetLinkAddr>;
@@ -184,6 +190,7 @@ struct __attribute__((packed)) Icmp6DnsSuffixOption {
 };
 static_assert(sizeof(Icmp6DnsSuffixOption) == 8);
 
+using Icmp6HdrWrapper = TransportHdrWrapper<Icmp6Hdr, Icmp6PseudoHdr, Ip6AddrBytes>;
 using Icmp6EchoHdrWrapper = HdrWrapper<Icmp6EchoHdr>;
 using Icmp6PacketTooBigHdrWrapper = HdrWrapper<Icmp6PacketTooBigHdr>;
 using Icmp6RouterSolicitHdrWrapper = HdrWrapper<Icmp6RouterSolicitHdr>;
@@ -198,6 +205,7 @@ using Icmp6MtuOptionWrapper = HdrWrapper<Icmp6MtuOption>;
 using Icmp6DnsServerOptionWrapper = HdrWrapper<Icmp6DnsServerOption>;
 using Icmp6DnsSuffixOptionWrapper = HdrWrapper<Icmp6DnsSuffixOption>;
 
+Mox::Ptr<Icmp6HdrWrapper> icmp6HdrWrapperFactory(Mox::Ptr<Pkt>, U32 offset);
 Mox::Ptr<Icmp6EchoHdrWrapper> icmp6EchoHdrWrapperFactory(Mox::Ptr<Pkt>, U32 offset);
 Mox::Ptr<Icmp6PacketTooBigHdrWrapper> icmp6PacketTooBigHdrWrapperFactory(Mox::Ptr<Pkt>, U32 offset);
 Mox::Ptr<Icmp6RouterSolicitHdrWrapper> icmp6RouterSolicitHdrWrapperFactory(Mox::Ptr<Pkt>,

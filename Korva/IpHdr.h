@@ -64,6 +64,11 @@ struct __attribute__((packed)) IpHdr {
   NetU32 src;  // the address word as IpAddr stores it
   NetU32 dst;
 
+  IpAddr srcAddr() const noexcept { return IpAddr(src.nbo()); }
+  void srcAddrIs(IpAddr address) noexcept { src.nboIs(address.valueNbo()); }
+  IpAddr dstAddr() const noexcept { return IpAddr(dst.nbo()); }
+  void dstAddrIs(IpAddr address) noexcept { dst.nboIs(address.valueNbo()); }
+
   U8 version() const noexcept { return versionAndHeaderLen.field(4, 4); }
   void versionIs(U8 v) noexcept { versionAndHeaderLen.fieldIs(4, 4, v); }
   // In 32-bit words.

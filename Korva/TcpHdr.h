@@ -55,7 +55,16 @@ struct __attribute__((packed)) TcpHdr {
   // Over the segment length the pseudo-header gives, from the header on.
   IpChecksum computedChecksum(const TcpPseudoHdr& pseudo) const;
   IpChecksum computedChecksum(const TcpPseudoHdrIpv6& pseudo) const;
+
+  // A segment carries no length of its own: it runs to the end of the data available.
+  static U32 segmentBytes(const TcpHdr&, U32 available) noexcept { return available; }
 };
 static_assert(sizeof(TcpHdr) == 20);
+
+using TcpHdrWrapper = TransportHdrWrapper<TcpHdr, TcpPseudoHdr, IpAddr>;
+using TcpHdrWrapperIpv6 = TransportHdrWrapper<TcpHdr, TcpPseudoHdrIpv6, Ip6AddrBytes>;
+
+Mox::Ptr<TcpHdrWrapper> tcpHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset);
+Mox::Ptr<TcpHdrWrapperIpv6> tcpHdrWrapperIpv6Factory(Mox::Ptr<Pkt> pkt, U32 offset);
 
 }  // namespace Korva
