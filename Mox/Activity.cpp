@@ -96,9 +96,12 @@ bool ActivityManagerConfig::runOnce(double maxWaitSeconds) {
 bool ActivityManagerConfig::runUntil(const std::function<bool()>& condition,
                                      double timeoutSeconds) {
   const double limit = now() + timeoutSeconds;
+  // Virtual time stands still while descriptors keep being ready, so the timeout also
+  // holds in real time.
+  const double realLimit = monotonicNow() + timeoutSeconds;
   for (;;) {
     if (condition()) return true;
-    if (now() >= limit) return false;
+    if (now() >= limit || monotonicNow() >= realLimit) return false;
     turn(limit);
   }
 }

@@ -51,8 +51,8 @@ class ActivityManagerConfig : public Entity {
   // One turn that waits at most `maxWaitSeconds` for something to happen. Returns whether
   // a descriptor or a clock was dispatched.
   bool runOnce(double maxWaitSeconds = 0.0);
-  // Turns until `condition` holds or `timeoutSeconds` have passed (virtual seconds under
-  // VirtualTime); returns whether the condition held.
+  // Turns until `condition` holds or `timeoutSeconds` have passed, in virtual time under
+  // VirtualTime and always in real time too; returns whether the condition held.
   bool runUntil(const std::function<bool()>& condition, double timeoutSeconds);
 
   U64 turns() const noexcept { return turns_; }

@@ -9,16 +9,16 @@ namespace {
 
 VirtualTime* virtualTime = nullptr;
 
-double monotonicSeconds() noexcept {
+}  // namespace
+
+double monotonicNow() noexcept {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
-}  // namespace
-
 double now() noexcept {
-  return virtualTime ? virtualTime->time() : monotonicSeconds();
+  return virtualTime ? virtualTime->time() : monotonicNow();
 }
 
 VirtualTime::VirtualTime(double start) : start_(start), time_(start) {

@@ -16,6 +16,9 @@ inline constexpr double kNever = std::numeric_limits<double>::infinity();
 
 // Monotonic seconds (CLOCK_MONOTONIC), or the virtual time while a VirtualTime exists.
 double now() noexcept;
+// The kernel's monotonic clock even under virtual time. Only for bounding how long a
+// test or tool really waits; everything else reads now().
+double monotonicNow() noexcept;
 
 // While one exists, now() returns its time, which moves only when the test (or the event
 // loop, when it would otherwise wait for a deadline) moves it. One at a time per process.

@@ -81,6 +81,19 @@ TEST(Activity, VirtualTimeNeverWaitsInRealTime) {
   close(fds[1]);
 }
 
+TEST(Activity, RunUntilIsBoundedInRealTimeWhileVirtualTimeStandsStill) {
+  Mox::VirtualTime time;
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  auto fd = Mox::make<Mox::FileDescriptor>("pipe", fds[0]);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  // Never read, the level-triggered pipe is ready on every turn: virtual time never moves.
+  EXPECT_FALSE(Mox::runUntil([] { return false; }, 0.02));
+  EXPECT_EQ(Mox::now(), time.start());
+  EXPECT_GT(fd->readableCount(), 1u);
+  close(fds[1]);
+}
+
 TEST(Activity, ReadyDescriptorComesBeforeAVirtualDeadline) {
   Mox::VirtualTime time;
   int fds[2];

@@ -45,6 +45,14 @@ TEST(Time, RealTimeReturnsWhenVirtualTimeEnds) {
   EXPECT_LT(Mox::now(), 1e9);
 }
 
+TEST(Time, MonotonicNowIgnoresVirtualTime) {
+  Mox::VirtualTime time(1e9);
+  const double real = Mox::monotonicNow();
+  EXPECT_LT(real, 1e9);
+  EXPECT_GE(Mox::monotonicNow(), real);
+  EXPECT_EQ(Mox::now(), 1e9);
+}
+
 TEST(TimeDeathTest, OnlyOneVirtualTimeAtOnce) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   Mox::VirtualTime time;
