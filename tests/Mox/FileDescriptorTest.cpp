@@ -5,16 +5,38 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <string>
 
 namespace {
 
 using Mox::FileDescriptor;
 using Mox::Ptr;
+
+// The events the kernel's epoll sets watch `fd` for, read from /proc (-1: not watched).
+long kernelWatchedEvents(int fd) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream info(entry.path());
+    std::string line;
+    while (std::getline(info, line)) {
+      int watched;
+      unsigned events;
+      if (std::sscanf(line.c_str(), "tfd: %d events: %x", &watched, &events) == 2 &&
+          watched == fd) {
+        return long(events & ~unsigned(EPOLLERR | EPOLLHUP));  // always watched
+      }
+    }
+  }
+  return -1;
+}
 
 bool isOpen(int fd) {
   return fcntl(fd, F_GETFD) != -1 || errno != EBADF;
@@ -197,6 +219,24 @@ TEST_F(FileDescriptorTest, ReadableOffLeavesTheLoop) {
   fd->notifyOnReadableIs(true);
   turns(1);
   EXPECT_EQ(fd->readableCount(), 1u);
+}
+
+TEST_F(FileDescriptorTest, KernelWatchesExactlyWhatIsAskedFor) {
+  auto fd = readEnd();
+  const int raw = fd->descriptor();
+  EXPECT_EQ(kernelWatchedEvents(raw), EPOLLIN | EPOLLRDHUP);
+  fd->notifyOnWritableIs(true);
+  EXPECT_EQ(kernelWatchedEvents(raw), EPOLLIN | EPOLLRDHUP | EPOLLOUT);
+  fd->edgeTriggeredIs(true);
+  EXPECT_EQ(kernelWatchedEvents(raw), long(EPOLLIN | EPOLLRDHUP | EPOLLOUT | EPOLLET));
+  fd->notifyOnReadableIs(false);
+  EXPECT_EQ(kernelWatchedEvents(raw), long(EPOLLOUT | EPOLLET));
+  fd->notifyOnWritableIs(false);
+  EXPECT_EQ(kernelWatchedEvents(raw), -1);
+  fd->notifyOnReadableIs(true);
+  EXPECT_EQ(kernelWatchedEvents(raw), long(EPOLLIN | EPOLLRDHUP | EPOLLET));
+  fd->descriptorIs(-1);
+  EXPECT_EQ(kernelWatchedEvents(raw), -1);
 }
 
 TEST_F(FileDescriptorTest, HangUpIsReportedAsReadable) {
