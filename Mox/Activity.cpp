@@ -108,12 +108,16 @@ bool ActivityManagerConfig::runUntil(const std::function<bool()>& condition,
 
 bool ActivityManagerConfig::turn(double waitLimit) {
   MOX_ASSERT_TEXT(!inTurn_, "event loop re-entered from a reactor");
+  // A reactor's exception leaves the turn and reaches the caller; the loop stays usable.
+  struct TurnScope {
+    bool& inTurn;
+    ~TurnScope() { inTurn = false; }
+  } scope{inTurn_};
   inTurn_ = true;
   ++turns_;
   const int eventCount = waitForEvents(waitLimit);
   dispatch(eventCount);
   const bool fired = fireDueClocks();
-  inTurn_ = false;
   return eventCount > 0 || fired;
 }
 
@@ -164,17 +168,23 @@ bool ActivityManagerConfig::fireDueClocks() {
   if (clocks_.empty()) return false;
   const double time = now();
   if (clocks_.earliest() > time) return false;
+  struct ClearOnExit {
+    std::vector<DeadlineHeap::Entry*>& entries;
+    std::vector<Ptr<Clock>>& clocks;
+    ~ClearOnExit() {
+      entries.clear();
+      clocks.clear();
+    }
+  } clear{dueEntries_, dueClocks_};
   clocks_.appendDue(time, dueEntries_);
   for (DeadlineHeap::Entry* entry : dueEntries_) {
     dueClocks_.emplace_back(static_cast<Clock::Schedule*>(entry)->clock);
   }
-  dueEntries_.clear();
   // A reactor of an earlier clock may re-arm or disarm a later one: fire only what is
   // still due. A clock re-armed for now fires on the next turn, not in a loop here.
   for (const Ptr<Clock>& clock : dueClocks_) {
     if (clock->minimumTime() <= time) clock->fire(time);
   }
-  dueClocks_.clear();
   return true;
 }
 

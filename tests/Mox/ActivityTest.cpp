@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -144,6 +145,20 @@ TEST(Activity, StopFromAnotherThreadWakesABlockedLoop) {
   manager->run();
   stopper.join();
   SUCCEED();
+}
+
+TEST(Activity, ReactorExceptionReachesTheCallerAndTheLoopGoesOn) {
+  Mox::VirtualTime time;
+  auto clock = Mox::make<Mox::Clock>("clock");
+  int ticks = 0;
+  OnTime onTime(clock, [&] {
+    clock->minimumTimeIs(Mox::now() + 1.0);
+    if (++ticks == 1) throw std::runtime_error("reactor failed");
+  });
+  clock->minimumTimeIs(0.0);
+  EXPECT_THROW(Mox::runOnce(), std::runtime_error);
+  EXPECT_TRUE(Mox::runUntil([&] { return ticks == 3; }, 10.0));
+  EXPECT_EQ(Mox::now(), time.start() + 2.0);
 }
 
 TEST(ActivityDeathTest, ReenteringTheLoopFromAReactorAborts) {
