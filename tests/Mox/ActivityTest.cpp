@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 namespace {
@@ -138,12 +141,33 @@ TEST(Activity, StopFromAReactorEndsRun) {
   EXPECT_EQ(Mox::now(), time.start() + 3.0);
 }
 
+// True once thread `tid` of this process sits in epoll_wait (or epoll_pwait).
+bool blockedInEpollWait(pid_t tid) {
+  std::ifstream syscall("/proc/self/task/" + std::to_string(tid) + "/syscall");
+  long number = -1;
+  syscall >> number;
+  return number == SYS_epoll_wait || number == SYS_epoll_pwait;
+}
+
 TEST(Activity, StopFromAnotherThreadWakesABlockedLoop) {
   auto manager = ActivityManagerConfig::current();
-  // The loop has nothing to wait for but the stop request itself.
-  std::thread stopper([&] { manager->stop(); });
+  const pid_t loopThread = gettid();
+  bool sawBlocked = false;
+  std::thread stopper([&] {
+    const double giveUp = Mox::monotonicNow() + 10.0;
+    while (!sawBlocked && Mox::monotonicNow() < giveUp) sawBlocked = blockedInEpollWait(loopThread);
+    manager->stop();
+  });
+  // Nothing to wait for but the stop request itself.
   manager->run();
   stopper.join();
+  EXPECT_TRUE(sawBlocked);
+}
+
+TEST(Activity, StopBeforeRunMakesItReturnAtOnce) {
+  auto manager = ActivityManagerConfig::current();
+  manager->stop();
+  manager->run();
   SUCCEED();
 }
 
