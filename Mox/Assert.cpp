@@ -3,23 +3,33 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace Mox {
 
 namespace {
 
 // The source unit as the project names it: the path from the source folder on
-// ("Korva/UdpPam.cpp"), whatever the build's absolute path is.
+// ("Korva/UdpPam.cpp", "tests/Mox/AssertTest.cpp"), whatever the build's absolute path is.
 const char* sourceUnit(const char* file) {
   static const char* const roots[] = {"/Mox/", "/Pylon/", "/Cairn/", "/Korva/", "/Vrf/",
-                                      "/Arp/", "/apps/",  "/tests/", "/bench/"};
+                                      "/Arp/", "/apps/",  "/tests/", "/bench/", "/fuzz/"};
   const char* best = nullptr;
   for (const char* root : roots) {
     for (const char* hit = std::strstr(file, root); hit; hit = std::strstr(hit + 1, root)) {
       if (!best || hit > best) best = hit;
     }
   }
-  return best ? best + 1 : file;
+  if (!best) return file;
+  // tests/, bench/ and fuzz/ mirror the source folders: tests/Mox/X.cpp is its own unit.
+  for (const char* container : {"/tests", "/bench", "/fuzz"}) {
+    const size_t length = std::strlen(container);
+    if (static_cast<size_t>(best - file) >= length &&
+        std::strncmp(best - length, container, length) == 0) {
+      return best - length + 1;
+    }
+  }
+  return best + 1;
 }
 
 }  // namespace

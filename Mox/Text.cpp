@@ -11,8 +11,9 @@ namespace {
 
 bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-template <class T>
-void readUnsigned(TextIter& it, TextIter end, T* value, const char* type) {
+// Reads a run of digits no greater than `limit` and steps over it. No digit is
+// "Invalid <type>", a larger number "<type> out of range"; either leaves `it` unchanged.
+U64 readMagnitude(TextIter& it, TextIter end, U64 limit, const char* type) {
   if (it == end || !isDigit(*it)) throw RangeException(std::string("Invalid ") + type);
   TextIter cursor = it;
   U64 n = 0;
@@ -22,28 +23,26 @@ void readUnsigned(TextIter& it, TextIter end, T* value, const char* type) {
     overflow |= n > (std::numeric_limits<U64>::max() - digit) / 10;
     n = n * 10 + digit;
   }
-  if (overflow || n > std::numeric_limits<T>::max()) {
-    throw RangeException(std::string(type) + " out of range");
-  }
+  if (overflow || n > limit) throw RangeException(std::string(type) + " out of range");
   it = cursor;
-  *value = static_cast<T>(n);
+  return n;
+}
+
+template <class T>
+void readUnsigned(TextIter& it, TextIter end, T* value, const char* type) {
+  *value = static_cast<T>(readMagnitude(it, end, std::numeric_limits<T>::max(), type));
 }
 
 template <class T>
 void readSigned(TextIter& it, TextIter end, T* value, const char* type) {
-  TextIter start = it;
-  bool negative = it != end && *it == '-';
-  if (negative) ++it;
-  if (it == end || !isDigit(*it)) {
-    it = start;
-    throw RangeException(std::string("Invalid ") + type);
-  }
-  S64 n = dectol(it, end);
-  if (n == std::numeric_limits<S64>::max() || n > std::numeric_limits<T>::max() + S64(negative)) {
-    it = start;
-    throw RangeException(std::string(type) + " out of range");
-  }
-  *value = static_cast<T>(negative ? -n : n);
+  TextIter cursor = it;
+  const bool negative = cursor != end && *cursor == '-';
+  if (negative) ++cursor;
+  // The most negative value's magnitude is one more than the largest positive value.
+  const U64 limit = static_cast<U64>(std::numeric_limits<T>::max()) + negative;
+  const U64 magnitude = readMagnitude(cursor, end, limit, type);
+  it = cursor;
+  *value = static_cast<T>(negative ? 0 - magnitude : magnitude);
 }
 
 char escapeFor(char c) noexcept {
@@ -210,20 +209,24 @@ ValueText& ValueText::rawAttr(std::string_view name, std::string_view text) {
   return *this;
 }
 
-ValueParser::ValueParser(TextIter& it, TextIter end, std::string_view type) : it_(it), end_(end) {
-  needString(it_, end_, "Value('");
-  needString(it_, end_, type);
-  needString(it_, end_, "', ** {");
+ValueParser::ValueParser(TextIter& it, TextIter end, std::string_view type)
+    : it_(it), cursor_(it), end_(end) {
+  needString(cursor_, end_, "Value('");
+  needString(cursor_, end_, type);
+  needString(cursor_, end_, "', ** {");
 }
 
 void ValueParser::attrName(std::string_view name) {
-  if (!first_) needString(it_, end_, ", ");
+  if (!first_) needString(cursor_, end_, ", ");
   first_ = false;
-  needString(it_, end_, "'");
-  needString(it_, end_, name);
-  needString(it_, end_, "': ");
+  needString(cursor_, end_, "'");
+  needString(cursor_, end_, name);
+  needString(cursor_, end_, "': ");
 }
 
-void ValueParser::finish() { needString(it_, end_, "})"); }
+void ValueParser::finish() {
+  needString(cursor_, end_, "})");
+  it_ = cursor_;
+}
 
 }  // namespace Mox

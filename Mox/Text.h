@@ -98,16 +98,20 @@ class ValueText {
   bool first_ = true;
 };
 
-// Reads the same form, attribute by attribute, in order:
+// Reads the same form, attribute by attribute, in order. The caller's iterator moves only
+// when finish() succeeds, so a failed read leaves it where it was; read into a temporary so
+// the value stays unchanged too:
+//   IpFilter read;
 //   ValueParser p(it, end, "Korva::IpFilter");
-//   p.attr("code", &code).attr("jt", &jt); p.finish();
+//   p.attr("code", &read.code).attr("jt", &read.jt).finish();
+//   *value = read;
 class ValueParser {
  public:
   ValueParser(TextIter& it, TextIter end, std::string_view type);
   template <class T>
   ValueParser& attr(std::string_view name, T* value) {
     attrName(name);
-    deserializeAttr(it_, end_, value);
+    deserializeAttr(cursor_, end_, value);
     return *this;
   }
   void finish();
@@ -116,6 +120,7 @@ class ValueParser {
   void attrName(std::string_view name);
 
   TextIter& it_;
+  TextIter cursor_;
   TextIter end_;
   bool first_ = true;
 };

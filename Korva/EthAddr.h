@@ -1,0 +1,132 @@
+#pragma once
+// Ethernet (MAC-48) addresses and EUI-64 identifiers.
+//
+// Both read the same text forms: six (or eight) hexadecimal bytes separated by ":" or "-",
+// or groups of two bytes separated by "." (0011.2233.4455). Both print lower-case
+// colon-separated bytes. A failed parse raises Mox::RangeException and changes nothing.
+
+#include <Mox/Exception.h>
+#include <Mox/Types.h>
+
+#include <array>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+namespace Korva {
+
+using Mox::TextIter;
+
+// Reads `count` bytes (6 or 8) of Ethernet-style text at `it` into `bytes` and leaves `it`
+// after the last field; nothing after it is examined. On failure raises RangeException
+// "Invalid EthAddr" and leaves `it` and `bytes` unchanged.
+void sequenceToWords(TextIter& it, TextIter end, U8* bytes, unsigned count);
+
+class Eui64;
+
+class EthAddr {
+ public:
+  static constexpr unsigned kBytes = 6;
+
+  constexpr EthAddr() = default;
+  // From the three words in host order: EthAddr(0x0011, 0x2233, 0x4455) is 00:11:22:33:44:55.
+  constexpr EthAddr(U16 word0, U16 word1, U16 word2)
+      : bytes_{U8(word0 >> 8), U8(word0), U8(word1 >> 8), U8(word1), U8(word2 >> 8), U8(word2)} {}
+  // From six bytes in wire order.
+  static EthAddr fromBuffer(const unsigned char* bytes) noexcept;
+  explicit EthAddr(std::string_view text) { stringValueIs(text); }
+
+  U16 word(unsigned index) const;
+  void wordIs(unsigned index, U16 value);
+  void wordDel(unsigned index) { wordIs(index, 0); }
+  U8 byte(unsigned index) const;
+  void byteIs(unsigned index, U8 value);
+  void byteDel(unsigned index) { byteIs(index, 0); }
+
+  std::string stringValue() const;
+  // Writes the colon text into `out` (at least 17 characters) and returns its length.
+  size_t toChars(char* out) const noexcept;
+  // The dotted three-group form, 0011.2233.4455.
+  std::string displayString() const;
+  void stringValueIs(std::string_view text);
+
+  bool isBroadcast() const noexcept;
+  bool isUnicast() const noexcept { return (bytes_[0] & 1) == 0; }
+  bool isMulticast() const noexcept { return !isUnicast() && !isBroadcast(); }
+  bool isIp6Multicast() const noexcept { return bytes_[0] == 0x33 && bytes_[1] == 0x33; }
+
+  U32 oui() const noexcept { return U32(bytes_[0]) << 16 | U32(bytes_[1]) << 8 | bytes_[2]; }
+  U32 station() const noexcept { return U32(bytes_[3]) << 16 | U32(bytes_[4]) << 8 | bytes_[5]; }
+  // b0:b1:b2:ff:ff:b3:b4:b5, the MAC-48 encapsulation; the universal/local bit is kept as is.
+  Eui64 eui64() const noexcept;
+
+  void copyToBuffer(unsigned char* out) const noexcept;
+  U32 hash() const noexcept;
+
+  friend bool operator==(const EthAddr&, const EthAddr&) = default;
+  friend auto operator<=>(const EthAddr&, const EthAddr&) = default;
+
+ private:
+  U16 rawWord(unsigned index) const noexcept {
+    return U16(bytes_[2 * index] << 8 | bytes_[2 * index + 1]);
+  }
+
+  // Wire order; the derived comparisons therefore follow word 0, word 1, word 2.
+  std::array<U8, kBytes> bytes_{};
+};
+
+std::string valueToStrep(const EthAddr& value);
+void sequenceToValue(TextIter& it, TextIter end, EthAddr* value);
+std::ostream& operator<<(std::ostream& os, const EthAddr& value);
+
+// Index of a byte of an Eui64, 0..7.
+using Eui64U8Key = U8;
+
+class Eui64 {
+ public:
+  static constexpr unsigned kBytes = 8;
+
+  constexpr Eui64() = default;
+  static Eui64 fromBuffer(const unsigned char* bytes) noexcept;
+  explicit Eui64(std::string_view text) { stringValueIs(text); }
+
+  U8 byte(Eui64U8Key index) const;
+  void byteIs(Eui64U8Key index, U8 value);
+  void byteDel(Eui64U8Key index) { byteIs(index, 0); }
+  void byteDelAll() noexcept { bytes_ = {}; }
+  // The four network-order 16-bit words, in host order.
+  U16 word(unsigned index) const;
+  void wordIs(unsigned index, U16 value);
+
+  std::string stringValue() const;
+  size_t toChars(char* out) const noexcept;  // at least 23 characters
+  void stringValueIs(std::string_view text);
+
+  void copyToBuffer(unsigned char* out) const noexcept;
+  U32 hash() const noexcept;
+
+  friend bool operator==(const Eui64&, const Eui64&) = default;
+  friend auto operator<=>(const Eui64&, const Eui64&) = default;
+
+ private:
+  U16 rawWord(unsigned index) const noexcept {
+    return U16(bytes_[2 * index] << 8 | bytes_[2 * index + 1]);
+  }
+
+  std::array<U8, kBytes> bytes_{};
+};
+
+std::string valueToStrep(const Eui64& value);
+void sequenceToValue(TextIter& it, TextIter end, Eui64* value);
+std::ostream& operator<<(std::ostream& os, const Eui64& value);
+
+}  // namespace Korva
+
+template <>
+struct std::hash<Korva::EthAddr> {
+  size_t operator()(const Korva::EthAddr& value) const noexcept { return value.hash(); }
+};
+template <>
+struct std::hash<Korva::Eui64> {
+  size_t operator()(const Korva::Eui64& value) const noexcept { return value.hash(); }
+};

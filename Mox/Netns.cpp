@@ -1,0 +1,194 @@
+#include <Mox/Netns.h>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace Mox {
+
+namespace {
+
+thread_local std::string traceBuffer;
+
+// Records the failure text for netnsGetTracebuffer and returns -1 with errno preserved.
+int fail(const std::string& step, int error) {
+  traceBuffer = step + ": " + std::strerror(error);
+  errno = error;
+  return -1;
+}
+
+// One thread parked inside a namespace, making sockets there on request.
+class NamespaceWorker {
+ public:
+  // Starts the worker in the namespace whose file `path` is; nullptr and errno on failure.
+  static std::unique_ptr<NamespaceWorker> start(const std::string& path, const struct stat& file);
+  ~NamespaceWorker();
+
+  bool denotes(const struct stat& file) const {
+    return file.st_dev == device_ && file.st_ino == inode_;
+  }
+  // Returns the socket descriptor, or -1 with errno set.
+  int socket(int domain, int type, int protocol);
+
+ private:
+  enum class State { starting, ready, failed };
+  struct Request {
+    int domain, type, protocol;
+  };
+
+  NamespaceWorker(const struct stat& file) : device_(file.st_dev), inode_(file.st_ino) {}
+  void run(std::string path);
+
+  dev_t device_;
+  ino_t inode_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  State state_ = State::starting;
+  bool stopping_ = false;
+  bool hasRequest_ = false;
+  bool hasAnswer_ = false;
+  Request request_{};
+  int result_ = -1;
+  int error_ = 0;
+  std::thread thread_;
+};
+
+std::unique_ptr<NamespaceWorker> NamespaceWorker::start(const std::string& path,
+                                                        const struct stat& file) {
+  std::unique_ptr<NamespaceWorker> worker(new NamespaceWorker(file));
+  worker->thread_ = std::thread(&NamespaceWorker::run, worker.get(), path);
+  std::unique_lock lock(worker->mutex_);
+  worker->wake_.wait(lock, [&] { return worker->state_ != State::starting; });
+  if (worker->state_ == State::failed) {
+    int error = worker->error_;
+    lock.unlock();
+    worker.reset();
+    errno = error;
+  }
+  return worker;
+}
+
+NamespaceWorker::~NamespaceWorker() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  if (thread_.joinable()) thread_.join();
+}
+
+void NamespaceWorker::run(std::string path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int entered = fd < 0 ? -1 : ::setns(fd, CLONE_NEWNET);
+  int error = errno;
+  if (fd >= 0) ::close(fd);
+  std::unique_lock lock(mutex_);
+  state_ = entered == 0 ? State::ready : State::failed;
+  error_ = error;
+  wake_.notify_all();
+  if (state_ == State::failed) return;
+  for (;;) {
+    wake_.wait(lock, [&] { return stopping_ || hasRequest_; });
+    if (stopping_) return;
+    result_ = ::socket(request_.domain, request_.type, request_.protocol);
+    error_ = errno;
+    hasRequest_ = false;
+    hasAnswer_ = true;
+    wake_.notify_all();
+  }
+}
+
+int NamespaceWorker::socket(int domain, int type, int protocol) {
+  std::unique_lock lock(mutex_);
+  wake_.wait(lock, [&] { return !hasRequest_ && !hasAnswer_; });
+  request_ = {domain, type, protocol};
+  hasRequest_ = true;
+  wake_.notify_all();
+  wake_.wait(lock, [&] { return hasAnswer_; });
+  hasAnswer_ = false;
+  int result = result_;
+  int error = error_;
+  wake_.notify_all();  // let the next caller in
+  lock.unlock();
+  errno = error;
+  return result;
+}
+
+struct WorkerRegistry {
+  std::mutex mutex;
+  std::map<std::string, std::shared_ptr<NamespaceWorker>> byName;
+};
+
+WorkerRegistry& workers() {
+  static WorkerRegistry* registry = new WorkerRegistry;  // workers live for the process
+  return *registry;
+}
+
+}  // namespace
+
+int netnsRunPath(const char* name, char* buffer, size_t size) {
+  int written = std::snprintf(buffer, size, "%s/%s", kNetnsRunDir, name);
+  if (written < 0 || static_cast<size_t>(written) >= size) {
+    return fail(std::string("namespace path too long for ") + name, ENAMETOOLONG);
+  }
+  return 0;
+}
+
+int getnsByName(const char* name) {
+  char path[4096];
+  if (netnsRunPath(name, path, sizeof path) < 0) return -1;
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return fail(std::string("open ") + path, errno);
+  return fd;
+}
+
+int setnsByName(const char* name) {
+  int fd = getnsByName(name);
+  if (fd < 0) return -1;
+  int result = ::setns(fd, CLONE_NEWNET);
+  int error = errno;
+  ::close(fd);
+  if (result < 0) return fail(std::string("setns ") + name, error);
+  return 0;
+}
+
+int netnsSocketAt(int domain, int type, int protocol, const char* name) {
+  char path[4096];
+  if (netnsRunPath(name, path, sizeof path) < 0) return -1;
+  struct stat file;
+  if (::stat(path, &file) < 0) return fail(std::string("stat ") + path, errno);
+
+  WorkerRegistry& registry = workers();
+  std::unique_lock lock(registry.mutex);
+  auto& worker = registry.byName[name];
+  if (!worker || !worker->denotes(file)) {
+    // The name is new, or now names another namespace (deleted and made again).
+    worker.reset();
+    worker = NamespaceWorker::start(path, file);
+    if (!worker) return fail(std::string("enter namespace ") + name, errno);
+  }
+  // Shared, so a concurrent replacement cannot pull the worker from under this request.
+  std::shared_ptr<NamespaceWorker> current = worker;
+  lock.unlock();
+  int fd = current->socket(domain, type, protocol);
+  if (fd < 0) return fail(std::string("socket in namespace ") + name, errno);
+  return fd;
+}
+
+const char* netnsGetTracebuffer() {
+  return traceBuffer.c_str();
+}
+
+}  // namespace Mox

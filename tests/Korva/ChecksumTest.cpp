@@ -1,0 +1,106 @@
+#include <Korva/Checksum.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+namespace {
+
+using Korva::U16;
+using Korva::U32;
+using Korva::U64;
+using Korva::U8;
+
+// RFC 1071 written the plain way, byte by byte, as the reference.
+U64 referenceSum(const U8* p, size_t len) {
+  U64 sum = 0;
+  for (size_t i = 0; i + 1 < len; i += 2) sum += p[i] * 256u + p[i + 1];
+  if (len % 2) sum += p[len - 1] * 256u;
+  return sum;
+}
+
+U16 referenceChecksum(const U8* p, size_t len, U64 partial = 0) {
+  U64 sum = partial + referenceSum(p, len);
+  while (sum > 0xFFFF) sum = (sum & 0xFFFF) + (sum >> 16);
+  return U16(~sum);
+}
+
+std::vector<U8> randomBytes(std::mt19937& rng, size_t len) {
+  std::vector<U8> bytes(len);
+  for (U8& b : bytes) b = U8(rng());
+  return bytes;
+}
+
+TEST(Checksum, NetIntegersKeepWireOrder) {
+  Korva::NetU32 v(0x01020304);
+  const U8* raw = reinterpret_cast<const U8*>(&v);
+  EXPECT_EQ(raw[0], 1);
+  EXPECT_EQ(raw[3], 4);
+  EXPECT_EQ(v.value(), 0x01020304u);
+  Korva::NetU64 w;
+  w.valueIs(0x0102030405060708ull);
+  EXPECT_EQ(reinterpret_cast<const U8*>(&w)[7], 8);
+  EXPECT_EQ(Korva::NetU16(0xABCD).nbo(), U16(0xCDAB));
+}
+
+TEST(Checksum, MatchesReferenceForEveryLengthAndAlignment) {
+  std::mt19937 rng(1071);
+  std::vector<U8> storage = randomBytes(rng, 2048 + 64);
+  for (U32 len = 0; len <= 2048; ++len) {
+    const U8* p = storage.data() + rng() % 64;  // any alignment
+    U16 expected = referenceChecksum(p, len);
+    ASSERT_EQ(Korva::ipChecksumCalc(p, len, 0).value(), expected) << "len " << len;
+    U16 stored = Korva::ipChksum(p, len);
+    const U8* storedBytes = reinterpret_cast<const U8*>(&stored);
+    ASSERT_EQ(storedBytes[0] * 256u + storedBytes[1], expected) << "len " << len;
+  }
+}
+
+TEST(Checksum, ChainedChunksEqualOneCall) {
+  std::mt19937 rng(791);
+  for (U32 len = 0; len <= 2048; ++len) {
+    std::vector<U8> bytes = randomBytes(rng, len);
+    U32 split = len ? (rng() % (len + 1)) & ~1u : 0;
+    U32 partial = Korva::ipChecksumChunk(bytes.data(), split, 0);
+    ASSERT_EQ(partial, referenceSum(bytes.data(), split));  // unfolded, exactly
+    ASSERT_EQ(Korva::ipChecksumCalc(bytes.data() + split, len - split, partial).value(),
+              referenceChecksum(bytes.data(), len))
+        << "len " << len << " split " << split;
+  }
+}
+
+TEST(Checksum, LargeBuffersCrossEveryInternalBlock) {
+  std::mt19937 rng(65535);
+  std::vector<U8> bytes(5 * 1024 * 1024 + 7);
+  for (U8& b : bytes) b = U8(rng() | 0xF0);  // large words stress the lane counters
+  for (U32 len : {65536u, 65537u, 4194304u, U32(bytes.size())}) {
+    EXPECT_EQ(Korva::ipChecksumCalc(bytes.data(), len, 0).value(),
+              referenceChecksum(bytes.data(), len));
+  }
+}
+
+TEST(Checksum, OddLastByteIsPaddedWithZero) {
+  const U8 odd[] = {1, 2, 3};
+  const U8 even[] = {1, 2, 3, 0};
+  EXPECT_EQ(Korva::ipChecksumCalc(odd, 3, 0), Korva::ipChecksumCalc(even, 4, 0));
+  EXPECT_EQ(Korva::ipChecksumCalc(odd, 3, 0).value(), U16(~(0x0102 + 0x0300)));
+  EXPECT_EQ(Korva::ipChksum(odd, 3), Korva::ipChksum(even, 4));
+}
+
+TEST(Checksum, ChecksummedDataSumsToZero) {
+  U8 bytes[10] = {0x45, 0x00, 0x12, 0x34, 0xFF, 0xFF, 0, 0, 0x80, 0x01};
+  Korva::IpChecksum sum = Korva::ipChecksumCalc(bytes, sizeof bytes, 0);
+  std::memcpy(bytes + 6, &sum, 2);
+  EXPECT_EQ(Korva::ipChecksumCalc(bytes, sizeof bytes, 0).value(), 0);
+  EXPECT_EQ(Korva::ipChksum(bytes, sizeof bytes), 0);
+}
+
+TEST(ChecksumDeathTest, OddChunkLengthAborts) {
+  const U8 bytes[3] = {};
+  EXPECT_DEATH(Korva::ipChecksumChunk(bytes, 3, 0),
+               "Assertion \"\\(len % 2\\) == 0\" failed in Korva/Checksum.cpp");
+}
+
+}  // namespace

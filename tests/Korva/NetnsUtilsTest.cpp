@@ -1,0 +1,225 @@
+#include <Korva/NetnsUtils.h>
+#include <Mox/Trace.h>
+
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+namespace {
+
+using Korva::netNsAdd;
+using Korva::netNsDelete;
+using Korva::netNsInode;
+
+Mox::U64 inodeOf(const char* path) {
+  struct stat file;
+  return stat(path, &file) == 0 ? file.st_ino : 0;
+}
+
+Mox::U64 threadNsInode() {
+  return inodeOf("/proc/thread-self/ns/net");
+}
+
+// The namespace a socket lives in, as the kernel reports it.
+Mox::U64 socketNsInode(int fd) {
+  int nsFd = ioctl(fd, SIOCGSKNS);
+  if (nsFd < 0) return 0;
+  struct stat file;
+  Mox::U64 inode = fstat(nsFd, &file) == 0 ? file.st_ino : 0;
+  close(nsFd);
+  return inode;
+}
+
+bool haveNamespacePrivileges() {
+  // Creating a namespace is the privilege every test here needs; try it for real.
+  const std::string probe = "korva-probe-" + std::to_string(getpid());
+  if (netNsAdd(probe) < 0) return false;
+  netNsDelete(probe);
+  return true;
+}
+
+// A uniquely named namespace, removed in every outcome.
+class ScopedNs {
+ public:
+  ScopedNs() : name_("korva-test-" + std::to_string(getpid()) + "-" + std::to_string(next_++)) {}
+  ~ScopedNs() { netNsDelete(name_); }
+  const std::string& name() const { return name_; }
+
+ private:
+  static inline std::atomic<int> next_{0};
+  std::string name_;
+};
+
+class NetnsUtils : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!haveNamespacePrivileges()) {
+      GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
+    }
+    Mox::traceConfigIs("NetnsUtils/0-9");
+  }
+  void TearDown() override { Mox::traceConfigIs(""); }
+};
+
+TEST_F(NetnsUtils, AddMakesANamedNamespaceThatIpNetnsUses) {
+  ScopedNs ns;
+  const Mox::U64 before = threadNsInode();
+  ASSERT_EQ(netNsAdd(ns.name()), 0);
+  EXPECT_EQ(threadNsInode(), before) << "the caller must be back in its own namespace";
+  EXPECT_TRUE(Korva::netNsExists(ns.name()));
+  EXPECT_NE(netNsInode(ns.name()), before);
+  // The loopback device of the new namespace is up, and `ip` sees the same namespace.
+  const std::string command = "ip netns exec " + ns.name() + " ip -o link show lo | grep -q UP";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+}
+
+TEST_F(NetnsUtils, AddOfAnExistingNameFailsAndKeepsIt) {
+  ScopedNs ns;
+  ASSERT_EQ(netNsAdd(ns.name()), 0);
+  const Mox::U64 inode = netNsInode(ns.name());
+  EXPECT_EQ(netNsAdd(ns.name()), -1);
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(netNsInode(ns.name()), inode);
+}
+
+TEST_F(NetnsUtils, AddEvenIfPresentReplacesTheNamespace) {
+  ScopedNs ns;
+  ASSERT_EQ(netNsAdd(ns.name()), 0);
+  const Mox::U64 first = netNsInode(ns.name());
+  int oldSocket = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
+  ASSERT_GE(oldSocket, 0);
+  ASSERT_EQ(Korva::netNsAddEvenIfPresent(ns.name()), 0);
+  const Mox::U64 second = netNsInode(ns.name());
+  EXPECT_NE(first, second);
+  // Sockets made after the replacement live in the new namespace, not the cached old one.
+  int newSocket = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
+  ASSERT_GE(newSocket, 0);
+  EXPECT_EQ(socketNsInode(oldSocket), first);
+  EXPECT_EQ(socketNsInode(newSocket), second);
+  close(oldSocket);
+  close(newSocket);
+}
+
+TEST_F(NetnsUtils, DeleteOfAMissingNameFailsWithTrace) {
+  Mox::TraceCapture capture;
+  EXPECT_EQ(netNsDelete("korva-test-never-made"), -1);
+  EXPECT_TRUE(capture.contains("Tried to delete a ns that didn't exist: korva-test-never-made"));
+  EXPECT_FALSE(Korva::netNsExists("korva-test-never-made"));
+  EXPECT_TRUE(capture.contains("stat failed for /var/run/netns/korva-test-never-made : "));
+}
+
+TEST_F(NetnsUtils, SocketAtOpensInTheNamedNamespaceWithoutMovingTheCaller) {
+  ScopedNs ns;
+  ASSERT_EQ(netNsAdd(ns.name()), 0);
+  const Mox::U64 own = threadNsInode();
+  for (int i = 0; i < 3; ++i) {
+    int fd = Korva::socketAt(AF_INET6, SOCK_DGRAM, 0, ns.name());
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(socketNsInode(fd), netNsInode(ns.name()));
+    EXPECT_EQ(threadNsInode(), own);
+    close(fd);
+  }
+  int plain = Korva::socket_at(AF_INET, SOCK_STREAM, 0, Korva::DEFAULT_NS);
+  ASSERT_GE(plain, 0);
+  EXPECT_EQ(socketNsInode(plain), own);
+  close(plain);
+}
+
+TEST_F(NetnsUtils, SocketAtAMissingNamespaceKeepsErrno) {
+  Mox::TraceCapture capture;
+  EXPECT_EQ(Korva::socketAt(AF_INET, SOCK_DGRAM, 0, "korva-test-missing"), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_TRUE(capture.contains("korva-test-missing"));
+}
+
+TEST_F(NetnsUtils, AddFromASecondThreadNamesThatThreadsNewNamespace) {
+  ScopedNs ns;
+  int result = -1;
+  Mox::U64 threadBefore = 0, threadAfter = 0;
+  std::thread worker([&] {
+    threadBefore = threadNsInode();
+    result = netNsAdd(ns.name());
+    threadAfter = threadNsInode();
+  });
+  worker.join();
+  ASSERT_EQ(result, 0);
+  EXPECT_EQ(threadBefore, threadAfter);
+  EXPECT_NE(netNsInode(ns.name()), inodeOf("/proc/self/ns/net"));
+}
+
+TEST_F(NetnsUtils, ValidateTellsEnterableFromNot) {
+  ScopedNs ns;
+  ASSERT_EQ(netNsAdd(ns.name()), 0);
+  const Mox::U64 own = threadNsInode();
+  bool valid = false;
+  EXPECT_EQ(Korva::validateNetNs(ns.name(), &valid), 0);
+  EXPECT_TRUE(valid);
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  EXPECT_EQ(Korva::validateNetNs(pipeFds[0], &valid), 0);
+  EXPECT_FALSE(valid);
+  close(pipeFds[0]);
+  close(pipeFds[1]);
+  // A number far above any open descriptor: validateNetNs opens one of its own, which
+  // would reuse a just-closed low number.
+  const int closedFd = 1000;
+  ASSERT_EQ(fcntl(closedFd, F_GETFD), -1);
+  EXPECT_EQ(Korva::validateNetNs(closedFd, &valid), 0);
+  EXPECT_FALSE(valid);
+  EXPECT_EQ(threadNsInode(), own);
+  EXPECT_EQ(Korva::validateNetNs(std::string("korva-test-missing"), &valid), -1);
+  EXPECT_FALSE(valid);
+}
+
+TEST_F(NetnsUtils, SetNsByNameEntersAndReportsFailures) {
+  ScopedNs ns;
+  ASSERT_EQ(netNsAdd(ns.name()), 0);
+  std::thread visitor([&] {
+    EXPECT_EQ(Korva::setNsByName(ns.name()), 0);
+    EXPECT_EQ(threadNsInode(), netNsInode(ns.name()));
+  });
+  visitor.join();
+  Mox::TraceCapture capture;
+  EXPECT_EQ(Korva::setns_by_name("korva-test-missing"), -1);
+  EXPECT_TRUE(capture.contains("Cannot setns to korva-test-missing : "));
+}
+
+TEST_F(NetnsUtils, MountDefaultTwiceChangesNothingTheSecondTime) {
+  const bool hadDefault = Korva::netNsExists(Korva::DEFAULT_NS);
+  ASSERT_EQ(Korva::mountDefaultNetNs(), 0);
+  const Mox::U64 inode = netNsInode(Korva::DEFAULT_NS);
+  EXPECT_EQ(inode, inodeOf("/proc/self/ns/net"));
+  Mox::TraceCapture capture;
+  ASSERT_EQ(Korva::mountDefaultNetNs(), 0);
+  EXPECT_TRUE(capture.contains(" exists"));
+  EXPECT_EQ(netNsInode(Korva::DEFAULT_NS), inode);
+  if (!hadDefault) netNsDelete(Korva::DEFAULT_NS);
+}
+
+TEST_F(NetnsUtils, MoveIntfCarriesAVethEndAcross) {
+  ScopedNs from, to;
+  ASSERT_EQ(netNsAdd(from.name()), 0);
+  ASSERT_EQ(netNsAdd(to.name()), 0);
+  const std::string add = "ip -n " + from.name() + " link add kvtA type veth peer name kvtB";
+  ASSERT_EQ(std::system(add.c_str()), 0);
+  ASSERT_EQ(Korva::move_intf_netns("kvtB", from.name(), to.name()), 0);
+  EXPECT_EQ(std::system(("ip -n " + to.name() + " link show kvtB >/dev/null").c_str()), 0);
+  EXPECT_NE(std::system(("ip -n " + from.name() + " link show kvtB >/dev/null 2>&1").c_str()), 0);
+  Mox::TraceCapture capture;
+  EXPECT_EQ(Korva::moveIntfNetNs("kvtNone", from.name(), to.name()), -1);
+  EXPECT_EQ(errno, ENODEV);
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+#include <Korva/deferClose.h>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+#include <vector>
+
+namespace {
+
+bool isOpen(int fd) {
+  return fcntl(fd, F_GETFD) != -1;
+}
+
+// Waits, bounded, for the closer thread to catch up with everything queued so far.
+bool closerDrained() {
+  const auto& stats = Korva::deferCloseStats();
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (stats.closed.load() != stats.enqueued.load()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+// A TCP client whose close() blocks: its send queue is full of data the peer never reads
+// and it lingers. Closing the peer (which resets the connection) releases it.
+struct LingeringConnection {
+  int listener = -1, client = -1, server = -1;
+
+  LingeringConnection() {
+    listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    listen(listener, 1);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    client = socket(AF_INET, SOCK_STREAM, 0);
+    int small = 4096;
+    setsockopt(client, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    server = accept(listener, nullptr, nullptr);
+    setsockopt(server, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    fcntl(client, F_SETFL, O_NONBLOCK);
+    char chunk[4096] = {};
+    while (write(client, chunk, sizeof chunk) > 0) {
+    }
+    linger lingerOn{1, 10};
+    setsockopt(client, SOL_SOCKET, SO_LINGER, &lingerOn, sizeof lingerOn);
+  }
+  void releaseClient() {
+    close(server);  // unread data: the close sends a reset, which ends the linger
+    server = -1;
+  }
+  ~LingeringConnection() {
+    if (server >= 0) close(server);
+    close(listener);
+  }
+};
+
+TEST(DeferClose, ClosesOnTheCloserThread) {
+  const auto& stats = Korva::deferCloseStats();
+  const Mox::U32 inlineBefore = stats.closedInline.load();
+  std::vector<int> fds;
+  for (int i = 0; i < 100; ++i) {
+    int pair[2];
+    ASSERT_EQ(pipe(pair), 0);
+    close(pair[1]);
+    fds.push_back(pair[0]);
+    EXPECT_EQ(Korva::deferClose(pair[0]), 0);
+  }
+  ASSERT_TRUE(closerDrained());
+  for (int fd : fds) EXPECT_FALSE(isOpen(fd));
+  EXPECT_EQ(stats.closedInline.load(), inlineBefore);
+}
+
+TEST(DeferClose, FullRingClosesInline) {
+  const auto& stats = Korva::deferCloseStats();
+  ASSERT_TRUE(closerDrained());
+  LingeringConnection blocker;
+  ASSERT_EQ(Korva::deferClose(blocker.client), 0);  // the closer is now stuck in close()
+
+  std::vector<int> queued;
+  while (stats.enqueued.load() - stats.closed.load() < Korva::DeferCloseStats::ringSize) {
+    int fd = dup(0);
+    ASSERT_GE(fd, 0);
+    queued.push_back(fd);
+    ASSERT_EQ(Korva::deferClose(fd), 0);
+  }
+  EXPECT_EQ(queued.size(), Korva::DeferCloseStats::ringSize - 1);
+  for (int fd : queued) EXPECT_TRUE(isOpen(fd)) << "queued behind the blocked close";
+
+  const Mox::U32 inlineBefore = stats.closedInline.load();
+  int extra = dup(0);
+  EXPECT_EQ(Korva::deferClose(extra), 0);
+  EXPECT_FALSE(isOpen(extra));
+  EXPECT_EQ(stats.closedInline.load(), inlineBefore + 1);
+
+  blocker.releaseClient();
+  ASSERT_TRUE(closerDrained());
+  for (int fd : queued) EXPECT_FALSE(isOpen(fd));
+}
+
+}  // namespace

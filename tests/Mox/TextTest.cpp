@@ -1,0 +1,297 @@
+#include <Mox/Text.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+
+namespace {
+
+using Mox::S32;
+using Mox::S64;
+using Mox::TextIter;
+using Mox::U16;
+using Mox::U32;
+using Mox::U64;
+using Mox::U8;
+
+// --- dectol, needString, skipString ---
+
+S64 dectolOf(std::string_view text, size_t* consumed) {
+  TextIter it = text.data();
+  S64 value = Mox::dectol(it, text.data() + text.size());
+  *consumed = it - text.data();
+  return value;
+}
+
+TEST(Dectol, ReadsDigitsAndStopsAfterThem) {
+  size_t consumed;
+  EXPECT_EQ(dectolOf("12345/6", &consumed), 12345);
+  EXPECT_EQ(consumed, 5u);
+  EXPECT_EQ(dectolOf("x1", &consumed), 0);
+  EXPECT_EQ(consumed, 0u);
+  EXPECT_EQ(dectolOf("", &consumed), 0);
+  EXPECT_EQ(dectolOf("007", &consumed), 7);
+  EXPECT_EQ(consumed, 3u);
+  EXPECT_EQ(dectolOf(std::string_view("98765", 2), &consumed), 98);  // never reads past end
+  EXPECT_EQ(consumed, 2u);
+}
+
+TEST(Dectol, SaturatesAndStillConsumesTheRun) {
+  constexpr S64 kMax = std::numeric_limits<S64>::max();
+  size_t consumed;
+  EXPECT_EQ(dectolOf("9223372036854775807", &consumed), kMax);
+  EXPECT_EQ(dectolOf("9223372036854775806", &consumed), kMax - 1);
+  EXPECT_EQ(dectolOf("9223372036854775808", &consumed), kMax);
+  EXPECT_EQ(dectolOf("123456789012345678901234567890.", &consumed), kMax);
+  EXPECT_EQ(consumed, 30u);
+}
+
+TEST(NeedString, StepsOverTheLiteralOrThrowsInPlace) {
+  const std::string text = "Value('X'";
+  TextIter it = text.data();
+  const TextIter end = it + text.size();
+  EXPECT_FALSE(Mox::skipString(it, end, "Vague"));
+  EXPECT_EQ(it, text.data());
+  EXPECT_TRUE(Mox::skipString(it, end, "Value"));
+  EXPECT_EQ(it, text.data() + 5);
+  try {
+    Mox::needString(it, end, "('X')");  // runs off the end
+    FAIL() << "no exception";
+  } catch (const Mox::RangeException& e) {
+    EXPECT_STREQ(e.what(), "Expected ('X')");
+  }
+  EXPECT_EQ(it, text.data() + 5);
+  Mox::needString(it, end, "('X'");
+  EXPECT_EQ(it, end);
+  EXPECT_TRUE(Mox::skipString(it, end, ""));
+}
+
+// --- built-in text forms ---
+
+TEST(ValueToStrep, PrintsTheRuntimeForms) {
+  EXPECT_EQ(Mox::valueToStrep(true), "True");
+  EXPECT_EQ(Mox::valueToStrep(false), "False");
+  EXPECT_EQ(Mox::valueToStrep(U8{200}), "200");
+  EXPECT_EQ(Mox::valueToStrep(S32{-5}), "-5");
+  EXPECT_EQ(Mox::valueToStrep(0.5), "0.5");
+  EXPECT_EQ(Mox::valueToStrep('q'), "'q'");
+  EXPECT_EQ(Mox::valueToStrep("it's a\\b\n\t\r\x01\x7f\xc3\xa9"),
+            "'it\\'s a\\\\b\\n\\t\\r\\x01\\x7f\xc3\xa9'");
+}
+
+// Reads `text` as a T; checks the whole text was consumed.
+template <class T>
+T parsed(const std::string& text) {
+  T value{};
+  TextIter it = text.data();
+  Mox::deserializeAttr(it, text.data() + text.size(), &value);
+  EXPECT_EQ(it, text.data() + text.size()) << text;
+  return value;
+}
+
+// Print, read back with trailing text after it, and compare.
+template <class T, class Equal = std::equal_to<T>>
+void expectRoundTrip(const T& value, Equal equal = {}) {
+  const std::string text = Mox::strepOf(value) + ", next";
+  T read{};
+  TextIter it = text.data();
+  Mox::deserializeAttr(it, text.data() + text.size(), &read);
+  ASSERT_TRUE(equal(read, value)) << text;
+  ASSERT_EQ(std::string_view(it), ", next") << text;
+}
+
+template <class T>
+void roundTripIntegers(std::mt19937_64& random) {
+  using Limits = std::numeric_limits<T>;
+  for (T edge : {Limits::min(), Limits::max(), T(0), T(1), T(Limits::max() - 1)}) {
+    expectRoundTrip(edge);
+  }
+  for (int i = 0; i < 2000; ++i) {
+    // Random widths, so short and long numbers both occur.
+    const U64 bits = random() >> (random() % 64);
+    expectRoundTrip(static_cast<T>(bits));
+  }
+}
+
+TEST(RoundTrip, Integers) {
+  std::mt19937_64 random(11);
+  roundTripIntegers<U8>(random);
+  roundTripIntegers<U16>(random);
+  roundTripIntegers<U32>(random);
+  roundTripIntegers<U64>(random);
+  roundTripIntegers<S32>(random);
+  roundTripIntegers<S64>(random);
+}
+
+TEST(RoundTrip, BoolAndChar) {
+  expectRoundTrip(true);
+  expectRoundTrip(false);
+  for (int c = 0; c < 256; ++c) expectRoundTrip(static_cast<char>(c));
+}
+
+TEST(RoundTrip, DoublesBitForBit) {
+  auto sameBits = [](double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; };
+  std::mt19937_64 random(12);
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  for (double edge : {0.0, -0.0, 1.0, 0.1, kInf, -kInf, std::numeric_limits<double>::min(),
+                      std::numeric_limits<double>::denorm_min(), std::numeric_limits<double>::max(),
+                      -std::numeric_limits<double>::max()}) {
+    expectRoundTrip(edge, sameBits);
+  }
+  for (int i = 0; i < 5000; ++i) {
+    const U64 bits = random();
+    double value;
+    std::memcpy(&value, &bits, sizeof value);
+    if (std::isnan(value)) continue;
+    expectRoundTrip(value, sameBits);
+  }
+  EXPECT_TRUE(std::isnan(parsed<double>(Mox::valueToStrep(std::nan("")))));
+}
+
+TEST(RoundTrip, StringsOfAnyBytes) {
+  std::mt19937_64 random(13);
+  for (const char* edge : {"", "'", "\\", "\\'", "''", "\\x41", "a'b\\c\nd\0e"}) {
+    expectRoundTrip(std::string(edge));
+  }
+  expectRoundTrip(std::string("nul\0inside", 10));
+  for (int i = 0; i < 3000; ++i) {
+    std::string value(random() % 24, '\0');
+    for (char& c : value) c = static_cast<char>(random());
+    expectRoundTrip(value);
+  }
+}
+
+// A malformed or out-of-range text raises RangeException and changes neither the value nor
+// the iterator.
+template <class T>
+void expectRefused(const std::string& text, T sentinel) {
+  T value = sentinel;
+  TextIter it = text.data();
+  EXPECT_THROW(Mox::deserializeAttr(it, text.data() + text.size(), &value), Mox::RangeException)
+      << text;
+  EXPECT_TRUE(value == sentinel) << text;
+  EXPECT_EQ(it, text.data()) << text;
+}
+
+TEST(Failure, RefusedTextLeavesValueAndIterator) {
+  for (const char* text : {"256", "-1", "", "x", "1000"}) expectRefused<U8>(text, 42);
+  for (const char* text : {"65536", "-", " 1"}) expectRefused<U16>(text, 42);
+  for (const char* text : {"4294967296", "99999999999999999999"}) expectRefused<U32>(text, 42);
+  for (const char* text : {"18446744073709551616", "99999999999999999999999", "-0"}) {
+    expectRefused<U64>(text, 42);
+  }
+  for (const char* text : {"2147483648", "-2147483649", "-", "-x", "+1"}) {
+    expectRefused<S32>(text, 42);
+  }
+  for (const char* text : {"9223372036854775808", "-9223372036854775809", "-"}) {
+    expectRefused<S64>(text, 42);
+  }
+  for (const char* text : {"true", "Tru", "", "1"}) expectRefused<bool>(text, true);
+  for (const char* text : {"x", "", "1e999", "--1"}) expectRefused<double>(text, 2.5);
+  for (const char* text : {"'abc", "abc", "'\\q'", "'\\x4'", "'\\x4g'", "'\\", "\"a\""}) {
+    expectRefused<std::string>(text, "kept");
+  }
+  for (const char* text : {"''", "'ab'", "a", "'a"}) expectRefused<char>(text, 'k');
+}
+
+TEST(ValueFromText, DemandsTheWholeText) {
+  EXPECT_EQ(Mox::valueFromText<U16>("8080", "Invalid port"), 8080);
+  for (const char* text : {"80x", "", "70000", " 80"}) {
+    try {
+      Mox::valueFromText<U16>(text, "Invalid port");
+      ADD_FAILURE() << text;
+    } catch (const Mox::RangeException& e) {
+      EXPECT_STREQ(e.what(), "Invalid port");
+    }
+  }
+}
+
+}  // namespace
+
+// --- the generic form, for composite values of a user namespace ---
+
+namespace Test {
+
+struct Pair {
+  U32 code = 0;
+  std::string label;
+  bool on = false;
+  bool operator==(const Pair&) const = default;
+};
+
+std::string valueToStrep(const Pair& p) {
+  return Mox::ValueText("Test::Pair")
+      .attr("code", p.code)
+      .attr("label", p.label)
+      .attr("on", p.on)
+      .str();
+}
+
+void sequenceToValue(TextIter& it, TextIter end, Pair* value) {
+  Pair read;
+  Mox::ValueParser(it, end, "Test::Pair")
+      .attr("code", &read.code)
+      .attr("label", &read.label)
+      .attr("on", &read.on)
+      .finish();
+  *value = read;
+}
+
+struct Outer {
+  Pair inner;
+  S32 n = 0;
+  bool operator==(const Outer&) const = default;
+};
+
+std::string valueToStrep(const Outer& o) {
+  return Mox::ValueText("Test::Outer").attr("inner", o.inner).attr("n", o.n).str();
+}
+
+void sequenceToValue(TextIter& it, TextIter end, Outer* value) {
+  Outer read;
+  Mox::ValueParser(it, end, "Test::Outer").attr("inner", &read.inner).attr("n", &read.n).finish();
+  *value = read;
+}
+
+namespace {
+
+TEST(GenericForm, PrintsAttributesInOrder) {
+  EXPECT_EQ(valueToStrep(Pair{7, "a'b", true}),
+            "Value('Test::Pair', ** {'code': 7, 'label': 'a\\'b', 'on': True})");
+  EXPECT_EQ(valueToStrep(Outer{{1, "", false}, -3}),
+            "Value('Test::Outer', ** {'inner': Value('Test::Pair', ** {'code': 1, 'label': '', "
+            "'on': False}), 'n': -3})");
+  EXPECT_EQ(Mox::ValueText("Test::Empty").str(), "Value('Test::Empty', ** {})");
+}
+
+TEST(GenericForm, NestedRoundTrips) {
+  std::mt19937_64 random(14);
+  for (int i = 0; i < 1000; ++i) {
+    Outer value{{static_cast<U32>(random()), std::string(random() % 6, '\0'), bool(random() & 1)},
+                static_cast<S32>(random())};
+    for (char& c : value.inner.label) c = static_cast<char>(random());
+    expectRoundTrip(value);
+    ASSERT_EQ(Mox::valueFromText<Outer>(valueToStrep(value), "Invalid Outer"), value);
+  }
+}
+
+TEST(GenericForm, RefusedTextLeavesValueAndIterator) {
+  const Outer kept{{9, "kept", true}, 9};
+  const std::string good = valueToStrep(Outer{{1, "x", false}, 2});
+  expectRefused<Outer>(good.substr(0, good.size() - 1), kept);  // truncated
+  expectRefused<Outer>(good.substr(0, good.find("'n'")), kept);
+  std::string renamed = good;
+  renamed.replace(renamed.find("'code'"), 6, "'kode'");
+  expectRefused<Outer>(renamed, kept);
+  std::string badInner = good;
+  badInner.replace(badInner.find("False"), 5, "false");
+  expectRefused<Outer>(badInner, kept);
+  expectRefused<Outer>("Value('Test::Other', ** {})", kept);
+  expectRefused<Outer>("", kept);
+}
+
+}  // namespace
+}  // namespace Test

@@ -1,0 +1,106 @@
+// Runs the built korva tool's addr command as a user would, through the shell.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+struct ToolRun {
+  std::string output;
+  int status = -1;
+};
+
+class AddrCommand : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (access(korva_.c_str(), X_OK) != 0) GTEST_FAIL() << "korva tool not built: " << korva_;
+  }
+  void TearDown() override { std::remove(inputPath_.c_str()); }
+
+  // `korva addr <arguments>` with `input` on standard input; standard output only.
+  ToolRun run(const std::string& arguments, const std::string& input = "") {
+    std::ofstream(inputPath_, std::ios::binary) << input;
+    const std::string command = korva_ + " addr " + arguments + " < " + inputPath_ + " 2>/dev/null";
+    ToolRun result;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return result;
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
+    int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+  }
+
+  std::string korva_ = std::string(KORVA_BINARY_DIR) + "/korva";
+  std::string inputPath_ =
+      ::testing::TempDir() + "korva-addr-input-" + std::to_string(getpid()) + ".txt";
+};
+
+TEST_F(AddrCommand, ArgumentsPrintCanonicalTexts) {
+  ToolRun r = run("00-11-22-33-44-55 0011.2233.4455 AA:BB:CC:DD:EE:FF");
+  EXPECT_EQ(r.output, "00:11:22:33:44:55\n00:11:22:33:44:55\naa:bb:cc:dd:ee:ff\n");
+  EXPECT_EQ(r.status, 0);
+}
+
+TEST_F(AddrCommand, StandardInputOneLinePerInputAndFailuresSetTheStatus) {
+  ToolRun r = run("", "00:11:22:33:44:55\r\n00:11:22:33:44\n0-1-2-3-4-5\n");
+  EXPECT_EQ(r.output, "00:11:22:33:44:55\nerror: Invalid EthAddr\n00:01:02:03:04:05\n");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(run("", "").output, "");
+  EXPECT_EQ(run("", "").status, 0);
+}
+
+TEST_F(AddrCommand, ForcedTypes) {
+  EXPECT_EQ(run("--type eui64 0011.2233.4455.6677").output, "00:11:22:33:44:55:66:77\n");
+  ToolRun labels = run("--type mplslabel 3 8388609");
+  EXPECT_EQ(labels.output,
+            "3\nerror: MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed\n");
+  EXPECT_EQ(labels.status, 1);
+  EXPECT_NE(run("--type nosuchtype 1").status, 0);
+}
+
+TEST_F(AddrCommand, JsonCarriesTypeTextFamilyHashAndPredicates) {
+  ToolRun r = run("--json", "ff:ff:ff:ff:ff:ff\nnot-an-address\n");
+  std::istringstream lines(r.output);
+  std::string line;
+  ASSERT_TRUE(std::getline(lines, line));
+  auto broadcast = nlohmann::json::parse(line);
+  EXPECT_EQ(broadcast["type"], "ethaddr");
+  EXPECT_EQ(broadcast["text"], "ff:ff:ff:ff:ff:ff");
+  EXPECT_EQ(broadcast["family"], "ethernet");
+  EXPECT_EQ(broadcast["hash"], 0x4d7a068au);
+  EXPECT_EQ(broadcast["predicates"], nlohmann::json::array({"isBroadcast"}));
+  ASSERT_TRUE(std::getline(lines, line));
+  auto failure = nlohmann::json::parse(line);
+  EXPECT_EQ(failure["input"], "not-an-address");
+  EXPECT_EQ(failure["error"], "Invalid EthAddr");
+  EXPECT_FALSE(std::getline(lines, line));
+  EXPECT_EQ(r.status, 1);
+}
+
+TEST_F(AddrCommand, ManyLinesInOneRun) {
+  std::string input;
+  std::string expected;
+  for (int i = 0; i < 20000; ++i) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%x-%x-%x-%x-%x-%x", i & 0xff, i >> 8, 1, 2, 3, 4);
+    input += text;
+    input += '\n';
+    std::snprintf(text, sizeof text, "%02x:%02x:01:02:03:04\n", i & 0xff, i >> 8);
+    expected += text;
+  }
+  ToolRun r = run("", input);
+  EXPECT_EQ(r.output, expected);
+  EXPECT_EQ(r.status, 0);
+}
+
+}  // namespace
