@@ -187,6 +187,37 @@ TEST(ModelsNotify, QueueIsFirstInFirstOutBySequence) {
                     "pending 10", "pending 3", "pending 9", "pending 10"}));
 }
 
+class LeafWatcher : public Dir::Notifiee {
+ public:
+  explicit LeafWatcher(Dir* dir) { notifierIs(dir); }
+  void onLeaf(const Mox::Name& key) override { seen.push_back(key); }
+  std::vector<std::string> seen;
+};
+
+TEST(ModelsNotify, ChildEntitiesAreMadeOncePerKey) {
+  auto dir = dirFactory("dir");
+  LeafWatcher watcher(dir.get());
+  auto a = dir->newLeaf("a");
+  EXPECT_EQ(a->name(), "a");
+  EXPECT_EQ(dir->newLeaf("a"), a);  // present: the same child, no hook
+  dir->newLeaf("b");
+  EXPECT_EQ(dir->leaf("a"), a);
+  EXPECT_EQ(dir->leaf("c"), nullptr);
+  dir->leafDel("c");
+  dir->leafDelAll();
+  EXPECT_EQ(dir->leafSize(), 0u);
+  EXPECT_EQ(a->references(), 1u);
+  EXPECT_EQ(watcher.seen, (std::vector<std::string>{"a", "b", "a", "b"}));
+
+  // Arrays of bool: false is the default and counts as absent.
+  a->seenIs(4, true);
+  a->seenIs(1, true);
+  a->seenDel(4);
+  EXPECT_EQ(a->seenSize(), 2u);
+  EXPECT_TRUE(a->seen(1));
+  EXPECT_FALSE(a->seen(0));
+}
+
 // --- derived entities and hand-written subclasses ---------------------------------------
 
 TEST(ModelsDerived, NotifieeOfDerivedEntityHearsBaseAndOwnHooks) {

@@ -549,6 +549,8 @@ class Emitter:
             return f"{t} {a.name}_{init}"
         if a.kind == "array":
             return f"std::vector<{t}> {a.name}_"
+        if a.kind == "children":
+            return f"std::map<{self.cxx(a.key)}, Mox::Ptr<{t}>> {a.name}_"
         return f"std::map<{self.cxx(a.key)}, {t}> {a.name}_"
 
     def notifiee(self, e):
@@ -717,6 +719,46 @@ class Emitter:
         c("  }")
         c("}")
         c()
+
+    def declare_children(self, a):
+        h = self.h
+        t, k = self.cxx(a.type), self.cxx(a.key)
+        pk = self.param(a.key)
+        v = self.mutator(a)
+        n = cap(a.name)
+        h(f"  // Child entities, one per key, made by {a.factory}(key).")
+        h(f"  Mox::Ptr<{t}> {a.name}({pk} key) const;")
+        h(f"  const std::map<{k}, Mox::Ptr<{t}>>& {a.name}Coll() const {{ return {a.name}_; }}")
+        h(f"  size_t {a.name}Size() const {{ return {a.name}_.size(); }}")
+        h(f"  // Makes the child unless the key has one; returns the key's child.")
+        h(f"  {v}Mox::Ptr<{t}> new{n}({pk} key);")
+        h(f"  {v}void {a.name}Del({pk} key);")
+        h(f"  {v}void {a.name}DelAll();")
+        h(f"  // Runs the on{n}(key) hooks without a change.")
+        h(f"  {v}void {a.name}Notify({pk} key) const;")
+
+    def define_children(self, e, a):
+        c = self.c
+        t = self.cxx(a.type)
+        pk = self.param(a.key)
+        n = cap(a.name)
+        m = f"{a.name}_"
+        c(f"Mox::Ptr<{t}> {e.name}::{a.name}({pk} key) const {{")
+        c(f"  auto entry = {m}.find(key);")
+        c(f"  return entry == {m}.end() ? nullptr : entry->second;")
+        c("}")
+        c()
+        c(f"Mox::Ptr<{t}> {e.name}::new{n}({pk} key) {{")
+        c(f"  auto entry = {m}.find(key);")
+        c(f"  if (entry != {m}.end()) return entry->second;")
+        c(f"  Mox::Ptr<{t}> child = {a.factory}(key);")
+        c(f"  {m}.emplace(key, child);")
+        c(f"  {self.notify(a, 'key')}")
+        c("  return child;")
+        c("}")
+        c()
+        self.define_del_all(e, a)
+        self.define_notify(e, a, f"{pk} key", "key")
 
     def declare_array(self, a):
         h = self.h

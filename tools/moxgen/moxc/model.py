@@ -46,7 +46,8 @@ class Attr:
     line: int
     doc: List[str] = field(default_factory=list)
     key: Optional[str] = None      # key or index type of a collection
-    kind: str = "scalar"           # scalar | map | array | queue
+    kind: str = "scalar"           # scalar | map | array | queue | children
+    factory: Optional[str] = None  # makes the child entity of a new key
     key_member: Optional[str] = None  # the value's attribute that is its key
     counter: bool = False
     virtual: bool = False
@@ -313,10 +314,14 @@ class Parser:
                 if not attr.key:
                     self.error(number, f"'{word}' needs an index type: {attr.name} : T[Index]")
                 attr.kind = word
-            elif word in ("key", "min", "max") and words:
+            elif word in ("key", "min", "max", "factory") and words:
                 value = words.pop(0)
                 if word == "key":
                     attr.key_member = value
+                elif word == "factory":
+                    if not attr.key:
+                        self.error(number, f"child entities need a key: {attr.name} : T[Key]")
+                    attr.kind, attr.factory = "children", value
                 else:
                     setattr(attr, word, Bound(value, number))
             else:

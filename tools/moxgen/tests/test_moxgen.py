@@ -112,6 +112,8 @@ class Errors(unittest.TestCase):
          "base 'B' needs argument 'id'"),
         ("namespace A\nvalue V\n\tx : U8\n", 3, "indent with spaces, not tabs"),
         ("namespace A\nvalue V\n  factory f\n", 3, "only entities have factories"),
+        ("namespace A\nentity E(name : Name)\n  x : E factory f\n", 3,
+         "child entities need a key: x : T[Key]"),
     ]
 
     def test_errors(self):

@@ -7,6 +7,12 @@
 
 namespace Golden {
 
+Leaf::Leaf(const Mox::Name& name) : Mox::Entity(name) {}
+
+Mox::Ptr<Leaf> leafFactory(const Mox::Name& name) {
+  return Mox::Ptr<Leaf>(new Leaf(name));
+}
+
 namespace {
 
 void checkStatusWeight(Mox::U16 value) {
@@ -14,7 +20,7 @@ void checkStatusWeight(Mox::U16 value) {
     throw Mox::RangeException("Status::weight < 1 not allowed");
   }
   if (value > maxWeight) {
-    throw Mox::RangeException("Status::weight > Expr @Entities.mox:11 not allowed");
+    throw Mox::RangeException("Status::weight > Expr @Entities.mox:14 not allowed");
   }
 }
 
@@ -231,6 +237,38 @@ void Status::pendingDelAll() {
 
 void Status::pendingNotify(Mox::U32 key) const {
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(key); });
+}
+
+Mox::Ptr<Leaf> Status::leaf(const Mox::Name& key) const {
+  auto entry = leaf_.find(key);
+  return entry == leaf_.end() ? nullptr : entry->second;
+}
+
+Mox::Ptr<Leaf> Status::newLeaf(const Mox::Name& key) {
+  auto entry = leaf_.find(key);
+  if (entry != leaf_.end()) return entry->second;
+  Mox::Ptr<Leaf> child = leafFactory(key);
+  leaf_.emplace(key, child);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(key); });
+  return child;
+}
+
+void Status::leafDel(const Mox::Name& key) {
+  auto entry = leaf_.find(key);
+  if (entry == leaf_.end()) return;
+  auto removed = leaf_.extract(entry);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(removed.key()); });
+}
+
+void Status::leafDelAll() {
+  while (!leaf_.empty()) {
+    auto removed = leaf_.extract(leaf_.begin());
+    notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(removed.key()); });
+  }
+}
+
+void Status::leafNotify(const Mox::Name& key) const {
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(key); });
 }
 
 Mox::Ptr<Status> statusFactory(const Mox::Name& name) {

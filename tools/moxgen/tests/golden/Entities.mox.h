@@ -7,6 +7,32 @@
 
 namespace Golden {
 
+class Leaf : public Mox::Entity {
+ public:
+  class Notifiee;
+
+ protected:
+  explicit Leaf(const Mox::Name& name);
+
+ private:
+  friend Mox::Ptr<Leaf> leafFactory(const Mox::Name& name);
+};
+
+// Watches one Leaf; each hook runs after a real change of its attribute.
+class Leaf::Notifiee : public Mox::Entity::NotifieeBase {
+ public:
+  Leaf* notifier() const {
+    return static_cast<Leaf*>(const_cast<Mox::Entity*>(notifierBase()));
+  }
+  // Starts watching `notifier` (nullptr: none), leaving the one watched before.
+  void notifierIs(Leaf* notifier) { notifierBaseIs(notifier); }
+
+ protected:
+  Notifiee() = default;
+};
+
+Mox::Ptr<Leaf> leafFactory(const Mox::Name& name);
+
 class Status : public Mox::Entity {
  public:
   class Notifiee;
@@ -81,6 +107,17 @@ class Status : public Mox::Entity {
   void pendingDelAll();
   void pendingNotify(Mox::U32 key) const;
 
+  // Child entities, one per key, made by leafFactory(key).
+  Mox::Ptr<Leaf> leaf(const Mox::Name& key) const;
+  const std::map<Mox::Name, Mox::Ptr<Leaf>>& leafColl() const { return leaf_; }
+  size_t leafSize() const { return leaf_.size(); }
+  // Makes the child unless the key has one; returns the key's child.
+  Mox::Ptr<Leaf> newLeaf(const Mox::Name& key);
+  void leafDel(const Mox::Name& key);
+  void leafDelAll();
+  // Runs the onLeaf(key) hooks without a change.
+  void leafNotify(const Mox::Name& key) const;
+
   U32 total() const;
 
  protected:
@@ -97,6 +134,7 @@ class Status : public Mox::Entity {
   std::vector<Mox::Ptr<Status>> saved_;
   std::map<Mox::U32, Values::Part> pending_;
   PendingMetadata pendingMetadata_;
+  std::map<Mox::Name, Mox::Ptr<Leaf>> leaf_;
 };
 
 // Watches one Status; each hook runs after a real change of its attribute.
@@ -115,6 +153,7 @@ class Status::Notifiee : public Mox::Entity::NotifieeBase {
   virtual void onFlag(Mox::U32) {}
   virtual void onSaved(Mox::U16) {}
   virtual void onPending(Mox::U32) {}
+  virtual void onLeaf(const Mox::Name&) {}
 
  protected:
   Notifiee() = default;
