@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <random>
 #include <set>
 #include <sstream>
@@ -26,6 +27,7 @@ class Recorder : public Special::Notifiee {
   void onMisses() override { events.push_back("misses"); }
   void onLimit() override { events.push_back("limit"); }
   void onLabel() override { events.push_back("label"); }
+  void onMode() override { events.push_back("mode"); }
   void onEntry(const Label& key) override { events.push_back("entry " + key.value()); }
   void onEntryByKey(PartKey key) override { events.push_back("entryByKey " + key.stringValue()); }
   void onFlag(Mox::U32 key) override { events.push_back("flag " + std::to_string(key)); }
@@ -42,6 +44,16 @@ using Events = std::vector<std::string>;
 
 Entry entryOf(Mox::U8 key, const std::string& label, double weight = 0) {
   return Entry(PartKey(key), Label(label), Source::evpn, weight, Part(8, true, '.'));
+}
+
+// The line of the test model that starts with `text`, as a decimal number.
+std::string modelLineOf(const std::string& text) {
+  std::ifstream model(KORVA_SOURCE_DIR "/tests/Models/models/ModelTest/Shapes.mox");
+  std::string line;
+  for (int number = 1; std::getline(model, line); ++number) {
+    if (line.starts_with(text)) return std::to_string(number);
+  }
+  return "none";
 }
 
 template <class F>
@@ -263,8 +275,9 @@ TEST(ModelsBounds, MessagesNameTheTypeAndTheBound) {
   EXPECT_EQ(rangeMessage([] { ShortPrefix("Ether"); }), "no exception");
   EXPECT_EQ(rangeMessage([] { ShortPrefix("Ethern"); }), "ShortPrefix::bytes > 5 not allowed");
   EXPECT_EQ(rangeMessage([] { Part(33, false, '/'); }), "Part::size > 32 not allowed");
+  // A bound that is an expression, not a number, names the model line instead.
   EXPECT_EQ(rangeMessage([] { descFactory(127, "Et"); }),
-            "Desc::typeId > Expr @Shapes.mox:45 not allowed");
+            "Desc::typeId > Expr @Shapes.mox:" + modelLineOf("entity Desc(") + " not allowed");
   EXPECT_EQ(rangeMessage([] { descFactory(126, "Et")->minPartIs(0); }),
             "Desc::minPart < 1 not allowed");
   EXPECT_EQ(PartKey::max(), 3u);
@@ -361,6 +374,18 @@ TEST(ModelsText, RandomValuesRoundTrip) {
     parsed.stringValueIs(entry.stringValue());
     ASSERT_EQ(parsed, entry) << entry;
   }
+}
+
+TEST(ModelsText, NestedEnumeration) {
+  auto counters = countersFactory("c");
+  EXPECT_EQ(counters->mode(), Counters::Mode::connecting);
+  Recorder recorder(counters.get());
+  counters->modeIs(Counters::Mode::connected);
+  counters->modeIs(Counters::Mode::connected);
+  EXPECT_EQ(recorder.take(), (Events{"mode"}));
+  EXPECT_EQ(valueToStrep(counters->mode()), "up");
+  EXPECT_EQ(Mox::valueFromText<Counters::Mode>("idle", "bad"), Counters::Mode::idle);
+  EXPECT_EQ(rangeMessage([] { Mox::valueFromText<Counters::Mode>("down", "bad"); }), "bad");
 }
 
 // --- order and hash -----------------------------------------------------------------------

@@ -73,6 +73,9 @@ class Emitter:
     # --- types --------------------------------------------------------------------------
 
     def cxx(self, type_name):
+        found = self.model.find(type_name)
+        if isinstance(found, EnumDef) and found.owner:
+            return found.qualified  # valid inside and outside the owning class
         return MOX_NAMES.sub(r"Mox::\1", type_name)
 
     def small(self, type_name):
@@ -197,31 +200,50 @@ class Emitter:
     # --- enumerations -------------------------------------------------------------------
 
     def enum(self, e):
-        h, c = self.h, self.c
-        self.doc(h, e.doc)
-        h(f"enum class {e.name} : {self.cxx(e.base)} {{")
+        self.enum_declaration(e, "")
+        self.enum_functions(e)
+
+    def short_function(self, signature, statement):
+        """A one-statement function, on one line when it fits."""
+        line = f"{signature} {{ {statement} }}"
+        if len(line) <= 100:
+            self.c(line)
+        else:
+            self.c(f"{signature} {{")
+            self.c(f"  {statement}")
+            self.c("}")
+
+    def enum_declaration(self, e, indent):
+        h = self.h
+        self.doc(h, e.doc, indent)
+        h(f"{indent}enum class {e.name} : {self.cxx(e.base)} {{")
         for entry in e.entries:
-            h(f"  {entry.name} = {entry.value},")
-        h("};")
+            h(f"{indent}  {entry.name} = {entry.value},")
+        h(f"{indent}}};")
         h()
-        self.text_functions(e.name, by_value=True)
-        table = f"k{e.name}Texts"
+
+    def enum_functions(self, e):
+        c = self.c
+        name = e.qualified
+        self.text_functions(name, by_value=True)
+        table = f"k{name.replace('::', '')}Texts"
         c("namespace {")
         c()
-        c(f"constexpr Mox::EnumText<{e.name}> {table}[] = {{")
+        c(f"constexpr Mox::EnumText<{name}> {table}[] = {{")
         for entry in e.entries:
-            c(f'    {{{e.name}::{entry.name}, "{entry.text}"}},')
+            c(f'    {{{name}::{entry.name}, "{entry.text}"}},')
         c("};")
         c()
         c("}  // namespace")
         c()
-        c(f"std::string valueToStrep({e.name} value) {{ return Mox::enumToStrep(value, {table}); }}")
+        self.short_function(f"std::string valueToStrep({name} value)",
+                            f"return Mox::enumToStrep(value, {table});")
         c()
-        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {e.name}* value) {{")
+        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {name}* value) {{")
         c(f'  Mox::enumFromSequence(it, end, value, {table}, "Invalid {e.name}");')
         c("}")
         c()
-        c(f"std::ostream& operator<<(std::ostream& os, {e.name} value) {{")
+        c(f"std::ostream& operator<<(std::ostream& os, {name} value) {{")
         c("  return os << valueToStrep(value);")
         c("}")
         c()
@@ -351,6 +373,8 @@ class Emitter:
         self.doc(h, v.doc)
         h(f"class {v.name} {{")
         h(" public:")
+        for nested in v.enums:
+            self.enum_declaration(nested, "  ")
         h(f"  {v.name}() = default;")
         if attrs:
             explicit = "explicit " if len(attrs) == 1 else ""
@@ -396,6 +420,8 @@ class Emitter:
         h("};")
         h()
         self.text_functions(v.name)
+        for nested in v.enums:
+            self.enum_functions(nested)
 
         self.emit_checks(v.name, attrs)
         if attrs:
@@ -478,6 +504,9 @@ class Emitter:
         h(f"class {e.name} : public {e.base} {{")
         h(" public:")
         h("  class Notifiee;")
+        h()
+        for nested in e.enums:
+            self.enum_declaration(nested, "  ")
         if any(a.kind == "queue" for a in e.attrs):
             h()
             for a in e.attrs:
@@ -516,6 +545,8 @@ class Emitter:
         if e.factory:
             h(f"Mox::Ptr<{e.name}> {e.factory}({ctor_args});")
             h()
+        for nested in e.enums:
+            self.enum_functions(nested)
 
         self.emit_checks(e.name, [a for a in e.args if a.min or a.max] + e.attrs)
         inits = [f"{e.base}({base_args})"] + [f"{a.name}_({a.name})" for a in stored_args]

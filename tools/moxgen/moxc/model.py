@@ -71,6 +71,11 @@ class EnumDef:
     line: int
     doc: List[str] = field(default_factory=list)
     entries: List[EnumEntry] = field(default_factory=list)
+    owner: Optional[str] = None  # the class a nested enumeration belongs to
+
+    @property
+    def qualified(self):
+        return f"{self.owner}::{self.name}" if self.owner else self.name
 
 
 @dataclass
@@ -80,6 +85,7 @@ class ValueDef:
     doc: List[str] = field(default_factory=list)
     attrs: List[Attr] = field(default_factory=list)
     methods: List[str] = field(default_factory=list)
+    enums: List[EnumDef] = field(default_factory=list)
     wrapped: Optional[str] = None  # a wrapper value holds one `value` of this type
     min: Optional[Bound] = None
     max: Optional[Bound] = None
@@ -105,6 +111,7 @@ class EntityDef:
     factory: Optional[str] = None
     attrs: List[Attr] = field(default_factory=list)
     methods: List[str] = field(default_factory=list)
+    enums: List[EnumDef] = field(default_factory=list)
 
 
 @dataclass
@@ -120,9 +127,13 @@ class Model:
         return os.path.basename(self.path)
 
     def find(self, name):
+        """The definition of a name, nested enumerations included (by either name)."""
         for t in self.types:
             if t.name == name:
                 return t
+            for e in getattr(t, "enums", []):
+                if name in (e.name, e.qualified):
+                    return e
         return None
 
 
@@ -143,6 +154,7 @@ class Parser:
         self.model = Model(path)
         self.text = text
         self.current = None  # the definition that indented lines belong to
+        self.nested = None  # (owner, indent) while the lines of a nested enum are read
         self.doc = []
 
     def error(self, line, message):
@@ -161,10 +173,13 @@ class Parser:
                 self.error(number, "indent with spaces, not tabs")
             line = strip_comment(stripped)
             doc, self.doc = self.doc, []
-            if raw[0].isspace():
+            indent = len(raw) - len(raw.lstrip())
+            if self.nested and indent <= self.nested[1]:
+                self.current, self.nested = self.nested[0], None
+            if indent:
                 if self.current is None:
                     self.error(number, "indented line outside a definition")
-                self.member(number, line, doc)
+                self.member(number, line, doc, indent)
             else:
                 self.top(number, line, doc)
         self.check()
@@ -255,9 +270,19 @@ class Parser:
 
     # --- members -----------------------------------------------------------------------
 
-    def member(self, number, line, doc):
+    def member(self, number, line, doc, indent):
         definition = self.current
-        if line.startswith("method "):
+        if line.startswith("enum "):
+            if isinstance(definition, EnumDef) or getattr(definition, "wrapped", None):
+                self.error(number, "enums nest only in entities and composite values")
+            nested = self.enum(number, line[len("enum "):].strip(), doc)
+            if self.model.find(nested.name):
+                self.error(number, f"'{nested.name}' defined twice")
+            nested.owner = definition.name
+            definition.enums.append(nested)
+            self.nested = (definition, indent)
+            self.current = nested
+        elif line.startswith("method "):
             if isinstance(definition, EnumDef):
                 self.error(number, "enums have no methods")
             definition.methods.append(line[len("method "):].strip())
@@ -341,9 +366,12 @@ class Parser:
     def check(self):
         if not self.model.namespace:
             self.error(1, "missing namespace")
+        enums = [t for t in self.model.types if isinstance(t, EnumDef)]
+        enums += [e for t in self.model.types for e in getattr(t, "enums", [])]
+        for e in enums:
+            if not e.entries:
+                self.error(e.line, f"enum '{e.name}' has no values")
         for t in self.model.types:
-            if isinstance(t, EnumDef) and not t.entries:
-                self.error(t.line, f"enum '{t.name}' has no values")
             if isinstance(t, EntityDef) and t.base != "Mox::Entity" and t.base_args is None:
                 base = self.model.find(t.base)
                 if not isinstance(base, EntityDef):

@@ -144,6 +144,25 @@ std::ostream& operator<<(std::ostream& os, const Name& value) {
 
 namespace {
 
+constexpr Mox::EnumText<Part::Kind> kPartKindTexts[] = {
+    {Part::Kind::plain, "plain"},
+    {Part::Kind::dotted, "dot"},
+};
+
+}  // namespace
+
+std::string valueToStrep(Part::Kind value) { return Mox::enumToStrep(value, kPartKindTexts); }
+
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Part::Kind* value) {
+  Mox::enumFromSequence(it, end, value, kPartKindTexts, "Invalid Kind");
+}
+
+std::ostream& operator<<(std::ostream& os, Part::Kind value) {
+  return os << valueToStrep(value);
+}
+
+namespace {
+
 void checkPartSize(Mox::U8 value) {
   if (value > 32) {
     throw Mox::RangeException("Part::size > 32 not allowed");
@@ -152,8 +171,9 @@ void checkPartSize(Mox::U8 value) {
 
 }  // namespace
 
-Part::Part(Mox::U8 size, bool zeroBased, char separator, Key key, Source source)
-    : size_(size), zeroBased_(zeroBased), separator_(separator), key_(key), source_(source) {
+Part::Part(Mox::U8 size, bool zeroBased, char separator, Key key, Source source, Part::Kind kind)
+    : size_(size), zeroBased_(zeroBased), separator_(separator), key_(key), source_(source),
+      kind_(kind) {
   checkPartSize(size);
 }
 
@@ -175,6 +195,7 @@ Mox::U32 Part::hash() const {
   hash = Mox::hashCombine(hash, Mox::attrHash(separator_));
   hash = Mox::hashCombine(hash, Mox::attrHash(key_));
   hash = Mox::hashCombine(hash, Mox::attrHash(source_));
+  hash = Mox::hashCombine(hash, Mox::attrHash(kind_));
   return hash;
 }
 
@@ -185,6 +206,7 @@ std::string valueToStrep(const Part& value) {
       .attr("separator", value.separator())
       .attr("key", value.key())
       .attr("source", value.source())
+      .attr("kind", value.kind())
       .str();
 }
 
@@ -195,15 +217,17 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Part* value) {
   char separator{};
   Key key{};
   Source source{};
+  Part::Kind kind{};
   Mox::ValueParser parser(cursor, end, "Golden::Values::Part");
   parser.attr("size", &size);
   parser.attr("zeroBased", &zeroBased);
   parser.attr("separator", &separator);
   parser.attr("key", &key);
   parser.attr("source", &source);
+  parser.attr("kind", &kind);
   parser.finish();
   Part parsed(std::move(size), std::move(zeroBased), std::move(separator), std::move(key),
-              std::move(source));
+              std::move(source), std::move(kind));
   it = cursor;
   *value = std::move(parsed);
 }

@@ -135,8 +135,14 @@ std::ostream& operator<<(std::ostream& os, const Name& value);
 // A composite value.
 class Part {
  public:
+  // Nested: Part::Kind.
+  enum class Kind : Mox::U32 {
+    plain = 1,
+    dotted = 2,
+  };
+
   Part() = default;
-  Part(Mox::U8 size, bool zeroBased, char separator, Key key, Source source);
+  Part(Mox::U8 size, bool zeroBased, char separator, Key key, Source source, Part::Kind kind);
 
   // Width in bits.
   Mox::U8 size() const { return size_; }
@@ -149,6 +155,8 @@ class Part {
   void keyIs(Key key) { key_ = key; }
   Source source() const { return source_; }
   void sourceIs(Source source) { source_ = source; }
+  Part::Kind kind() const { return kind_; }
+  void kindIs(Part::Kind kind) { kind_ = kind; }
 
   // The text form Value('Golden::Values::Part', ** {...}), and back; a text
   // that is no value raises Mox::RangeException and changes nothing.
@@ -159,8 +167,8 @@ class Part {
   friend bool operator==(const Part&, const Part&) = default;
   // Lexicographic, attribute by attribute in model order.
   friend auto operator<=>(const Part& a, const Part& b) {
-    return std::tie(a.size_, a.zeroBased_, a.separator_, a.key_, a.source_) <=>
-           std::tie(b.size_, b.zeroBased_, b.separator_, b.key_, b.source_);
+    return std::tie(a.size_, a.zeroBased_, a.separator_, a.key_, a.source_, a.kind_) <=>
+           std::tie(b.size_, b.zeroBased_, b.separator_, b.key_, b.source_, b.kind_);
   }
 
  private:
@@ -169,11 +177,16 @@ class Part {
   char separator_ = '/';
   Key key_{};
   Source source_ = Source::cli;
+  Part::Kind kind_ = Kind::plain;
 };
 
 std::string valueToStrep(const Part& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Part* value);
 std::ostream& operator<<(std::ostream& os, const Part& value);
+
+std::string valueToStrep(Part::Kind value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Part::Kind* value);
+std::ostream& operator<<(std::ostream& os, Part::Kind value);
 
 }  // namespace Golden::Values
 
