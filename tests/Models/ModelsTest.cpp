@@ -388,6 +388,28 @@ TEST(ModelsText, NestedEnumeration) {
   EXPECT_EQ(rangeMessage([] { Mox::valueFromText<Counters::Mode>("down", "bad"); }), "bad");
 }
 
+TEST(ModelsText, FlagsOfAnIntegerValue) {
+  EXPECT_EQ(rangeMessage([] { Options(16); }), "Options::value > 0xf not allowed");
+  Options options(0x5);
+  EXPECT_TRUE(options.txTtl());
+  EXPECT_FALSE(options.txDs());
+  EXPECT_TRUE(options.rxMinTtl());
+  options.txTtlIs(false);
+  options.md5AuthIs(true);
+  EXPECT_EQ(options.value(), 0xcu);
+  const std::string text =
+      "Value('ModelTest::Options', ** {'txTtl': False, 'txDs': False, 'rxMinTtl': True, "
+      "'md5Auth': True})";
+  EXPECT_EQ(options.stringValue(), text);
+  for (Mox::U8 value = 0; value < 16; ++value) {
+    Options parsed;
+    parsed.stringValueIs(Options(value).stringValue());
+    EXPECT_EQ(parsed.value(), value);
+  }
+  EXPECT_EQ(rangeMessage([&] { options.stringValueIs("12"); }), "Invalid Options");
+  EXPECT_EQ(options.value(), 0xcu);
+}
+
 // --- order and hash -----------------------------------------------------------------------
 
 TEST(ModelsOrder, LexicographicByAttributesInModelOrder) {

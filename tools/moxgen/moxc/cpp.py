@@ -289,11 +289,22 @@ class Emitter:
             h(f"  void valueIs({p} value) {{ value_ = value; }}")
         if v.wrapped in STRING_TYPES:
             h("  size_t bytes() const { return value_.size(); }")
+        for b in v.bits:
+            self.doc(h, b.doc, "  ")
+            h(f"  bool {b.name}() const {{ return (value_ >> {b.bit}) & 1u; }}")
+            h(f"  void {b.name}Is(bool {b.name}) {{")
+            h(f"    value_ = static_cast<{t}>({b.name} ? value_ | (1u << {b.bit}) "
+              f": value_ & ~(1u << {b.bit}));")
+            h("  }")
         for method in v.methods:
             h(f"  {method}")
         h()
-        h("  // The bare value as text, and back; a text that is no value raises")
-        h("  // Mox::RangeException and changes nothing.")
+        if v.bits:
+            h(f"  // The text form Value('{self.qualified(v.name)}', ** {{...}}) of the flags, and")
+            h("  // back; a text that is no value raises Mox::RangeException and changes nothing.")
+        else:
+            h("  // The bare value as text, and back; a text that is no value raises")
+            h("  // Mox::RangeException and changes nothing.")
         h("  std::string stringValue() const;")
         h("  void stringValueIs(std::string_view text);")
         h("  Mox::U32 hash() const { return Mox::attrHash(value_); }")
@@ -333,9 +344,46 @@ class Emitter:
         c("}")
         c()
 
+    def flags_text(self, v):
+        """Integer values with named flags print and parse as composites of their flags."""
+        c = self.c
+        c(f"std::string {v.name}::stringValue() const {{ return valueToStrep(*this); }}")
+        c()
+        c(f"void {v.name}::stringValueIs(std::string_view text) {{")
+        c(f'  *this = Mox::valueFromText<{v.name}>(text, "Invalid {v.name}");')
+        c("}")
+        c()
+        c(f"std::string valueToStrep(const {v.name}& value) {{")
+        c(f'  return Mox::ValueText("{self.qualified(v.name)}")')
+        for b in v.bits:
+            c(f'      .attr("{b.name}", value.{b.name}())')
+        c("      .str();")
+        c("}")
+        c()
+        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {v.name}* value) {{")
+        c("  Mox::TextIter cursor = it;")
+        c(f"  {v.name} parsed;")
+        c(f'  Mox::ValueParser parser(cursor, end, "{self.qualified(v.name)}");')
+        for b in v.bits:
+            c(f"  bool {b.name} = false;")
+            c(f'  parser.attr("{b.name}", &{b.name});')
+            c(f"  parsed.{b.name}Is({b.name});")
+        c("  parser.finish();")
+        c("  it = cursor;")
+        c("  *value = parsed;")
+        c("}")
+        c()
+        c(f"std::ostream& operator<<(std::ostream& os, const {v.name}& value) {{")
+        c("  return os << value.stringValue();")
+        c("}")
+        c()
+
     def wrapper_text(self, v):
         c = self.c
         t = self.cxx(v.wrapped)
+        if v.bits:
+            self.flags_text(v)
+            return
         if v.wrapped in STRING_TYPES:
             c(f"std::string {v.name}::stringValue() const {{ return value_; }}")
             c()

@@ -57,6 +57,14 @@ class Attr:
 
 
 @dataclass
+class Bit:
+    name: str
+    bit: int
+    line: int
+    doc: List[str] = field(default_factory=list)
+
+
+@dataclass
 class EnumEntry:
     name: str
     value: str
@@ -86,6 +94,7 @@ class ValueDef:
     attrs: List[Attr] = field(default_factory=list)
     methods: List[str] = field(default_factory=list)
     enums: List[EnumDef] = field(default_factory=list)
+    bits: List[Bit] = field(default_factory=list)  # named flags of an integer value
     wrapped: Optional[str] = None  # a wrapper value holds one `value` of this type
     min: Optional[Bound] = None
     max: Optional[Bound] = None
@@ -296,7 +305,8 @@ class Parser:
                 self.error(number, f"bad factory name '{definition.factory}'")
         else:
             if isinstance(definition, ValueDef) and definition.wrapped:
-                self.error(number, "a value with ': Type' holds only that value")
+                self.bit(number, line, doc)
+                return
             attr = self.attr(number, line, doc)
             if isinstance(definition, ValueDef) and attr.kind != "scalar":
                 self.error(number, "value attributes cannot be collections")
@@ -306,6 +316,21 @@ class Parser:
                                                          for a in definition.args):
                 self.error(number, f"'{attr.name}' is already a constructor argument")
             definition.attrs.append(attr)
+
+    def bit(self, number, line, doc):
+        """A named flag of an integer value: `name : bit N`."""
+        value = self.current
+        m = re.fullmatch(rf"({IDENT})\s*:\s*bit\s+(\d+)", line)
+        if not m or value.wrapped not in INTEGER_TYPES:
+            self.error(number, "a value with ': Type' holds only that value, or integer "
+                       "flags as 'name : bit N'")
+        name, bit = m.group(1), int(m.group(2))
+        width = 8 * {"8": 1, "16": 2, "32": 4, "64": 8}.get(re.sub(r"\D", "", value.wrapped), 4)
+        if bit >= width or (value.max and value.max.literal and 1 << bit > int(value.max.text, 0)):
+            self.error(number, f"bit {bit} does not fit the value")
+        if any(b.name == name or b.bit == bit for b in value.bits):
+            self.error(number, f"flag '{name}' or bit {bit} used twice")
+        value.bits.append(Bit(name, bit, number, doc))
 
     def enum_entry(self, number, line):
         m = re.fullmatch(rf'({IDENT})\s*=\s*(-?(?:0[xX][0-9a-fA-F]+|\d+))(?:\s+"([^"]*)")?', line)

@@ -91,6 +91,47 @@ std::ostream& operator<<(std::ostream& os, const Mask& value) {
   return os << value.stringValue();
 }
 
+Options::Options(Mox::U8 value) { valueIs(value); }
+
+void Options::valueIs(Mox::U8 value) {
+  if (value > 0x3) {
+    throw Mox::RangeException("Options::value > 0x3 not allowed");
+  }
+  value_ = value;
+}
+
+std::string Options::stringValue() const { return valueToStrep(*this); }
+
+void Options::stringValueIs(std::string_view text) {
+  *this = Mox::valueFromText<Options>(text, "Invalid Options");
+}
+
+std::string valueToStrep(const Options& value) {
+  return Mox::ValueText("Golden::Values::Options")
+      .attr("txTtl", value.txTtl())
+      .attr("md5Auth", value.md5Auth())
+      .str();
+}
+
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Options* value) {
+  Mox::TextIter cursor = it;
+  Options parsed;
+  Mox::ValueParser parser(cursor, end, "Golden::Values::Options");
+  bool txTtl = false;
+  parser.attr("txTtl", &txTtl);
+  parsed.txTtlIs(txTtl);
+  bool md5Auth = false;
+  parser.attr("md5Auth", &md5Auth);
+  parsed.md5AuthIs(md5Auth);
+  parser.finish();
+  it = cursor;
+  *value = parsed;
+}
+
+std::ostream& operator<<(std::ostream& os, const Options& value) {
+  return os << value.stringValue();
+}
+
 Prefix::Prefix(const Mox::String8& value) { valueIs(value); }
 
 void Prefix::valueIs(const Mox::String8& value) {

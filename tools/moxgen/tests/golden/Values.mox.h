@@ -75,6 +75,45 @@ std::string valueToStrep(const Mask& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Mask* value);
 std::ostream& operator<<(std::ostream& os, const Mask& value);
 
+// Options as flags of one integer.
+class Options {
+ public:
+  static constexpr Mox::U8 max() { return 0x3; }
+
+  Options() = default;
+  // Out of bounds raises Mox::RangeException
+  // "Options::value > 0x3 not allowed".
+  explicit Options(Mox::U8 value);
+
+  Mox::U8 value() const { return value_; }
+  void valueIs(Mox::U8 value);
+  // Sends with a fixed TTL.
+  bool txTtl() const { return (value_ >> 0) & 1u; }
+  void txTtlIs(bool txTtl) {
+    value_ = static_cast<Mox::U8>(txTtl ? value_ | (1u << 0) : value_ & ~(1u << 0));
+  }
+  bool md5Auth() const { return (value_ >> 1) & 1u; }
+  void md5AuthIs(bool md5Auth) {
+    value_ = static_cast<Mox::U8>(md5Auth ? value_ | (1u << 1) : value_ & ~(1u << 1));
+  }
+
+  // The text form Value('Golden::Values::Options', ** {...}) of the flags, and
+  // back; a text that is no value raises Mox::RangeException and changes nothing.
+  std::string stringValue() const;
+  void stringValueIs(std::string_view text);
+  Mox::U32 hash() const { return Mox::attrHash(value_); }
+
+  friend bool operator==(const Options&, const Options&) = default;
+  friend auto operator<=>(const Options&, const Options&) = default;
+
+ private:
+  Mox::U8 value_{};
+};
+
+std::string valueToStrep(const Options& value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Options* value);
+std::ostream& operator<<(std::ostream& os, const Options& value);
+
 class Prefix {
  public:
   static constexpr size_t maxBytes() { return 5; }
@@ -198,6 +237,11 @@ struct std::hash<Golden::Values::Key> {
 template <>
 struct std::hash<Golden::Values::Mask> {
   size_t operator()(const Golden::Values::Mask& value) const { return value.hash(); }
+};
+
+template <>
+struct std::hash<Golden::Values::Options> {
+  size_t operator()(const Golden::Values::Options& value) const { return value.hash(); }
 };
 
 template <>
