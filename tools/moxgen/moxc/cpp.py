@@ -701,8 +701,11 @@ class Emitter:
         c("}")
         c()
 
+    def is_pointer(self, a):
+        return a.type.startswith(("Mox::Ptr<", "Ptr<"))
+
     def key_expr(self, a, value):
-        arrow = "->" if a.type.startswith(("Mox::Ptr<", "Ptr<")) else "."
+        arrow = "->" if self.is_pointer(a) else "."
         return f"{value}{arrow}{a.key_member}()"
 
     def declare_map(self, a):
@@ -742,6 +745,8 @@ class Emitter:
         if a.key_member:
             args = f"{pv} value"
             key_line = f"  const {k} key = {self.key_expr(a, 'value')};"
+            if self.is_pointer(a):  # an entry without an object has no key
+                key_line = f"  MOX_ASSERT(value);\n{key_line}"
         else:
             args = f"{pk} key, {pv} value"
             key_line = None
