@@ -1,5 +1,4 @@
 #include <Korva/PktSocket.h>
-#include <Korva/ValueHash.h>
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
 
@@ -13,7 +12,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <random>
 #include <string>
 
 namespace {
@@ -66,16 +64,6 @@ TEST(ProtocolFailure, BadTextRaisesAndKeepsTheValue) {
   EXPECT_EQ(value.value(), 6);
 }
 
-TEST(ProtocolOrder, FollowsTheNumberAndHashesLikeOtherValues) {
-  std::mt19937 random(7);
-  for (int i = 0; i < 1000; ++i) {
-    U16 a = U16(random()), b = U16(random());
-    EXPECT_EQ(Protocol(a) < Protocol(b), a < b);
-    EXPECT_EQ(Protocol(a) == Protocol(b), a == b);
-    EXPECT_EQ(Protocol(a).hash(), Korva::valueHashMix(a));
-  }
-}
-
 // --- PktSocket over a UDP socket on loopback ---
 
 sockaddr_in loopback(U16 port) {
@@ -119,12 +107,6 @@ class UdpPktSocket : public ::testing::Test {
   int peer_ = -1;
   sockaddr_in peerAddress_{};
 };
-
-TEST_F(UdpPktSocket, TakesTheDescriptorNonBlockingAndTheGlobalManager) {
-  EXPECT_TRUE(sock_->fileDescriptor()->nonBlocking());
-  EXPECT_EQ(sock_->fileDescriptor()->name(), "udp");
-  EXPECT_EQ(sock_->pktManager().get(), Korva::globalPktManager());
-}
 
 TEST_F(UdpPktSocket, ReceivesADatagramTrimmedWithItsSource) {
   const std::string payload = "a datagram of some forty-odd bytes, no more";
