@@ -264,7 +264,7 @@ TEST(IpAddrWithMaskOrder, AddressThenLength) {
 
 // --- hash ---
 
-TEST(IpAddrHash, SpecifiedMixOfTheStoredWord) {
+TEST(IpAddrHash, MixOfTheStoredWord) {
   // The stored word read as a host integer: on this little-endian host 1.2.3.4 is 0x04030201.
   // Known values, worked out apart from the library.
   EXPECT_EQ(ip("1.2.3.4").hash(), 0x90af30c6u);
