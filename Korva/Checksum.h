@@ -6,9 +6,13 @@
 // can sit at any byte offset of a packet. value() / valueIs() convert to and from host
 // order.
 
+#include <Korva/IpAddr.h>
+#include <Korva/Pkt.h>
 #include <Mox/Types.h>
 
+#include <array>
 #include <bit>
+#include <cstring>
 #include <type_traits>
 
 namespace Korva {
@@ -25,6 +29,18 @@ class __attribute__((packed)) NetUInt {
 
   constexpr T value() const noexcept { return toggle(nbo_); }
   constexpr void valueIs(T host) noexcept { nbo_ = toggle(host); }
+  // A bit field of the host-order value: `width` bits from bit `shift` (0 = least
+  // significant). Headers split their shared words (flags, offsets, lengths) with these.
+  constexpr T field(unsigned shift, unsigned width) const noexcept {
+    return T((value() >> shift) & mask(width));
+  }
+  constexpr void fieldIs(unsigned shift, unsigned width, T v) noexcept {
+    T m = T(mask(width) << shift);
+    valueIs(T((value() & ~m) | ((v << shift) & m)));
+  }
+  constexpr bool flag(unsigned bit) const noexcept { return field(bit, 1); }
+  constexpr void flagIs(unsigned bit, bool on) noexcept { fieldIs(bit, 1, on); }
+
   // The bytes as they sit in memory, for code that already works in wire order.
   constexpr T nbo() const noexcept { return nbo_; }
   constexpr void nboIs(T wire) noexcept { nbo_ = wire; }
@@ -32,6 +48,9 @@ class __attribute__((packed)) NetUInt {
   friend constexpr bool operator==(NetUInt a, NetUInt b) noexcept { return a.nbo_ == b.nbo_; }
 
  private:
+  static constexpr T mask(unsigned width) noexcept {
+    return width >= sizeof(T) * 8 ? T(~T(0)) : T((T(1) << width) - 1);
+  }
   // Host to network and back are the same swap (or none on a big-endian host).
   static constexpr T toggle(T v) noexcept {
     if constexpr (std::endian::native == std::endian::big || sizeof(T) == 1) {
@@ -69,5 +88,81 @@ IpChecksum ipChecksumCalc(const void* bytes, U32 len, U32 partial);
 // The one-call checksum of a buffer. The result is in memory order: store it into the
 // header's checksum field as it is.
 U16 ipChksum(const void* bytes, U32 len);
+
+// The IPv4 pseudo-header of the UDP and TCP checksums (12 bytes).
+template <U8 Protocol>
+struct __attribute__((packed)) Ipv4PseudoHdr {
+  NetU32 src;  // address words as IpAddr stores them
+  NetU32 dst;
+  U8 zero = 0;
+  U8 protocol = Protocol;
+  NetU16 len;  // of the transport header and payload
+
+  void addressesIs(IpAddr source, IpAddr destination) noexcept {
+    src.nboIs(source.valueNbo());
+    dst.nboIs(destination.valueNbo());
+  }
+  void lenIs(U32 bytes) noexcept { len.valueIs(U16(bytes)); }
+};
+
+// An IPv6 address as 16 bytes in wire order.
+using Ip6AddrBytes = std::array<U8, 16>;
+
+// The IPv6 pseudo-header (RFC 8200, 40 bytes). `udpLen` is the upper-layer length for
+// every protocol.
+template <U8 Protocol>
+struct __attribute__((packed)) Ipv6PseudoHdr {
+  U8 src[16] = {};
+  U8 dst[16] = {};
+  NetU32 udpLen;
+  U8 zeros[2] = {};
+  U8 zero = 0;
+  U8 protocol = Protocol;
+
+  void addressesIs(const Ip6AddrBytes& source, const Ip6AddrBytes& destination) noexcept {
+    std::memcpy(src, source.data(), sizeof src);
+    std::memcpy(dst, destination.data(), sizeof dst);
+  }
+  void lenIs(U32 bytes) noexcept { udpLen.valueIs(bytes); }
+};
+
+using UdpPseudoHdr = Ipv4PseudoHdr<17>;
+using TcpPseudoHdr = Ipv4PseudoHdr<6>;
+using UdpPseudoHdrIpv6 = Ipv6PseudoHdr<17>;
+using TcpPseudoHdrIpv6 = Ipv6PseudoHdr<6>;
+using Icmp6PseudoHdr = Ipv6PseudoHdr<58>;
+static_assert(sizeof(UdpPseudoHdr) == 12 && sizeof(UdpPseudoHdrIpv6) == 40);
+
+// The checksum of `len` bytes of a transport header and its payload behind a pseudo-header.
+template <class PseudoHdr>
+IpChecksum pseudoHdrChecksum(const PseudoHdr& pseudo, const void* bytes, U32 len) {
+  return ipChecksumCalc(bytes, len, ipChecksumChunk(&pseudo, sizeof pseudo, 0));
+}
+
+// A transport header view that also knows the IP addresses its checksum covers.
+template <class Header, class PseudoHdr, class Address>
+class TransportHdrWrapper : public HdrWrapper<Header> {
+ public:
+  using HdrWrapper<Header>::HdrWrapper;
+
+  const Address& ipSrc() const noexcept { return ipSrc_; }
+  void ipSrcIs(const Address& address) noexcept { ipSrc_ = address; }
+  const Address& ipDst() const noexcept { return ipDst_; }
+  void ipDstIs(const Address& address) noexcept { ipDst_ = address; }
+
+  // The checksum of the header and what follows it, in wire order as the checksum field
+  // holds it.
+  IpChecksum computedChecksum() const {
+    PseudoHdr pseudo;
+    pseudo.addressesIs(ipSrc_, ipDst_);
+    pseudo.lenIs(Header::segmentBytes(*this->header(), this->pkt()->frontBytes() - this->offset()));
+    return this->header()->computedChecksum(pseudo);
+  }
+  U16 computedChecksumU16() const { return computedChecksum().value(); }
+
+ private:
+  Address ipSrc_{};
+  Address ipDst_{};
+};
 
 }  // namespace Korva

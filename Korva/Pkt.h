@@ -14,6 +14,8 @@
 //   std::memcpy(pkt->newSharedHeadData(payloadLen), payload, payloadLen);
 //   auto* udp = reinterpret_cast<Korva::UdpHdr*>(pkt->newSharedHeadData(sizeof(UdpHdr)));
 
+#include <Mox/Assert.h>
+#include <Mox/Exception.h>
 #include <Mox/Ptr.h>
 #include <Mox/Types.h>
 
@@ -181,6 +183,44 @@ class Pkt::Manager : public Mox::PtrInterface {
 
 // The process-wide manager, "Pkt::Manager", made on first use and never destroyed.
 Pkt::Manager* globalPktManager();
+
+// A header view: ties a header structure (`Header`, laid over the packet's bytes) to a
+// packet at a byte offset into the packet's first data entry. The whole header must lie in
+// that entry; a header that does not is a program fault, not bad input.
+template <class Header>
+class HdrWrapper : public Mox::PtrInterface {
+ public:
+  HdrWrapper(Mox::Ptr<Pkt> pkt, U32 offset) : pkt_(std::move(pkt)), offset_(offset) {
+    handleHeader();
+  }
+
+  const Mox::Ptr<Pkt>& pkt() const noexcept { return pkt_; }
+  U32 offset() const noexcept { return offset_; }
+  Header* header() const noexcept { return header_; }
+  void headerIs(Header* header) noexcept { header_ = header; }
+
+  // Re-derives `header` from the packet, after the packet's bytes have moved.
+  void handleHeader() {
+    if (U64(offset_) + sizeof(Header) > pkt_->frontBytes()) {
+      std::string condition =
+          std::string("( offset_ + sizeof( ") + Header::typeName + " ) ) <= pkt_->frontBytes()";
+      Mox::assertionFailed(condition.c_str(), __FILE__, __PRETTY_FUNCTION__);
+    }
+    header_ = reinterpret_cast<Header*>(pkt_->frontData() + offset_);
+  }
+
+ private:
+  Mox::Ptr<Pkt> pkt_;
+  U32 offset_;
+  Header* header_ = nullptr;
+};
+
+// Makes a wrapper of type W; an empty packet pointer raises "null ValidPtr".
+template <class W>
+Mox::Ptr<W> hdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset) {
+  if (!pkt) throw Mox::RangeException("null ValidPtr");
+  return Mox::Ptr<W>(new W(std::move(pkt), offset));
+}
 
 // Moves an 802.1Q, 802.1ad or QinQ tag out of an Ethernet frame into the packet's separate
 // VLAN tag, when the packet has none yet; true when a tag was moved.
