@@ -100,7 +100,17 @@ U16 readHexGroup(TextIter& p, TextIter end) {
   return static_cast<U16>(value);
 }
 
-Ip6Addr readIp6Addr(TextIter& it, TextIter end) {
+// The groups read, with the zero groups of a "::" (before group `gapAt`) put in.
+Ip6Addr assembleGroups(const U16* groups, int count, int gapAt) noexcept {
+  U32 g[8] = {};
+  const int zeros = 8 - count;
+  for (int i = 0; i < count; ++i) g[gapAt >= 0 && i >= gapAt ? i + zeros : i] = groups[i];
+  return Ip6Addr::fromWords(g[0] << 16 | g[1], g[2] << 16 | g[3], g[4] << 16 | g[5],
+                            g[6] << 16 | g[7]);
+}
+
+// The full reader: every form, and the exact text of every failure.
+Ip6Addr readCheckedIp6Addr(TextIter& it, TextIter end) {
   // Pre-scan: find where the address text ends, count its colons and look for a dotted tail.
   const TextIter start = it;
   const TextIter limit = static_cast<size_t>(end - start) > maxReadSize ? start + maxReadSize : end;
@@ -154,13 +164,58 @@ Ip6Addr readIp6Addr(TextIter& it, TextIter end) {
     }
   }
   if (gapAt < 0 && count < 8) fail("Ip6Addr: incomplete ipv6 address");
-
-  U32 g[8] = {};
-  const int zeros = 8 - count;
-  for (int i = 0; i < count; ++i) g[gapAt >= 0 && i >= gapAt ? i + zeros : i] = groups[i];
   it = p;
-  return Ip6Addr::fromWords(g[0] << 16 | g[1], g[2] << 16 | g[3], g[4] << 16 | g[5],
-                            g[6] << 16 | g[7]);
+  return assembleGroups(groups, count, gapAt);
+}
+
+// The reader for the common form, in one pass: hex groups and at most one "::", no dotted
+// tail, ending at the end of the text or at a character that cannot belong to an address.
+// Whatever it accepts the full reader accepts with the same result (such a text has at most
+// 39 characters, seven colons and no dot); anything else it leaves, without raising, to the
+// full reader, which also words every failure.
+bool readPlainIp6Addr(TextIter& it, TextIter end, Ip6Addr* address) noexcept {
+  U16 groups[8];
+  int count = 0;
+  int gapAt = -1;
+  int colons = 0;
+  TextIter p = it;
+  if (p != end && *p == ':') {
+    if (end - p < 2 || p[1] != ':') return false;
+    gapAt = 0;
+    colons = 2;
+    p += 2;
+  }
+  while (!(gapAt == count && (p == end || charKind(*p) == otherKind))) {
+    unsigned value = 0;
+    int digits = 0;
+    for (unsigned h; p != end && (h = charKind(*p)) < colonKind; ++p) {
+      if (++digits > 4) return false;
+      value = value << 4 | h;
+    }
+    if (digits == 0) return false;
+    groups[count++] = static_cast<U16>(value);
+    if (p == end) break;
+    const unsigned kind = charKind(*p);
+    if (kind == otherKind) break;
+    if (kind != colonKind || count == 8) return false;  // a dot, or more after eight groups
+    ++p;
+    ++colons;
+    if (p != end && *p == ':') {
+      if (gapAt >= 0) return false;
+      gapAt = count;
+      ++colons;
+      ++p;
+    }
+  }
+  if (colons > 7 || (gapAt < 0 && count < 8)) return false;
+  it = p;
+  *address = assembleGroups(groups, count, gapAt);
+  return true;
+}
+
+Ip6Addr readIp6Addr(TextIter& it, TextIter end) {
+  Ip6Addr address;
+  return readPlainIp6Addr(it, end, &address) ? address : readCheckedIp6Addr(it, end);
 }
 
 char* writeHex(char* out, U16 value) noexcept {

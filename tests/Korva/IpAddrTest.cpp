@@ -48,6 +48,10 @@ TEST(IpAddrParse, LeadingZerosAreDecimal) {
   EXPECT_EQ(ip("001.002.003.004"), IpAddr(1, 2, 3, 4));
   EXPECT_EQ(ip("001.002.003.004").stringValue(), "1.2.3.4");
   EXPECT_EQ(ip("010.0.0.0"), IpAddr(10, 0, 0, 0));
+  EXPECT_EQ(ip("0000000001.2.3.0000000255"), IpAddr(1, 2, 3, 255));
+  EXPECT_EQ(parseFailure<IpAddr>("0000000256.2.3.4"), "Invalid IpAddr");
+  EXPECT_EQ(parseFailure<IpAddr>("1.2.3.0256"), "Invalid IpAddr");
+  EXPECT_EQ(parseFailure<IpAddr>("1.2.3.2550"), "Invalid IpAddr");
 }
 
 TEST(IpAddrParse, SequenceStopsAfterFourthOctet) {
@@ -264,7 +268,7 @@ TEST(IpAddrWithMaskOrder, AddressThenLength) {
 
 // --- hash ---
 
-TEST(IpAddrHash, SpecifiedMixOfTheStoredWord) {
+TEST(IpAddrHash, MixOfTheStoredWord) {
   // The stored word read as a host integer: on this little-endian host 1.2.3.4 is 0x04030201.
   // Known values, worked out apart from the library.
   EXPECT_EQ(ip("1.2.3.4").hash(), 0x90af30c6u);

@@ -47,6 +47,8 @@ TEST(IpGenPrefixParse, Ipv6SlashOptional) {
   EXPECT_EQ(prefix("2001:db8::"), IpGenPrefix(Ip6Addr("2001:db8::"), 128));
   EXPECT_EQ(prefix("2001:db8::/32"), IpGenPrefix(Ip6Addr("2001:db8::"), 32));
   EXPECT_EQ(prefix("::ffff:1.2.3.0/120").af(), AddressFamily::ipv6);
+  // Read as an Ip6Prefix is, host bits unchecked; only the constructors check them.
+  EXPECT_FALSE(prefix("2001:db8::1/64").validAsPrefix());
 }
 
 TEST(IpGenPrefixParse, TracesWhatTheIpv4ReaderDetected) {
@@ -289,6 +291,46 @@ TEST(IpGenPrefixCollNotify, PerKeyAndOnlyOnChange) {
 }
 
 // --- failures ---
+
+// Every prefix-like reader over random and mangled texts: a failure leaves the value alone,
+// and whatever is accepted prints as a text that reads back to the same value.
+template <class T>
+void checkReaderOn(const std::string& text) {
+  const std::string failure = parseFailure<T>(text);
+  ASSERT_FALSE(failure.starts_with("value changed")) << text << ": " << failure;
+  if (failure != "no exception") return;
+  T value;
+  value.stringValueIs(text);
+  T again;
+  again.stringValueIs(value.stringValue());
+  ASSERT_EQ(again, value) << text;
+}
+
+TEST(IpGenPrefixFailures, AnyTextFailsCleanlyOrRoundTrips) {
+  std::mt19937 rng(32);
+  const std::string alphabet = "0123456789abcdefABCDEF:::...///  x";
+  const char* seeds[] = {"10.1.0.0/16", "2001:db8::/32", "::ffff:1.2.3.4/120",
+                         "0.0.0.0/0",   "fe80::1",       "1.2.3.4"};
+  for (int i = 0; i < 10000; ++i) {
+    std::string text;
+    if (i % 2) {
+      const int size = rng() % 24;
+      for (int c = 0; c < size; ++c) text += alphabet[rng() % alphabet.size()];
+    } else {
+      text = seeds[rng() % std::size(seeds)];
+      for (int edits = 1 + rng() % 3; edits > 0; --edits) {
+        text[rng() % text.size()] = alphabet[rng() % alphabet.size()];
+      }
+    }
+    checkReaderOn<Prefix>(text);
+    checkReaderOn<Korva::IpAddrWithMask>(text);
+    checkReaderOn<Korva::Ip6AddrWithMask>(text);
+    checkReaderOn<Ip6Prefix>(text);
+    checkReaderOn<IpGenAddr>(text);
+    checkReaderOn<IpGenPrefix>(text);
+    checkReaderOn<IpGenAddrWithMask>(text);
+  }
+}
 
 TEST(IpGenPrefixFailures, ReaderTexts) {
   const IpGenPrefix before = prefix("9.0.0.0/8");
