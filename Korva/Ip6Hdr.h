@@ -3,6 +3,7 @@
 // its Pad1, PadN and router-alert options, and the view that ties the header to a packet.
 
 #include <Korva/Checksum.h>
+#include <Korva/IpHdr.h>  // the protocol numbers a next header holds
 #include <Korva/Pkt.h>
 
 namespace Korva {
