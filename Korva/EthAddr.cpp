@@ -211,6 +211,11 @@ std::ostream& operator<<(std::ostream& os, const EthAddr& value) {
   return os.write(text, std::streamsize(value.toChars(text)));
 }
 
+EthAddr ipMcastMacAddr(IpAddr group) noexcept {
+  const U32 low23 = group.value() & 0x7fffff;
+  return EthAddr(0x0100, U16(0x5e00 | low23 >> 16), U16(low23));
+}
+
 // --- Eui64 ---
 
 Eui64 Eui64::fromBuffer(const unsigned char* bytes) noexcept {

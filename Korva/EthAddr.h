@@ -5,6 +5,7 @@
 // or groups of two bytes separated by "." (0011.2233.4455). Both print lower-case
 // colon-separated bytes. A failed parse raises Mox::RangeException and changes nothing.
 
+#include <Korva/IpAddr.h>
 #include <Mox/Exception.h>
 #include <Mox/Types.h>
 
@@ -119,6 +120,9 @@ class Eui64 {
 std::string valueToStrep(const Eui64& value);
 void sequenceToValue(TextIter& it, TextIter end, Eui64* value);
 std::ostream& operator<<(std::ostream& os, const Eui64& value);
+
+// The Ethernet group of an IPv4 multicast group: 01:00:5e and the group's low 23 bits.
+EthAddr ipMcastMacAddr(IpAddr group) noexcept;
 
 }  // namespace Korva
 

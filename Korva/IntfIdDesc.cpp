@@ -99,14 +99,14 @@ IntfIdDesc::IntfIdDesc(U8 typeId, Mox::String8 firstPrefix, U8 minPart)
   prefix_[0] = std::move(firstPrefix);
 }
 
-Mox::String8 IntfIdDesc::prefix(SubIntfIdKey subType) const {
+const Mox::String8& IntfIdDesc::prefix(SubIntfIdKey subType) const {
   return prefix_[subType];
 }
 
 void IntfIdDesc::prefixIs(SubIntfIdKey subType, std::string_view text) {
   if (prefix_[subType] == text) return;
   prefix_[subType] = text;
-  changed();
+  handleShortPrefixSubType(subType);  // the short prefix must still fit
 }
 
 void IntfIdDesc::prefixDel(SubIntfIdKey subType) {
@@ -145,8 +145,9 @@ void IntfIdDesc::handleInitialized() {
   // Sub-type 0 prints with the type's own short prefix.
   shortPrefixSubType_[0] = shortPrefix_;
   for (U8 subintfId = SubIntfIdKey::min; subintfId <= SubIntfIdKey::max; ++subintfId) {
-    handleShortPrefixSubType(subintfId);
+    checkShortPrefixFits(subintfId);
   }
+  changed();
 }
 
 void IntfIdDesc::handleShortPrefix() {
@@ -154,9 +155,13 @@ void IntfIdDesc::handleShortPrefix() {
 }
 
 void IntfIdDesc::handleShortPrefixSubType(SubIntfIdKey subintfId) {
+  checkShortPrefixFits(subintfId);
+  changed();
+}
+
+void IntfIdDesc::checkShortPrefixFits(SubIntfIdKey subintfId) const {
   MOX_ASSERT_TEXT(shortPrefixSubType(subintfId).bytes() <= prefix(subintfId).size(),
                   "shortPrefixSubType( subintfId ).bytes() <= prefix( subintfId ).bytes()");
-  changed();
 }
 
 void IntfIdDesc::changed() {
@@ -327,9 +332,9 @@ void IntfIdMgr::intfIdDescDel(U8 typeId) {
 }
 
 void IntfIdMgr::initializedIs(bool initialized) {
-  if (initialized_ == initialized) return;
-  if (initialized) handleInitialized();
-  initialized_ = initialized;
+  if (!initialized || initialized_) return;
+  handleInitialized();
+  initialized_ = true;
 }
 
 void IntfIdMgr::handleInitialized() {
@@ -540,11 +545,9 @@ IntfIdDescPluginLoader* IntfIdDescPluginLoader::DefaultPluginLoader() {
 }
 
 void IntfIdDescPluginLoader::loadPlugins(IntfIdMgr* mgr) {
+  // The runtime's loader logs and traces each failure itself; the names stay here for
+  // callers that want to show what the manager was built from.
   Mox::PluginLoadReport report = Mox::loadPlugins(kCategory, mgr);
-  for (const std::string& name : report.loaded) MOX_TRACE(trace, 2, "Loaded plugin " << name);
-  for (const std::string& failure : report.failures) {
-    std::cerr << kCategory << ": " << failure << std::endl;
-  }
   loaded_.insert(loaded_.end(), report.loaded.begin(), report.loaded.end());
   failures_.insert(failures_.end(), report.failures.begin(), report.failures.end());
 }

@@ -115,7 +115,7 @@ class IntfIdDesc : public Mox::Entity {
   U8 minPart() const noexcept { return minPart_; }
 
   // Long prefix per sub-type; sub-type 0 starts as firstPrefix. Empty when absent.
-  Mox::String8 prefix(SubIntfIdKey subType) const;
+  const Mox::String8& prefix(SubIntfIdKey subType) const;
   void prefixIs(SubIntfIdKey subType, std::string_view text);
   void prefixDel(SubIntfIdKey subType);
 
@@ -139,6 +139,7 @@ class IntfIdDesc : public Mox::Entity {
   void handleInitialized();
   void handleShortPrefix();
   void handleShortPrefixSubType(SubIntfIdKey subintfId);
+  void checkShortPrefixFits(SubIntfIdKey subintfId) const;
   // Tells the manager that holds this descriptor that it changed.
   void changed();
 
@@ -246,7 +247,7 @@ class IntfIdMgr : public Mox::Entity {
   void testModeIs(bool testMode) noexcept { testMode_ = testMode; }
 
   bool initialized() const noexcept { return initialized_; }
-  // Setting it loads the plugins; it happens once.
+  // Setting it loads the plugins; it happens once and is never undone.
   void initializedIs(bool initialized);
 
   // The identifier value of a long name; raises Mox::RangeException for names no
@@ -298,7 +299,7 @@ class IntfIdDescPluginLoader {
   static IntfIdDescPluginLoader* DefaultPluginLoader();
 
   // Runs the built-in plugins, then the shared objects on KORVA_PLUGIN_PATH. A plugin that
-  // fails to load is reported on standard error and skipped.
+  // fails to load is skipped; the runtime's loader logs it and it is kept in failures().
   void loadPlugins(IntfIdMgr* mgr);
   const std::vector<std::string>& loaded() const noexcept { return loaded_; }
   const std::vector<std::string>& failures() const noexcept { return failures_; }

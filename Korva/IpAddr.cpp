@@ -39,24 +39,12 @@ constexpr std::array<OctetText, 256> makeOctetTexts() {
 
 constexpr std::array<OctetText, 256> octetTexts = makeOctetTexts();
 
-char* writeDecimal(char* out, U32 n) noexcept {
-  char digits[10];
-  char* p = digits + sizeof digits;
-  do {
-    *--p = char('0' + n % 10);
-    n /= 10;
-  } while (n != 0);
-  const size_t size = digits + sizeof digits - p;
-  std::memcpy(out, p, size);
-  return out + size;
-}
-
 // Address, "/", then the length or (for a non-contiguous mask) a second address.
 std::string slashText(IpAddr address, U32 len) {
   char text[IpAddr::maxTextSize + 1 + 10];
   char* end = address.toChars(text);
   *end++ = '/';
-  end = writeDecimal(end, len);
+  end = detail::writeDecimal(end, len);
   return std::string(text, end);
 }
 
@@ -86,14 +74,35 @@ void parseWhole(std::string_view text, T* target, Read read, const char* trailin
 
 // --- IpAddr ---
 
-U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
+char* detail::writeDecimal(char* out, U32 n) noexcept {
+  char digits[10];
+  char* p = digits + sizeof digits;
+  do {
+    *--p = char('0' + n % 10);
+    n /= 10;
+  } while (n != 0);
+  const size_t size = digits + sizeof digits - p;
+  std::memcpy(out, p, size);
+  return out + size;
+}
+
+namespace {
+
+// The dotted-quad reader; internal so the library's own callers reach it without going
+// through the exported symbol.
+U32 readDottedQuad(TextIter& it, TextIter end) {
   TextIter p = it;
   U32 value = 0;
   for (int octet = 0;; ++octet) {
     if (p == end || !isDigit(*p)) throwInvalidIpAddr();
-    const Mox::S64 n = Mox::dectol(p, end);
-    if (n > 255) throwInvalidIpAddr();
-    value = value << 8 | static_cast<U32>(n);
+    // The digit run as Mox::dectol reads it (leading zeros included), inlined because this
+    // is the hot path; a value above 255 fails whatever digits follow.
+    U32 n = 0;
+    do {
+      n = n * 10 + static_cast<U32>(*p++ - '0');
+      if (n > 255) throwInvalidIpAddr();
+    } while (p != end && isDigit(*p));
+    value = value << 8 | n;
     if (octet == 3) break;
     if (p == end || *p != '.') throwInvalidIpAddr();
     ++p;
@@ -102,10 +111,16 @@ U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
   return detail::swapNbo32(value);
 }
 
+}  // namespace
+
+U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
+  return readDottedQuad(it, end);
+}
+
 void IpAddr::stringValueIs(std::string_view text) {
   TextIter it = text.data();
   TextIter end = it + text.size();
-  const U32 valueNbo = sequenceToValueNbo(it, end);
+  const U32 valueNbo = readDottedQuad(it, end);
   if (it != end) throwInvalidIpAddr();
   valueNbo_ = valueNbo;
 }
@@ -131,7 +146,7 @@ std::string valueToStrep(IpAddr value) {
 }
 
 void sequenceToValue(TextIter& it, TextIter end, IpAddr* value) {
-  *value = IpAddr(IpAddr::sequenceToValueNbo(it, end));
+  *value = IpAddr(readDottedQuad(it, end));
 }
 
 std::ostream& operator<<(std::ostream& os, IpAddr value) {
@@ -155,7 +170,7 @@ namespace {
 
 IpAddrWithMask readIpAddrWithMask(TextIter& it, TextIter end) {
   TextIter p = it;
-  const IpAddr address(IpAddr::sequenceToValueNbo(p, end));
+  const IpAddr address(readDottedQuad(p, end));
   const U32 len = sequenceToPrefixLen(p, end);
   it = p;
   return IpAddrWithMask(address, len);
@@ -215,7 +230,7 @@ namespace {
 // Reads address and length and makes the prefix test, but not the end-of-text test.
 Prefix readPrefix(TextIter& it, TextIter end) {
   TextIter p = it;
-  const IpAddr address(IpAddr::sequenceToValueNbo(p, end));
+  const IpAddr address(readDottedQuad(p, end));
   const U32 len = sequenceToPrefixLen(p, end);
   if (!parsedPrefixValid(address, len)) {
     throw RangeException("Invalid Prefix - non-zero after prefixlen");

@@ -33,6 +33,9 @@ constexpr U32 leadingBitsMask(U32 len) noexcept {
   return len == 0 ? 0u : len >= 32 ? ~0u : ~0u << (32 - len);
 }
 
+// Writes `n` in decimal (at most 10 characters) and returns the end.
+char* writeDecimal(char* out, U32 n) noexcept;
+
 }  // namespace detail
 
 // Supplies <=, > and >= from a type's operator<, as !(b < a), b < a and !(a < b). Several
@@ -43,7 +46,7 @@ struct RelationsFromLess {
   friend bool operator<=(const T& a, const T& b) { return !(b < a); }
   friend bool operator>(const T& a, const T& b) { return b < a; }
   friend bool operator>=(const T& a, const T& b) { return !(a < b); }
-  bool operator==(const RelationsFromLess&) const = default;
+  friend bool operator==(const RelationsFromLess&, const RelationsFromLess&) = default;
 };
 
 class IpAddr : public RelationsFromLess<IpAddr> {

@@ -246,3 +246,18 @@ void sequenceToValue(TextIter& it, TextIter end, MplsLabelOperation* value);
 std::ostream& operator<<(std::ostream& os, const MplsLabelOperation& value);
 
 }  // namespace Korva
+
+template <>
+struct std::hash<Korva::MplsLabel> {
+  size_t operator()(const Korva::MplsLabel& value) const noexcept { return value.hash(); }
+};
+template <>
+struct std::hash<Korva::BoundedMplsLabelStack> {
+  size_t operator()(const Korva::BoundedMplsLabelStack& value) const noexcept {
+    return value.hash();
+  }
+};
+template <>
+struct std::hash<Korva::MplsLabelOperation> {
+  size_t operator()(const Korva::MplsLabelOperation& value) const noexcept { return value.hash(); }
+};

@@ -5,6 +5,7 @@
 #include "Command.h"
 
 #include <Korva/EthAddr.h>
+#include <Korva/IpAddr.h>
 #include <Korva/Mpls.h>
 #include <Mox/Exception.h>
 
@@ -14,6 +15,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +38,33 @@ struct Outcome {
     if (holds && predicateCount < predicates.size()) predicates[predicateCount++] = name;
   }
 };
+
+void describe(const Korva::IpAddr& value, Outcome& out) {
+  out.type = "ipaddr";
+  out.family = "ipv4";
+  out.predicate("isMulticast", value.isMulticast());
+  out.predicate("isUnicast", value.isUnicast());
+  out.predicate("isReservedMulticast", value.isReservedMulticast());
+  out.predicate("isLoopback", value.isLoopback());
+  out.predicate("isLoopbackBase", value.isLoopbackBase());
+  out.predicate("isReserved", value.isReserved());
+  out.predicate("isPrivate", value.isPrivate());
+  out.predicate("isLinkLocal", value.isLinkLocal());
+  out.predicate("isPimRouters", value.isPimRouters());
+  out.predicate("isThisNetwork", value.isThisNetwork());
+}
+
+void describe(const Korva::Prefix& value, Outcome& out) {
+  out.type = "prefix";
+  out.family = "ipv4";
+  out.predicate("isHost", value.isHost());
+  out.predicate("isUnicast", value.isUnicast());
+}
+
+void describe(const Korva::IpAddrWithMask&, Outcome& out) {
+  out.type = "ipaddrwithmask";
+  out.family = "ipv4";
+}
 
 void describe(const Korva::EthAddr& value, Outcome& out) {
   out.type = "ethaddr";
@@ -81,19 +110,32 @@ struct AddrType {
   bool (*parse)(std::string_view input, Outcome& out);
 };
 
+constexpr AddrType kIpAddr{"ipaddr", parseAs<Korva::IpAddr>};
+constexpr AddrType kPrefix{"prefix", parseAs<Korva::Prefix>};
+constexpr AddrType kIpAddrWithMask{"ipaddrwithmask", parseAs<Korva::IpAddrWithMask>};
 constexpr AddrType kEthAddr{"ethaddr", parseAs<Korva::EthAddr>};
 constexpr AddrType kEui64{"eui64", parseAs<Korva::Eui64>};
 constexpr AddrType kMplsLabel{"mplslabel", parseAs<Korva::MplsLabel>};
 
-constexpr std::array kForcibleTypes{kEthAddr, kEui64, kMplsLabel};
+constexpr std::array kForcibleTypes{kIpAddr, kPrefix, kEthAddr, kEui64, kMplsLabel};
 
-// The types to try for a text, most likely first judging by its shape; when none accepts
-// the text, the first one's complaint is the one reported.
-std::vector<const AddrType*> candidatesFor(std::string_view) {
-  return {&kEthAddr};
+// The types to try for a text, most likely first judging by its shape: no text is accepted
+// by two of them, so the order only decides whose complaint is reported when none accepts.
+std::span<const AddrType* const> candidatesFor(std::string_view text) {
+  static constexpr const AddrType* ip4Prefixes[] = {&kPrefix, &kIpAddrWithMask};
+  static constexpr const AddrType* macs[] = {&kEthAddr, &kIpAddr};
+  static constexpr const AddrType* ip4Addrs[] = {&kIpAddr, &kEthAddr};
+  const auto count = [text](char c) { return std::count(text.begin(), text.end(), c); };
+  if (count('/')) return ip4Prefixes;
+  // A MAC address has five colons or dashes, or three dot-separated groups; an IPv4
+  // address has three dots.
+  if (count(':') || count('-') || count('.') == 2) return macs;
+  return ip4Addrs;
 }
 
 class AddrPrinter {
+  using Json = nlohmann::ordered_json;
+
  public:
   AddrPrinter(const AddrType* forced, bool json) : forced_(forced), json_(json) {
     std::setvbuf(stdout, nullptr, _IOFBF, 1 << 20);
@@ -124,30 +166,41 @@ class AddrPrinter {
     std::putchar('\n');
   }
 
+  // The two object shapes are built once; each line only refills their values, so the
+  // strings keep their capacity from line to line.
   void printJson(std::string_view input, bool parsed) {
-    nlohmann::ordered_json object;
-    object["input"] = input;
+    Json& object = parsed ? parsedJson_ : failedJson_;
+    object["input"].get_ref<std::string&>().assign(input);
     if (parsed) {
-      object["type"] = outcome_.type;
-      object["text"] = outcome_.text;
-      object["family"] = outcome_.family;
+      object["type"].get_ref<std::string&>() = outcome_.type;
+      object["text"].get_ref<std::string&>() = outcome_.text;
+      object["family"].get_ref<std::string&>() = outcome_.family;
       object["hash"] = outcome_.hash;
-      auto& predicates = object["predicates"] = nlohmann::ordered_json::array();
+      Json& predicates = object["predicates"];
+      predicates.clear();
       for (size_t i = 0; i < outcome_.predicateCount; ++i) {
         predicates.push_back(outcome_.predicates[i]);
       }
     } else {
-      object["error"] = outcome_.error;
+      object["error"].get_ref<std::string&>() = outcome_.error;
     }
-    // Replace rather than throw on bytes that are not UTF-8: every input gets its line.
-    const std::string line = object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::putchar('\n');
+    line_.clear();
+    serializer_.dump(object, false, false, 0);
+    line_ += '\n';
+    std::fwrite(line_.data(), 1, line_.size(), stdout);
   }
 
   const AddrType* forced_;
   bool json_;
   Outcome outcome_;
+  Json parsedJson_ = {{"input", ""},  {"type", ""}, {"text", ""},
+                      {"family", ""}, {"hash", 0},  {"predicates", Json::array()}};
+  Json failedJson_ = {{"input", ""}, {"error", ""}};
+  std::string line_;
+  // Writes into line_; replaces bytes that are not UTF-8 rather than throwing, so every
+  // input gets its line.
+  nlohmann::detail::serializer<Json> serializer_{nlohmann::detail::output_adapter<char>(line_), ' ',
+                                                 Json::error_handler_t::replace};
 };
 
 int runAddr(const std::vector<std::string>& texts, const std::string& typeName, bool json) {

@@ -30,6 +30,7 @@ std::vector<std::string> inputNames(const IntfOptions& options) {
   if (!options.names.empty()) return options.names;
   std::vector<std::string> names;
   for (std::string line; std::getline(std::cin, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
     if (!line.empty()) names.push_back(line);
   }
   return names;

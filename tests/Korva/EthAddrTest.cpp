@@ -134,6 +134,20 @@ TEST(EthAddrAccess, Eui64InsertsFfFfAndKeepsTheLocalBit) {
   EXPECT_EQ(EthAddr("02:11:22:33:44:55").eui64().stringValue(), "02:11:22:ff:ff:33:44:55");
 }
 
+TEST(EthAddrAccess, IpMulticastGroupsMapToTheirLow23Bits) {
+  EXPECT_EQ(ipMcastMacAddr(IpAddr("239.129.1.2")), EthAddr("01:00:5e:01:01:02"));
+  EXPECT_EQ(ipMcastMacAddr(IpAddr("224.0.0.1")), EthAddr("01:00:5e:00:00:01"));
+  EXPECT_EQ(ipMcastMacAddr(IpAddr("224.255.255.255")), EthAddr("01:00:5e:7f:ff:ff"));
+  std::mt19937 rng(23);
+  for (int i = 0; i < 10000; ++i) {
+    unsigned char group[4] = {U8(224 + rng() % 16), U8(rng()), U8(rng()), U8(rng())};
+    IpAddr addr(group[0], group[1], group[2], group[3]);
+    const unsigned char expected[6] = {0x01, 0x00, 0x5e, U8(group[1] & 0x7f), group[2], group[3]};
+    ASSERT_EQ(ipMcastMacAddr(addr), EthAddr::fromBuffer(expected));
+    ASSERT_TRUE(ipMcastMacAddr(addr).isMulticast());
+  }
+}
+
 // --- predicates ---
 
 TEST(EthAddrPredicates, BroadcastUnicastMulticast) {

@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <random>
 #include <sstream>
+#include <unordered_set>
 
 namespace Korva {
 namespace {
@@ -220,6 +221,8 @@ TEST(MplsStackValue, SlotsAboveTheSizeCarryNoMeaning) {
   EXPECT_LT(stackOf({16}), stackOf({16, 17}));
   EXPECT_LT(stackOf({16, 17}), stackOf({17}));
   EXPECT_NE(stackOf({16, 17}).hash(), stackOf({17, 16}).hash());
+  std::unordered_set<BoundedMplsLabelStack> stacks{a, b, stackOf({16}), stackOf({})};
+  EXPECT_EQ(stacks.size(), 3u);
 }
 
 TEST(MplsStackValue, TextRoundTripsAndFailures) {

@@ -59,7 +59,20 @@ TEST_F(AddrCommand, StandardInputOneLinePerInputAndFailuresSetTheStatus) {
   EXPECT_EQ(run("", "").status, 0);
 }
 
+TEST_F(AddrCommand, PicksTheMostSpecificIpv4Type) {
+  ToolRun r = run("001.002.003.004 10.0.0.0/8 10.0.0.1/8 1.2.3.4.5 10.0.0.0/ 10.0.0.0/8x");
+  EXPECT_EQ(r.output,
+            "1.2.3.4\n10.0.0.0/8\n10.0.0.1/8\nerror: Invalid IpAddr\n"
+            "error: premature end of Prefix type\n"
+            "error: Invalid Prefix - non-zero after prefixlen\n");
+  EXPECT_EQ(r.status, 1);
+}
+
 TEST_F(AddrCommand, ForcedTypes) {
+  EXPECT_EQ(run("--type prefix 10.0.0.1/8").output,
+            "error: Invalid Prefix - non-zero after prefixlen\n");
+  EXPECT_EQ(run("--type ipaddr 0011.2233.4455").output, "error: Invalid IpAddr\n");
+  EXPECT_EQ(run("--type ethaddr 10.0.0.1").output, "error: Invalid EthAddr\n");
   EXPECT_EQ(run("--type eui64 0011.2233.4455.6677").output, "00:11:22:33:44:55:66:77\n");
   ToolRun labels = run("--type mplslabel 3 8388609");
   EXPECT_EQ(labels.output,
@@ -69,7 +82,7 @@ TEST_F(AddrCommand, ForcedTypes) {
 }
 
 TEST_F(AddrCommand, JsonCarriesTypeTextFamilyHashAndPredicates) {
-  ToolRun r = run("--json", "ff:ff:ff:ff:ff:ff\nnot-an-address\n");
+  ToolRun r = run("--json", "ff:ff:ff:ff:ff:ff\nnot-an-address\n224.0.0.13\n");
   std::istringstream lines(r.output);
   std::string line;
   ASSERT_TRUE(std::getline(lines, line));
@@ -83,6 +96,12 @@ TEST_F(AddrCommand, JsonCarriesTypeTextFamilyHashAndPredicates) {
   auto failure = nlohmann::json::parse(line);
   EXPECT_EQ(failure["input"], "not-an-address");
   EXPECT_EQ(failure["error"], "Invalid EthAddr");
+  ASSERT_TRUE(std::getline(lines, line));
+  auto group = nlohmann::json::parse(line);
+  EXPECT_EQ(group["type"], "ipaddr");
+  EXPECT_EQ(group["family"], "ipv4");
+  EXPECT_EQ(group["predicates"],
+            nlohmann::json::array({"isMulticast", "isReservedMulticast", "isPimRouters"}));
   EXPECT_FALSE(std::getline(lines, line));
   EXPECT_EQ(r.status, 1);
 }

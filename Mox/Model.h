@@ -1,0 +1,114 @@
+#pragma once
+// Support for the C++ that tools/moxgen generates from model files (models/*.mox): the
+// pieces every generated value and entity shares, kept here once instead of being
+// repeated in each generated unit.
+
+#include <Mox/Assert.h>
+#include <Mox/Entity.h>
+#include <Mox/Exception.h>
+#include <Mox/Ptr.h>
+#include <Mox/Text.h>
+#include <Mox/Types.h>
+
+#include <compare>
+#include <cstddef>
+#include <functional>
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+namespace Mox {
+
+// Hash of one attribute: its own hash() when it has one, std::hash otherwise.
+template <class T>
+U32 attrHash(const T& value) {
+  if constexpr (requires { value.hash(); }) {
+    return static_cast<U32>(value.hash());
+  } else {
+    return static_cast<U32>(std::hash<T>()(value));
+  }
+}
+
+// Folds one attribute's hash into the running hash of a composite value.
+constexpr U32 hashCombine(U32 seed, U32 hash) noexcept {
+  return seed ^ (hash + 0x9e3779b9u + (seed << 6) + (seed >> 2));
+}
+
+// Array indexes are plain unsigned integers or bounded index values with value().
+template <class I>
+size_t indexOf(const I& index) {
+  if constexpr (std::is_integral_v<I>) {
+    return static_cast<size_t>(index);
+  } else {
+    return static_cast<size_t>(index.value());
+  }
+}
+
+template <class I>
+I indexFrom(size_t position) {
+  if constexpr (std::is_integral_v<I>) {
+    return static_cast<I>(position);
+  } else {
+    return I(static_cast<decltype(I().value())>(position));
+  }
+}
+
+// An array entry holding the default value counts as absent, so an array ends at its last
+// entry that holds something.
+template <class T>
+void trimDefaults(std::vector<T>* entries) {
+  while (!entries->empty() && entries->back() == T()) entries->pop_back();
+}
+
+// Sequence bookkeeping of a queue attribute: `head` is the oldest queued sequence (equal to
+// `tail` when the queue is empty), `tail` the sequence the next enqueued entry gets.
+struct QueueMetadata {
+  U32 head = 1;
+  U32 tail = 1;
+  friend bool operator==(const QueueMetadata&, const QueueMetadata&) = default;
+};
+
+template <class V>
+void queueHeadUpdate(const std::map<U32, V>& entries, QueueMetadata* metadata) {
+  metadata->head = entries.empty() ? metadata->tail : entries.begin()->first;
+}
+
+// One row of an enumeration's text table.
+template <class E>
+struct EnumText {
+  E value;
+  std::string_view text;
+};
+
+// The table's text of `value`; a value outside the table prints as its number.
+template <class E, size_t N>
+std::string enumToStrep(E value, const EnumText<E> (&table)[N]) {
+  for (const auto& row : table) {
+    if (row.value == value) return std::string(row.text);
+  }
+  return std::to_string(static_cast<std::underlying_type_t<E>>(value) + 0);
+}
+
+// Reads the longest table text at `it`; otherwise raises RangeException `message` and
+// leaves both `it` and the value unchanged.
+template <class E, size_t N>
+void enumFromSequence(TextIter& it, TextIter end, E* value, const EnumText<E> (&table)[N],
+                      const char* message) {
+  const EnumText<E>* best = nullptr;
+  for (const auto& row : table) {
+    if (static_cast<size_t>(end - it) >= row.text.size() &&
+        std::string_view(it, row.text.size()) == row.text &&
+        (!best || row.text.size() > best->text.size())) {
+      best = &row;
+    }
+  }
+  if (!best) throw RangeException(message);
+  it += best->text.size();
+  *value = best->value;
+}
+
+}  // namespace Mox

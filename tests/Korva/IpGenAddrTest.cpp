@@ -1,0 +1,198 @@
+#include <Korva/IpGenAddr.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <sstream>
+#include <unordered_set>
+#include <vector>
+
+#include "IpTestUtil.h"
+
+namespace {
+
+using Korva::AddressFamily;
+using Korva::Ip6Addr;
+using Korva::IpAddr;
+using Korva::IpGenAddr;
+using KorvaTest::parseFailure;
+
+IpGenAddr gen(std::string_view text) {
+  return IpGenAddr(text);
+}
+
+// --- parse ---
+
+TEST(IpGenAddrParse, FamilyFromText) {
+  EXPECT_EQ(gen("1.2.3.4"), IpGenAddr(IpAddr(1, 2, 3, 4)));
+  EXPECT_EQ(gen("1.2.3.4").af(), AddressFamily::ipv4);
+  EXPECT_EQ(gen("::ffff:1.2.3.4").af(), AddressFamily::ipv6);
+  EXPECT_EQ(gen("::ffff:1.2.3.4").v6Addr(), Ip6Addr(0, 0, 0, 0, 0, 0xffff, 0x102, 0x304));
+  EXPECT_EQ(gen("::"), IpGenAddr(Ip6Addr()));
+  EXPECT_EQ(gen("::").af(), AddressFamily::ipv6);
+}
+
+TEST(IpGenAddrParse, AfHint) {
+  auto hint = [](std::string_view text) {
+    return Korva::sequenceToAfHint(text.data(), text.data() + text.size());
+  };
+  EXPECT_EQ(hint("1.2.3.4"), AddressFamily::ipv4);
+  EXPECT_EQ(hint("1:2::"), AddressFamily::ipv6);
+  EXPECT_EQ(hint("::1.2.3.4"), AddressFamily::ipv6);
+  EXPECT_EQ(hint("abc/1.2"), AddressFamily::ipunknown);
+  EXPECT_EQ(hint("1234"), AddressFamily::ipunknown);
+  EXPECT_EQ(hint(""), AddressFamily::ipunknown);
+}
+
+TEST(IpGenAddrParse, SequenceInsideACompositeText) {
+  const std::string text = "10.0.0.1, 2001:db8::1}";
+  Mox::TextIter it = text.data();
+  const Mox::TextIter end = text.data() + text.size();
+  IpGenAddr a, b;
+  Korva::sequenceToValue(it, end, &a);
+  Mox::needString(it, end, ", ");
+  Korva::sequenceToValue(it, end, &b);
+  EXPECT_EQ(a, gen("10.0.0.1"));
+  EXPECT_EQ(b, gen("2001:db8::1"));
+  EXPECT_EQ(std::string_view(it), "}");
+}
+
+TEST(IpGenAddrParse, RandomRoundTripOfBothFamilies) {
+  std::mt19937 rng(21);
+  for (int i = 0; i < 100000; ++i) {
+    IpGenAddr a;
+    if (i % 2) {
+      a = IpAddr(static_cast<Mox::U32>(rng()));
+    } else {
+      Ip6Addr v6;
+      for (unsigned g = 0; g < 8; ++g) v6.u16Is(g, rng() % 3 ? rng() : 0);
+      a = v6;
+    }
+    ASSERT_EQ(gen(a.stringValue()), a) << a;
+  }
+}
+
+TEST(AddressFamilyText, EnumeratorNames) {
+  EXPECT_EQ(valueToStrep(AddressFamily::ipunknown), "ipunknown");
+  EXPECT_EQ(valueToStrep(AddressFamily::ipv4), "ipv4");
+  EXPECT_EQ(valueToStrep(AddressFamily::ipv6), "ipv6");
+  for (auto af : {AddressFamily::ipunknown, AddressFamily::ipv4, AddressFamily::ipv6}) {
+    EXPECT_EQ(Mox::valueFromText<AddressFamily>(valueToStrep(af), "bad"), af);
+  }
+  EXPECT_THROW(Mox::valueFromText<AddressFamily>("ipv5", "bad"), Mox::RangeException);
+}
+
+// --- print ---
+
+TEST(IpGenAddrPrint, PerFamily) {
+  EXPECT_EQ(IpGenAddr(IpAddr(10, 0, 0, 1)).stringValue(), "10.0.0.1");
+  EXPECT_EQ(gen("2001:DB8::1").stringValue(), "2001:db8::1");
+  EXPECT_EQ(IpGenAddr().stringValue(), "::");
+  EXPECT_EQ(IpGenAddr(AddressFamily::ipv4).stringValue(), "0.0.0.0");
+  std::ostringstream os;
+  os << gen("1.2.3.4") << ' ' << gen("::1") << ' ' << AddressFamily::ipv6;
+  EXPECT_EQ(os.str(), "1.2.3.4 ::1 ipv6");
+}
+
+TEST(IpGenAddrPrint, BytesPerFamily) {
+  const IpGenAddr v4 = gen("10.1.2.3");
+  EXPECT_EQ(v4.size(), 4u);
+  EXPECT_EQ(v4.bytes(), std::string("\x0a\x01\x02\x03", 4));
+  const IpGenAddr v6 = gen("fe80::1");
+  EXPECT_EQ(v6.size(), 16u);
+  EXPECT_EQ(v6.bytes(), std::string("\xfe\x80\0\0\0\0\0\0\0\0\0\0\0\0\0\x01", 16));
+  EXPECT_EQ(IpGenAddr().size(), 16u);
+  // The IPv4 word sits in the first four bytes of the area, the rest zero.
+  EXPECT_EQ(v4.privateV6Addr(), Ip6Addr(0x0a01, 0x0203, 0, 0, 0, 0, 0, 0));
+}
+
+// --- order ---
+
+TEST(IpGenAddrOrder, FamilyFirst) {
+  EXPECT_LT(gen("255.255.255.255"), gen("::"));
+  EXPECT_LT(IpGenAddr(), gen("0.0.0.0"));
+  EXPECT_LT(gen("10.0.0.1"), gen("10.0.0.2"));
+  EXPECT_LT(gen("9.255.255.255"), gen("10.0.0.0"));
+  EXPECT_LT(gen("::1"), gen("::2"));
+  EXPECT_NE(IpGenAddr(AddressFamily::ipv4), IpGenAddr(AddressFamily::ipv6));
+  std::mt19937 rng(22);
+  for (int i = 0; i < 10000; ++i) {
+    const IpAddr x(static_cast<Mox::U32>(rng())), y(static_cast<Mox::U32>(rng()));
+    ASSERT_EQ(IpGenAddr(x) < IpGenAddr(y), x < y);
+    ASSERT_EQ(IpGenAddr(x) >= IpGenAddr(y), x >= y);
+  }
+}
+
+TEST(IpGenAddrOrder, SortKeyPutsIpv4AfterMostIpv6) {
+  EXPECT_EQ(gen("10.1.2.3").sortKey(), 0xffffffff0a010203u);
+  EXPECT_EQ(gen("2001:db8:1:2::").sortKey(), 0x20010db800010002u);
+  EXPECT_EQ(IpGenAddr().sortKey(), 0u);
+  EXPECT_GT(gen("0.0.0.0").sortKey(), gen("ffff:fffe::").sortKey());
+  EXPECT_LT(gen("0.0.0.0").sortKey(), gen("ffff:ffff:1::").sortKey());
+}
+
+// --- hash ---
+
+TEST(IpGenAddrHash, FamilyHashes) {
+  EXPECT_EQ(gen("1.2.3.4").hash(), IpAddr(1, 2, 3, 4).hash());
+  EXPECT_EQ(gen("2001:db8::1").hash(), Ip6Addr("2001:db8::1").hash());
+  EXPECT_EQ(IpGenAddr().hash(), 0u);
+  std::unordered_set<IpGenAddr> set{gen("1.2.3.4"), gen("::1.2.3.4"), gen("1.2.3.4")};
+  EXPECT_EQ(set.size(), 2u);
+}
+
+// --- predicates ---
+
+TEST(IpGenAddrPredicates, DelegateToTheFamily) {
+  EXPECT_TRUE(gen("224.0.0.1").isMulticast());
+  EXPECT_TRUE(gen("ff02::1").isMulticast());
+  EXPECT_FALSE(gen("255.255.255.255").isUnicast());
+  EXPECT_TRUE(gen("127.0.0.1").isLoopback());
+  EXPECT_TRUE(gen("::1").isLoopback());
+  EXPECT_TRUE(gen("127.0.0.0").isLoopbackBase());
+  EXPECT_FALSE(gen("::").isLoopbackBase());
+  EXPECT_TRUE(gen("169.254.0.1").isLinkLocal());
+  EXPECT_TRUE(gen("169.254.0.1").isLinkLocalUnicast());
+  EXPECT_TRUE(gen("ff02::1").isLinkLocal());
+  EXPECT_FALSE(gen("ff02::1").isLinkLocalUnicast());
+  EXPECT_TRUE(gen("0.0.0.0").isUnspecified());
+  EXPECT_FALSE(gen("0.0.0.1").isUnspecified());
+  EXPECT_TRUE(gen("::").isUnspecified());
+  EXPECT_TRUE(gen("224.0.0.13").isPimRouters());
+  EXPECT_TRUE(gen("ff02::d").isPimRouters());
+  EXPECT_TRUE(gen("240.0.0.1").isReserved());
+  EXPECT_FALSE(gen("f000::1").isReserved());
+  // No family answers as the IPv6 zero address.
+  EXPECT_TRUE(IpGenAddr().isUnspecified());
+  EXPECT_TRUE(IpGenAddr().isUnicast());
+  EXPECT_TRUE(IpGenAddr().isAddrZero());
+  EXPECT_EQ(gen("10.0.0.0").longestCommonPrefix(gen("10.0.0.1")), 31u);
+  EXPECT_EQ(gen("1::").longestCommonPrefix(gen("1::1")), 127u);
+}
+
+TEST(IpGenAddrPredicates, SettingAViewSetsTheFamily) {
+  IpGenAddr a(AddressFamily::ipv6);
+  a.v4AddrIs(IpAddr(1, 2, 3, 4));
+  EXPECT_EQ(a.af(), AddressFamily::ipv4);
+  EXPECT_EQ(a.v4Addr(), IpAddr(1, 2, 3, 4));
+  a.v6AddrIs(Ip6Addr("1::"));
+  EXPECT_EQ(a.af(), AddressFamily::ipv6);
+  a.v4AddrIs(IpAddr());
+  EXPECT_TRUE(a.isAddrZero());
+}
+
+// --- failures ---
+
+TEST(IpGenAddrFailures, Texts) {
+  const IpGenAddr before = gen("9.9.9.9");
+  EXPECT_EQ(parseFailure("", before), "Invalid IpGenAddr");
+  EXPECT_EQ(parseFailure("1234", before), "Invalid IpGenAddr");
+  EXPECT_EQ(parseFailure("/1.2.3.4", before), "Invalid IpGenAddr");
+  EXPECT_EQ(parseFailure("1.2.3", before), "Invalid IpAddr");
+  EXPECT_EQ(parseFailure("1.2.3.4 ", before), "Invalid IpAddr");
+  EXPECT_EQ(parseFailure("1::2::3", before), "Ip6Addr: only one '::' allowed");
+  EXPECT_EQ(parseFailure("::1 ", before), "Ip6Addr: unexpected trailing characters");
+}
+
+}  // namespace

@@ -1,0 +1,325 @@
+#include <Korva/IpGenPrefix.h>
+#include <Mox/Trace.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <sstream>
+#include <unordered_set>
+#include <vector>
+
+#include "IpTestUtil.h"
+
+namespace {
+
+using Korva::AddressFamily;
+using Korva::Ip6Addr;
+using Korva::Ip6Prefix;
+using Korva::IpAddr;
+using Korva::IpGenAddr;
+using Korva::IpGenAddrWithMask;
+using Korva::IpGenPrefix;
+using Korva::IpGenPrefixBase;
+using Korva::IpGenPrefixColl;
+using Korva::IpGenPrefixSet;
+using Korva::Prefix;
+using KorvaTest::parseFailure;
+using KorvaTest::rangeFailure;
+
+IpGenPrefix prefix(std::string_view text) {
+  return IpGenPrefix(text);
+}
+IpGenAddr gen(std::string_view text) {
+  return IpGenAddr(text);
+}
+
+// --- parse ---
+
+TEST(IpGenPrefixParse, Ipv4HostOrNetwork) {
+  EXPECT_EQ(prefix("10.1.1.1"), IpGenPrefix(IpAddr(10, 1, 1, 1), 32));
+  EXPECT_EQ(prefix("10.1.1.0/24"), IpGenPrefix(IpAddr(10, 1, 1, 0), 24));
+  EXPECT_EQ(prefix("0.0.0.0/0").len(), 0u);
+  EXPECT_EQ(prefix("10.1.1.0/24").af(), AddressFamily::ipv4);
+}
+
+TEST(IpGenPrefixParse, Ipv6SlashOptional) {
+  EXPECT_EQ(prefix("2001:db8::"), IpGenPrefix(Ip6Addr("2001:db8::"), 128));
+  EXPECT_EQ(prefix("2001:db8::/32"), IpGenPrefix(Ip6Addr("2001:db8::"), 32));
+  EXPECT_EQ(prefix("::ffff:1.2.3.0/120").af(), AddressFamily::ipv6);
+}
+
+TEST(IpGenPrefixParse, TracesWhatTheIpv4ReaderDetected) {
+  Mox::TraceCapture capture;
+  Mox::traceConfigIs("IpGenPrefix/9");
+  prefix("10.1.1.0/24");
+  EXPECT_TRUE(capture.contains(" Detected prefix "));
+  EXPECT_FALSE(capture.contains(" Detected address "));
+  prefix("10.1.1.1");
+  EXPECT_TRUE(capture.contains(" Detected address "));
+  Mox::traceConfigIs("");
+}
+
+TEST(IpGenPrefixParse, RandomRoundTrip) {
+  std::mt19937 rng(31);
+  for (int i = 0; i < 20000; ++i) {
+    const IpAddr v4(static_cast<Mox::U32>(rng()));
+    const Mox::U32 len4 = rng() % 33;
+    const IpGenPrefix p4(IpAddr::fromHostOrder(v4.value() & Korva::detail::leadingBitsMask(len4)),
+                         len4);
+    ASSERT_EQ(prefix(p4.stringValue()), p4) << p4;
+    Ip6Addr v6;
+    for (unsigned g = 0; g < 8; ++g) v6.u16Is(g, rng() % 3 ? rng() : 0);
+    const Mox::U32 len6 = rng() % 129;
+    const IpGenPrefix p6(v6.ip6AddrMaskedByLength(len6), len6);
+    ASSERT_EQ(prefix(p6.stringValue()), p6) << p6;
+    const IpGenAddrWithMask m6(v6, len6);
+    ASSERT_EQ(IpGenAddrWithMask(m6.stringValue()), m6) << m6;
+  }
+}
+
+TEST(IpGenAddrWithMaskParse, NoHostBitCheck) {
+  EXPECT_EQ(IpGenAddrWithMask("10.1.1.1/24"), IpGenAddrWithMask(IpAddr(10, 1, 1, 1), 24));
+  EXPECT_EQ(IpGenAddrWithMask("10.1.1.1/40").len(), 40u);
+  EXPECT_EQ(IpGenAddrWithMask("10.1.1.1").len(), 32u);
+  EXPECT_EQ(IpGenAddrWithMask("2001:db8::1/64"), IpGenAddrWithMask(Ip6Addr("2001:db8::1"), 64));
+  EXPECT_EQ(IpGenAddrWithMask("2001:db8::1").len(), 128u);
+}
+
+TEST(IpGenPrefixBaseParse, GenericForm) {
+  const IpGenPrefixBase v4(gen("10.0.0.0"), 8);
+  EXPECT_EQ(valueToStrep(v4),
+            "Value('Korva::IpGenPrefixBase', ** {'af': ipv4, 'address': 10.0.0.0, 'len': 8})");
+  EXPECT_EQ(IpGenPrefixBase(valueToStrep(v4)), v4);
+  const IpGenPrefixBase v6(gen("2001:db8::1"), 200);
+  EXPECT_EQ(valueToStrep(v6),
+            "Value('Korva::IpGenPrefixBase', ** {'af': ipv6, 'address': 2001:db8::1, 'len': 200})");
+  EXPECT_EQ(IpGenPrefixBase(valueToStrep(v6)), v6);
+  EXPECT_EQ(IpGenPrefixBase(valueToStrep(IpGenPrefixBase())), IpGenPrefixBase());
+  EXPECT_EQ(parseFailure<IpGenPrefixBase>(
+                "Value('Korva::IpGenPrefixBase', ** {'af': ipv6, 'address': 10.0.0.0, 'len': 8})"),
+            "Invalid IpGenPrefixBase");
+  std::ostringstream os;
+  os << v4;
+  EXPECT_EQ(os.str(), valueToStrep(v4));
+  EXPECT_EQ(v4.stringValue(), "10.0.0.0/8");
+}
+
+// --- print ---
+
+TEST(IpGenPrefixPrint, FamilyText) {
+  EXPECT_EQ(IpGenPrefix(IpAddr(10, 0, 0, 0), 8).stringValue(), "10.0.0.0/8");
+  EXPECT_EQ(IpGenPrefix(Ip6Addr("2001:db8::"), 32).stringValue(), "2001:db8::/32");
+  std::ostringstream os;
+  os << prefix("10.0.0.0/8") << ' ' << IpGenAddrWithMask("2001:db8::1/64");
+  EXPECT_EQ(os.str(), "10.0.0.0/8 2001:db8::1/64");
+  EXPECT_EQ(valueToStrep(prefix("1.2.3.4")), "1.2.3.4/32");
+}
+
+// --- order ---
+
+TEST(IpGenPrefixOrder, FamilyThenMoreSpecificFirst) {
+  std::vector<IpGenPrefix> prefixes;
+  for (const char* text : {"2001:db8::/32", "10.0.0.0/8", "::/0", "10.1.0.0/16", "11.0.0.0/8",
+                           "2001:db8:1::/48", "0.0.0.0/0"}) {
+    prefixes.push_back(prefix(text));
+  }
+  std::sort(prefixes.begin(), prefixes.end());
+  std::vector<std::string> texts;
+  for (const IpGenPrefix& p : prefixes) texts.push_back(p.stringValue());
+  EXPECT_EQ(texts, (std::vector<std::string>{"10.1.0.0/16", "10.0.0.0/8", "11.0.0.0/8", "0.0.0.0/0",
+                                             "2001:db8:1::/48", "2001:db8::/32", "::/0"}));
+  EXPECT_TRUE(prefix("10.0.0.0/8") <= prefix("10.0.0.0/8"));
+  EXPECT_FALSE(prefix("10.0.0.0/8") < prefix("10.0.0.0/8"));
+}
+
+TEST(IpGenPrefixOrder, BaseOrderIsFamilyAddressLength) {
+  const IpGenPrefixBase a(gen("10.0.0.0"), 8), b(gen("10.0.0.0"), 16), c(gen("::"), 0);
+  EXPECT_LT(a, b);
+  EXPECT_LT(b, c);
+  EXPECT_LT(IpGenPrefixBase(), a);
+}
+
+TEST(IpGenPrefixOrder, UnknownFamilyAborts) {
+  EXPECT_DEATH(static_cast<void>(IpGenPrefix() < prefix("10.0.0.0/8")),
+               "Assertion \"af_ == ipv4_ \\|\\| af_ == ipv6_\" failed");
+  EXPECT_DEATH(static_cast<void>(IpGenAddrWithMask() < IpGenAddrWithMask("10.0.0.1/8")),
+               "Assertion \"af_ == ipv4_ \\|\\| af_ == ipv6_\" failed");
+  // An unknown family on the right is only ordered first.
+  EXPECT_FALSE(prefix("10.0.0.0/8") < IpGenPrefix());
+}
+
+TEST(IpGenAddrWithMaskOrder, AddressThenLength) {
+  EXPECT_LT(IpGenAddrWithMask("10.0.0.1/8"), IpGenAddrWithMask("10.0.0.1/9"));
+  EXPECT_LT(IpGenAddrWithMask("10.0.0.1/30"), IpGenAddrWithMask("10.0.0.2/8"));
+  EXPECT_LT(IpGenAddrWithMask("255.0.0.1/30"), IpGenAddrWithMask("::/8"));
+  EXPECT_LT(IpGenAddrWithMask("1::1/64"), IpGenAddrWithMask("1::/48"));
+}
+
+// --- hash ---
+
+TEST(IpGenPrefixHash, MixOfAddressAndLength) {
+  using KorvaTest::referenceMix;
+  EXPECT_EQ(prefix("10.0.0.0/8").hash(), referenceMix(0x0a000000 ^ 8));
+  EXPECT_EQ(prefix("10.0.0.0/8").hash(), 0xc13c560au);
+  const Ip6Addr v6("2001:db8::");
+  EXPECT_EQ(prefix("2001:db8::/32").hash(), referenceMix(v6.hash() ^ 32));
+  EXPECT_EQ(IpGenPrefixBase().hash(), 0u);
+  EXPECT_EQ(IpGenAddrWithMask("10.0.0.1/8").hash(), referenceMix(0x0a000001 ^ 8));
+  std::unordered_set<IpGenPrefix> set{prefix("10.0.0.0/8"), prefix("10.0.0.0/16"),
+                                      prefix("10.0.0.0/8")};
+  EXPECT_EQ(set.size(), 2u);
+}
+
+TEST(IpGenPrefixHash, SortKey) {
+  EXPECT_EQ(prefix("10.0.0.0/8").sortKey(), 0xffffffff0a000000u);
+  EXPECT_EQ(prefix("2001:db8:1:2::/64").sortKey(), 0x20010db800010002u);
+  EXPECT_EQ(IpGenPrefixBase().sortKey(), 0u);
+}
+
+// --- predicates ---
+
+TEST(IpGenPrefixPredicates, ContainsAndOverlaps) {
+  const IpGenPrefix ten = prefix("10.0.0.0/8");
+  EXPECT_TRUE(ten.contains(gen("10.2.3.4")));
+  EXPECT_FALSE(ten.contains(gen("11.0.0.0")));
+  EXPECT_FALSE(ten.contains(gen("::a00:1")));
+  EXPECT_TRUE(prefix("0.0.0.0/0").contains(gen("1.2.3.4")));
+  EXPECT_FALSE(prefix("::/0").contains(gen("1.2.3.4")));
+  EXPECT_TRUE(prefix("::/0").contains(gen("1::")));
+  EXPECT_TRUE(ten.overlaps(prefix("10.1.0.0/16")));
+  EXPECT_TRUE(prefix("10.1.0.0/16").overlaps(ten));
+  EXPECT_FALSE(ten.overlaps(prefix("11.0.0.0/8")));
+  EXPECT_FALSE(prefix("::/0").overlaps(prefix("0.0.0.0/0")));
+  EXPECT_TRUE(prefix("2001:db8::/32").overlaps(prefix("2001:db8:5::/48")));
+  EXPECT_TRUE(IpGenAddrWithMask("10.1.1.1/8").contains(gen("10.200.0.0")));
+  EXPECT_FALSE(IpGenAddrWithMask("10.1.1.1/8").contains(gen("::")));
+  EXPECT_TRUE(IpGenAddrWithMask("2001:db8::1/32").contains(gen("2001:db8:ffff::")));
+}
+
+TEST(IpGenPrefixPredicates, Validity) {
+  EXPECT_TRUE(prefix("10.0.0.0/8").validAsPrefix());
+  EXPECT_TRUE(IpGenPrefix(Prefix(IpAddr(1, 2, 3, 4), Prefix::nullPrefixLen)).validAsPrefix());
+  EXPECT_TRUE(IpGenPrefix(Ip6Prefix::nullPrefix()).validAsPrefix());
+  EXPECT_FALSE(IpGenPrefix().validAsPrefix());
+  EXPECT_TRUE(prefix("0.0.0.0/0").isDefaultRoutePrefix());
+  EXPECT_TRUE(prefix("::/0").isDefaultRoutePrefix());
+  EXPECT_FALSE(prefix("10.0.0.0/8").isDefaultRoutePrefix());
+  EXPECT_TRUE(prefix("1.2.3.4").isHost());
+  EXPECT_TRUE(prefix("::1").isHost());
+  EXPECT_FALSE(prefix("::/64").isHost());
+  EXPECT_TRUE(prefix("224.0.0.0/4").isMulticast());
+  EXPECT_TRUE(prefix("127.0.0.0/8").isLoopback());
+  EXPECT_TRUE(prefix("fe80::/64").isLinkLocal());
+  EXPECT_TRUE(prefix("::/0").isUnspecified());
+  EXPECT_TRUE(prefix("240.0.0.0/4").isReserved());
+}
+
+TEST(IpGenPrefixPredicates, ConstructorsAndConversions) {
+  EXPECT_EQ(IpGenPrefix(gen("10.1.1.1")), prefix("10.1.1.1/32"));
+  EXPECT_EQ(IpGenPrefix(gen("1::")).len(), 128u);
+  EXPECT_EQ(IpGenPrefix(gen("10.0.0.0"), 8), prefix("10.0.0.0/8"));
+  EXPECT_EQ(static_cast<Prefix>(prefix("10.0.0.0/8")), Prefix("10.0.0.0/8"));
+  EXPECT_EQ(static_cast<Ip6Prefix>(prefix("1::/16")), Ip6Prefix("1::/16"));
+  EXPECT_EQ(prefix("10.0.0.0/8").v4Prefix(), Prefix("10.0.0.0/8"));
+  EXPECT_EQ(prefix("1::/16").v6Prefix(), Ip6Prefix("1::/16"));
+  EXPECT_EQ(IpGenPrefix(Prefix("10.0.0.0/8")), prefix("10.0.0.0/8"));
+  const IpGenAddrWithMask m("10.1.2.3/16");
+  EXPECT_EQ(m.subnet(), prefix("10.1.0.0/16"));
+  EXPECT_EQ(m.v4Subnet(), Prefix("10.1.0.0/16"));
+  EXPECT_EQ(m.v4AddrWithMask(), Korva::IpAddrWithMask("10.1.2.3/16"));
+  const IpGenAddrWithMask m6("2001:db8::1/32");
+  EXPECT_EQ(m6.subnet(), prefix("2001:db8::/32"));
+  EXPECT_EQ(m6.v6Subnet(), Ip6Prefix("2001:db8::/32"));
+  EXPECT_EQ(m6.v6AddrWithMask(), Korva::Ip6AddrWithMask("2001:db8::1/32"));
+  EXPECT_EQ(rangeFailure([] { IpGenAddrWithMask("10.1.1.1/40").subnet(); }),
+            "Prefix::validAsPrefix != true not allowed");
+}
+
+// --- collections ---
+
+TEST(IpGenPrefixSetOps, InsertOverwriteDelete) {
+  IpGenPrefixSet set;
+  EXPECT_TRUE(set.prefixIs(prefix("10.0.0.0/8"), true));
+  EXPECT_FALSE(set.prefixIs(prefix("10.0.0.0/8"), true));
+  EXPECT_TRUE(set.prefixIs(prefix("10.0.0.0/8"), false));
+  EXPECT_TRUE(set.prefixIs(prefix("2001:db8::/32"), true));
+  EXPECT_EQ(set.prefix(prefix("10.0.0.0/8")), false);
+  EXPECT_EQ(set.prefix(prefix("2001:db8::/32")), true);
+  EXPECT_EQ(set.prefix(prefix("10.0.0.0/16")), std::nullopt);
+  EXPECT_EQ(set.prefixCount(), 2u);
+  EXPECT_TRUE(set.prefixDel(prefix("10.0.0.0/8")));
+  EXPECT_FALSE(set.prefixDel(prefix("10.0.0.0/8")));
+  set.prefixDelAll();
+  EXPECT_EQ(set.prefixCount(), 0u);
+  EXPECT_EQ(set, IpGenPrefixSet());
+}
+
+struct Recorder : IpGenPrefixColl::Notifiee {
+  void onPrefixSet(const IpGenPrefix& key) override {
+    keys.push_back(key.stringValue() + "=" +
+                   (notifier()->prefixSet(key) ? (*notifier()->prefixSet(key) ? "T" : "F") : "-"));
+  }
+  std::vector<std::string> keys;
+};
+
+TEST(IpGenPrefixCollNotify, PerKeyAndOnlyOnChange) {
+  auto coll = Mox::make<IpGenPrefixColl>("routes");
+  EXPECT_EQ(coll->name(), "routes");
+  Recorder recorder;
+  recorder.notifierIs(coll.get());
+  coll->prefixSetIs(prefix("10.0.0.0/8"), true);
+  coll->prefixSetIs(prefix("10.0.0.0/8"), true);
+  coll->prefixSetIs(prefix("10.0.0.0/8"), false);
+  coll->prefixSetIs(prefix("1::/16"), true);
+  coll->prefixSetDel(prefix("2::/16"));
+  coll->prefixSetDel(prefix("1::/16"));
+  EXPECT_EQ(recorder.keys,
+            (std::vector<std::string>{"10.0.0.0/8=T", "10.0.0.0/8=F", "1::/16=T", "1::/16=-"}));
+  recorder.keys.clear();
+  coll->prefixSetIs(prefix("1::/16"), true);
+  recorder.keys.clear();
+  coll->prefixSetDelAll();
+  std::sort(recorder.keys.begin(), recorder.keys.end());
+  EXPECT_EQ(recorder.keys, (std::vector<std::string>{"10.0.0.0/8=-", "1::/16=-"}));
+  EXPECT_EQ(coll->prefixSetCount(), 0u);
+  recorder.notifierIs(nullptr);
+  coll->prefixSetIs(prefix("10.0.0.0/8"), true);
+  EXPECT_EQ(recorder.keys.size(), 2u);
+}
+
+// --- failures ---
+
+TEST(IpGenPrefixFailures, ReaderTexts) {
+  const IpGenPrefix before = prefix("9.0.0.0/8");
+  EXPECT_EQ(parseFailure("10.1.1.1/24", before), "Prefix::validAsPrefix != true not allowed");
+  EXPECT_EQ(parseFailure("10.1.1.0/33", before), "Prefix::validAsPrefix != true not allowed");
+  EXPECT_EQ(parseFailure("/10.1.1.0", before), "Invalid prefix");
+  EXPECT_EQ(parseFailure("", before), "Invalid prefix");
+  EXPECT_EQ(parseFailure("10.1.1.0/", before), "premature end of Prefix type");
+  EXPECT_EQ(parseFailure("10.1.1.0 /24", before), "premature end of Prefix type");
+  EXPECT_EQ(parseFailure("10.1.1.0/24 ", before), "Invalid prefix");
+  EXPECT_EQ(parseFailure("1.2.3/8", before), "Invalid IpAddr");
+  EXPECT_EQ(parseFailure("2001:db8::/129", before), "Ip6AddrWithMask: prefix too long");
+  EXPECT_EQ(parseFailure<IpGenAddrWithMask>("/8"), "Invalid prefix");
+  EXPECT_EQ(parseFailure<IpGenAddrWithMask>("10.1.1.1/"), "premature end of Prefix type");
+}
+
+TEST(IpGenPrefixFailures, ConstructorTexts) {
+  EXPECT_EQ(rangeFailure([] { IpGenPrefix(IpAddr(10, 1, 1, 1), 33); }),
+            "Invalid IPv4 Prefix Length");
+  EXPECT_EQ(rangeFailure([] { IpGenPrefix(IpAddr(10, 1, 1, 1), 24); }),
+            "Invalid prefix - Non-zero after prefix length");
+  EXPECT_EQ(rangeFailure([] { IpGenPrefix(Ip6Addr("2001:db8::1"), 64); }),
+            "Invalid prefix - Non-zero after prefix length");
+  EXPECT_EQ(rangeFailure([] { IpGenPrefix(Ip6Addr("2001:db8::"), 129); }),
+            "Invalid IPv6 Prefix Length");
+  EXPECT_EQ(rangeFailure([] { IpGenPrefix(gen("2001:db8::"), 129); }),
+            "Invalid IPv6 Prefix Length");
+  EXPECT_EQ(rangeFailure([] { IpGenPrefix(gen("10.0.0.0"), 33); }), "Invalid IPv4 Prefix Length");
+  EXPECT_EQ(rangeFailure([] { IpGenAddrWithMask(IpAddr(), 33); }), "Invalid IPv4 Prefix Length");
+  EXPECT_EQ(rangeFailure([] { IpGenAddrWithMask(Ip6Addr(), 129); }), "Invalid IPv6 Prefix Length");
+  EXPECT_NO_THROW(IpGenAddrWithMask(gen("10.1.1.1"), 24));
+}
+
+}  // namespace

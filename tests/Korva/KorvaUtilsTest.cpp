@@ -1,0 +1,297 @@
+#include <Korva/KorvaUtils.h>
+#include <Mox/Exception.h>
+#include <Mox/Trace.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <set>
+
+#include "Korva/IntfIdTestSupport.h"
+
+namespace {
+
+using Korva::IntfId;
+
+template <class Fn>
+std::string failure(Fn convert, const std::string& name) {
+  try {
+    return "converted to " + convert(name);
+  } catch (const Mox::RangeException& e) {
+    return e.what();
+  }
+}
+
+struct Case {
+  const char* in;
+  const char* out;
+};
+
+// --- converters: every row of each table ---
+
+TEST(IntfNameConverters, LongToKernelEveryRow) {
+  const Case cases[] = {
+      {"Ethernet3/1", "et3_1"},
+      {"Ethernet3/1.100", "et3_1.100"},
+      {"Ethernet49/1", "et49_1"},
+      {"ETHERNET1", "et1"},
+      {"Vlan100", "vlan100"},
+      {"VLAN100", "vlan100"},
+      {"Vxlan1", "vxlan1"},
+      {"Loopback0", "lo0"},
+      {"Internal1/2", "internal1_2"},
+      {"Fabric3", "fabric3"},
+      {"Management1/1", "ma1_1"},
+      {"Port-Channel10", "po10"},
+      {"Test5", "tap-5"},
+      {"Tunnel7", "tun7"},
+      {"ethernet1/2/3", "et1_2_3"},
+      {"Ethernet1/A", "et1_A"},  // the tail keeps its case
+  };
+  for (const Case& c : cases) EXPECT_EQ(Korva::vexIntfToKernelIntf(c.in), c.out) << c.in;
+}
+
+TEST(IntfNameConverters, KernelToLongEveryRow) {
+  const Case cases[] = {
+      {"et3_1", "Ethernet3/1"},   {"et49_1", "Ethernet49/1"},     {"et3_1.100", "Ethernet3/1.100"},
+      {"ET1", "Ethernet1"},       {"vlan10", "Vlan10"},           {"vxlan2", "Vxlan2"},
+      {"lo0", "Loopback0"},       {"internal1_2", "Internal1/2"}, {"fabric3", "Fabric3"},
+      {"ma1_1", "Management1/1"}, {"po10", "Port-Channel10"},     {"tap-3", "Test3"},
+      {"tun7", "Tunnel7"},        {"tap3", "Testtap3"},  // no "-": the whole name follows
+  };
+  for (const Case& c : cases) EXPECT_EQ(Korva::kernelIntfToVexIntf(c.in), c.out) << c.in;
+}
+
+TEST(IntfNameConverters, ShortToLongEveryRow) {
+  const Case cases[] = {
+      {"Et3/1", "Ethernet3/1"},   {"et3/1.5", "Ethernet3/1.5"},
+      {"Vl10", "Vlan10"},         {"Vx2", "Vxlan2"},
+      {"Lo0", "Loopback0"},       {"Internal1", "Internal1"},
+      {"Fabric3", "Fabric3"},     {"Ma1/1", "Management1/1"},
+      {"Po10", "Port-Channel10"}, {"tap-3", "Test3"},
+      {"Tun7", "Tunnel7"},        {"et3_1", "Ethernet3_1"},  // no separator replacement
+  };
+  for (const Case& c : cases) EXPECT_EQ(Korva::shortIntfToVexIntf(c.in), c.out) << c.in;
+}
+
+TEST(IntfNameConverters, PrefixesAreDeliberatelyUnguarded) {
+  EXPECT_EQ(Korva::kernelIntfToVexIntf("eth0"), "Etherneth0");
+  EXPECT_EQ(Korva::kernelIntfToVexIntf("macvlan0"), "Managementcvlan0");
+  EXPECT_EQ(Korva::kernelIntfToVexIntf("lonely"), "Loopbacknely");
+  EXPECT_EQ(Korva::shortIntfToVexIntf("Vlan10"), "Vlanan10");
+  EXPECT_EQ(Korva::vexIntfToKernelIntf("Testing"), "tap-ing");
+}
+
+TEST(IntfNameConverters, NoMatchingWordThrowsEachConvertersMessage) {
+  EXPECT_EQ(failure(Korva::vexIntfToKernelIntf, "Foo1"),
+            "Unable to convert VEX if name to kernel if name");
+  EXPECT_EQ(failure(Korva::kernelIntfToVexIntf, "Foo1"),
+            "Unable to convert kernel if name to VEX if name");
+  EXPECT_EQ(failure(Korva::shortIntfToVexIntf, "Foo1"),
+            "Unable to convert short if name to VEX if name");
+  EXPECT_EQ(failure(Korva::vexIntfToKernelIntf, ""),
+            "Unable to convert VEX if name to kernel if name");
+  // Match words must begin the name.
+  EXPECT_EQ(failure(Korva::vexIntfToKernelIntf, "xEthernet1"),
+            "Unable to convert VEX if name to kernel if name");
+}
+
+// --- lenient parse ---
+
+TEST(IntfNameLenientParse, AcceptsEveryForm) {
+  KorvaTest::intfIdMgr();
+  const IntfId et31("Ethernet3/1");
+  EXPECT_EQ(Korva::stringToVexIntf("Ethernet3/1"), et31);
+  EXPECT_EQ(Korva::stringToVexIntf("et3_1"), et31);
+  EXPECT_EQ(Korva::stringToVexIntf("Et3/1"), et31);
+  EXPECT_EQ(Korva::stringToVexIntf("vlan10"), IntfId("Vlan10"));
+  EXPECT_EQ(Korva::stringToVexIntf("Vl10"), IntfId("Vlan10"));
+  EXPECT_EQ(Korva::stringToVexIntf("tap-3"), IntfId("Test3"));
+  EXPECT_EQ(Korva::stringToVexIntf("Po10.5"), IntfId("Port-Channel10.5"));
+  EXPECT_FALSE(Korva::stringToVexIntf(""));
+}
+
+TEST(IntfNameLenientParse, LastAttemptsExceptionReachesTheCaller) {
+  KorvaTest::intfIdMgr();
+  EXPECT_EQ(
+      failure([](const std::string& n) { return Korva::stringToVexIntf(n).stringValue(); }, "Foo1"),
+      "Unable to convert short if name to VEX if name");
+  // The short converter matched "vl", so the parser has the last word.
+  EXPECT_EQ(
+      failure([](const std::string& n) { return Korva::stringToVexIntf(n).stringValue(); }, "Vl0"),
+      "Invalid IntfId, zero not valid <Vlan0>");
+}
+
+// --- natural order ---
+
+class IntfNameOrder : public ::testing::Test {
+ protected:
+  void SetUp() override { KorvaTest::intfIdMgr(); }
+  static int cmp(const char* a, const char* b) {
+    return Korva::compareIntfName(IntfId(a), IntfId(b));
+  }
+};
+
+TEST_F(IntfNameOrder, NumbersCompareNumericallyAndFewerGroupsFirst) {
+  EXPECT_EQ(cmp("Ethernet2", "Ethernet10"), -1);
+  EXPECT_EQ(cmp("Ethernet10", "Ethernet2"), 1);
+  EXPECT_EQ(cmp("Ethernet1", "Ethernet1/1"), -1);
+  EXPECT_EQ(cmp("Ethernet1/1", "Ethernet1/1/1"), -1);
+  EXPECT_EQ(cmp("Ethernet1/2", "Ethernet1/10"), -1);
+  EXPECT_EQ(cmp("Ethernet1.5", "Ethernet1.10"), -1);
+  EXPECT_EQ(cmp("Ethernet1/1", "Ethernet1/1"), 0);
+  EXPECT_EQ(cmp("Ethernet1/1.3", "Ethernet1/1"), 1);
+}
+
+TEST_F(IntfNameOrder, TypeWordIsTheRawStrcmpValue) {
+  // Called through a pointer so that the compiler cannot fold it to a bare sign.
+  int (*volatile libcStrcmp)(const char*, const char*) = &std::strcmp;
+  EXPECT_EQ(cmp("Ethernet1", "Vlan1"), libcStrcmp("Ethernet", "Vlan"));
+  EXPECT_EQ(cmp("Vlan1", "Ethernet1"), libcStrcmp("Vlan", "Ethernet"));
+  EXPECT_EQ(cmp("Port-Channel1", "Loopback0"), libcStrcmp("Port-Channel", "Loopback"));
+}
+
+TEST_F(IntfNameOrder, TracesEachGroupAtLevelOne) {
+  Mox::traceConfigIs("KorvaUtils/1");
+  Mox::TraceCapture capture;
+  cmp("Ethernet1/2", "Ethernet1/10");
+  Mox::traceConfigIs("");
+  EXPECT_TRUE(capture.contains("a substr=Ethernet, b substr=Ethernet"));
+  EXPECT_TRUE(capture.contains("a substr=2, b substr=10"));
+  EXPECT_TRUE(capture.contains("   apart=2, bpart=10"));
+  EXPECT_TRUE(capture.contains("   cmp=-1"));
+}
+
+TEST_F(IntfNameOrder, NullIdAborts) {
+  EXPECT_DEATH(Korva::compareIntfName(IntfId(), IntfId("Ethernet1")),
+               "Assertion \"aret > 1\" failed in Korva/KorvaUtils.cpp, S32 "
+               "Korva::compareIntfName\\(Korva::IntfId, Korva::IntfId\\)");
+  EXPECT_DEATH(Korva::compareIntfName(IntfId("Ethernet1"), IntfId()), "\"bret > 1\"");
+}
+
+TEST_F(IntfNameOrder, NameKeyReturnsGroupsPlusOne) {
+  pcre2_match_data* matchData = pcre2_match_data_create(10, nullptr);
+  int error = 0;
+  PCRE2_SIZE offset = 0;
+  pcre2_code* pattern = pcre2_compile(reinterpret_cast<PCRE2_SPTR>("([A-Za-z]+)(\\d+)"),
+                                      PCRE2_ZERO_TERMINATED, 0, &error, &offset, nullptr);
+  ASSERT_NE(pattern, nullptr);
+  EXPECT_EQ(Korva::intfNameKey(IntfId("Vlan12"), pattern, matchData), 3);
+  EXPECT_EQ(Korva::intfNameKey(IntfId("Port-Channel1"), pattern, matchData), 3);
+  EXPECT_EQ(Korva::intfNameKey(IntfId(), pattern, matchData), PCRE2_ERROR_NOMATCH);
+  pcre2_code_free(pattern);
+  pcre2_match_data_free(matchData);
+}
+
+// An independent reading of the order: the type word, then the "/" numbers and the ".n"
+// number as one list (the ".n" number always in the fourth slot), shorter list first.
+struct ReferenceKey {
+  std::string word;
+  std::vector<long> numbers;
+};
+
+ReferenceKey referenceKey(const std::string& name) {
+  ReferenceKey key;
+  size_t i = name.find_first_of("0123456789");
+  key.word = name.substr(0, i);
+  const size_t dot = name.find('.', i);
+  std::string slashPart = name.substr(i, dot == std::string::npos ? std::string::npos : dot - i);
+  for (size_t start = 0; start < slashPart.size();) {
+    size_t end = slashPart.find('/', start);
+    if (end == std::string::npos) end = slashPart.size();
+    key.numbers.push_back(std::stol(slashPart.substr(start, end - start)));
+    start = end + 1;
+  }
+  if (dot != std::string::npos) {
+    key.numbers.resize(3, 0);
+    key.numbers.push_back(std::stol(name.substr(dot + 1)));
+  }
+  return key;
+}
+
+bool referenceLess(const std::string& a, const std::string& b) {
+  const ReferenceKey ka = referenceKey(a);
+  const ReferenceKey kb = referenceKey(b);
+  if (ka.word != kb.word) return ka.word < kb.word;
+  return ka.numbers < kb.numbers;  // lexicographic, a proper prefix first
+}
+
+std::vector<IntfId> realisticIds(size_t count, std::mt19937& rng) {
+  auto n = [&rng](int low, int high) {
+    return std::to_string(std::uniform_int_distribution<int>(low, high)(rng));
+  };
+  std::set<IntfId> ids;
+  while (ids.size() < count) {
+    std::string name;
+    switch (rng() % 8) {
+      case 0:
+        name = "Ethernet" + n(1, 64);
+        break;
+      case 1:
+        name = "Ethernet" + n(1, 12) + "/" + n(1, 48);
+        break;
+      case 2:
+        name = "Ethernet" + n(1, 8) + "/" + n(1, 36) + "/" + n(1, 4);
+        break;
+      case 3:
+        name = "Ethernet" + n(1, 12) + "/" + n(1, 48) + "." + n(1, 4094);
+        break;
+      case 4:
+        name = "Port-Channel" + n(1, 2000) + (rng() % 2 ? "." + n(1, 100) : "");
+        break;
+      case 5:
+        name = "Vlan" + n(1, 4094);
+        break;
+      case 6:
+        name = "Management" + n(1, 2) + (rng() % 2 ? "/" + n(1, 2) : "");
+        break;
+      default:
+        name = "Loopback" + n(0, 999);
+        break;
+    }
+    ids.insert(IntfId(name));
+  }
+  std::vector<IntfId> list(ids.begin(), ids.end());
+  std::shuffle(list.begin(), list.end(), rng);
+  return list;
+}
+
+std::vector<std::string> names(const std::vector<IntfId>& ids) {
+  std::vector<std::string> out;
+  for (IntfId id : ids) out.push_back(id.stringValue());
+  return out;
+}
+
+TEST_F(IntfNameOrder, SortAgreesWithAnIndependentComparison) {
+  std::mt19937 rng(1657);
+  const std::vector<IntfId> shuffled = realisticIds(3000, rng);
+
+  std::vector<std::string> expected = names(shuffled);
+  std::sort(expected.begin(), expected.end(), referenceLess);
+
+  std::vector<IntfId> byCompare = shuffled;
+  std::sort(byCompare.begin(), byCompare.end(),
+            [](IntfId a, IntfId b) { return Korva::compareIntfName(a, b) < 0; });
+  EXPECT_EQ(names(byCompare), expected);
+
+  std::vector<IntfId> byKey = shuffled;
+  Korva::sortByIntfName(byKey);
+  EXPECT_EQ(names(byKey), expected);
+}
+
+TEST_F(IntfNameOrder, SortKeyHasTheSignOfCompareIntfName) {
+  std::mt19937 rng(1808);
+  const std::vector<IntfId> ids = realisticIds(400, rng);
+  auto sign = [](int v) { return (v > 0) - (v < 0); };
+  for (size_t i = 0; i < ids.size(); ++i) {
+    for (size_t j = i; j < ids.size(); j += 7) {
+      const Korva::IntfNameSortKey a(ids[i]), b(ids[j]);
+      ASSERT_EQ(sign(a.compare(b)), sign(Korva::compareIntfName(ids[i], ids[j])))
+          << ids[i] << " " << ids[j];
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,200 @@
+#include <Mox/Activity.h>
+#include <Mox/Clock.h>
+#include <Mox/FileDescriptor.h>
+#include <Mox/Time.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace {
+
+using Mox::ActivityConfig;
+using Mox::ActivityManagerConfig;
+using Mox::Ptr;
+
+struct OnTime : Mox::Clock::Notifiee {
+  template <class Fn>
+  OnTime(const Ptr<Mox::Clock>& clock, Fn fn) : action(fn) {
+    notifierIs(clock);
+  }
+  void onTime() override { action(); }
+  std::function<void()> action;
+};
+
+TEST(Activity, EachThreadHasOneLoopAndOneDefaultActivity) {
+  Ptr<ActivityManagerConfig> manager = ActivityManagerConfig::current();
+  EXPECT_EQ(manager, ActivityManagerConfig::current());
+  EXPECT_EQ(ActivityConfig::current(), ActivityConfig::current());
+  EXPECT_EQ(ActivityConfig::current()->manager(), manager);
+  EXPECT_EQ(ActivityConfig::current()->name(), "default");
+  auto agent = Mox::make<ActivityConfig>("agent");
+  EXPECT_EQ(agent->manager(), manager);
+  EXPECT_EQ(agent->clock(), manager->clock());
+
+  Ptr<ActivityManagerConfig> other;
+  std::thread([&] { other = ActivityManagerConfig::current(); }).join();
+  ASSERT_TRUE(other);
+  EXPECT_NE(other, manager);
+}
+
+TEST(Activity, RunUntilChecksTheConditionBeforeTurning) {
+  auto& manager = *ActivityManagerConfig::current();
+  const Mox::U64 turns = manager.turns();
+  EXPECT_TRUE(Mox::runUntil([] { return true; }, 0.0));
+  EXPECT_FALSE(Mox::runUntil([] { return false; }, 0.0));
+  EXPECT_EQ(manager.turns(), turns);
+}
+
+TEST(Activity, RunUntilIsBoundedInRealTime) {
+  const double start = Mox::now();
+  EXPECT_FALSE(Mox::runUntil([] { return false; }, 0.02));
+  EXPECT_GE(Mox::now(), start + 0.02);
+}
+
+TEST(Activity, RunUntilWaitsForARealDescriptor) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  auto fd = Mox::make<Mox::FileDescriptor>("pipe", fds[0]);
+  std::thread writer([&] { EXPECT_EQ(write(fds[1], "x", 1), 1); });
+  EXPECT_TRUE(Mox::runUntil([&] { return fd->readableCount() > 0; }, 10.0));
+  writer.join();
+  close(fds[1]);
+}
+
+TEST(Activity, VirtualTimeNeverWaitsInRealTime) {
+  Mox::VirtualTime time;
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  auto fd = Mox::make<Mox::FileDescriptor>("pipe", fds[0]);
+  // An hour of virtual time with nothing to do passes in one turn.
+  auto& manager = *ActivityManagerConfig::current();
+  const Mox::U64 turns = manager.turns();
+  EXPECT_FALSE(Mox::runUntil([&] { return fd->readableCount() > 0; }, 3600.0));
+  EXPECT_EQ(manager.turns(), turns + 1);
+  EXPECT_EQ(Mox::now(), time.start() + 3600.0);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  EXPECT_TRUE(Mox::runUntil([&] { return fd->readableCount() > 0; }, 3600.0));
+  EXPECT_EQ(Mox::now(), time.start() + 3600.0);
+  close(fds[1]);
+}
+
+TEST(Activity, RunUntilIsBoundedInRealTimeWhileVirtualTimeStandsStill) {
+  Mox::VirtualTime time;
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  auto fd = Mox::make<Mox::FileDescriptor>("pipe", fds[0]);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  // Never read, the level-triggered pipe is ready on every turn: virtual time never moves.
+  EXPECT_FALSE(Mox::runUntil([] { return false; }, 0.02));
+  EXPECT_EQ(Mox::now(), time.start());
+  EXPECT_GT(fd->readableCount(), 1u);
+  close(fds[1]);
+}
+
+TEST(Activity, ReadyDescriptorComesBeforeAVirtualDeadline) {
+  Mox::VirtualTime time;
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  auto fd = Mox::make<Mox::FileDescriptor>("pipe", fds[0]);
+  auto clock = Mox::make<Mox::Clock>("clock");
+  int fired = 0;
+  OnTime onTime(clock, [&] { ++fired; });
+  clock->minimumTimeIs(Mox::now() + 5.0);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  EXPECT_TRUE(Mox::runOnce());
+  EXPECT_EQ(fd->readableCount(), 1u);
+  EXPECT_EQ(fired, 0);
+  EXPECT_EQ(Mox::now(), time.start());
+  close(fds[1]);
+}
+
+TEST(Activity, RunOnceReportsWhetherAnythingHappened) {
+  Mox::VirtualTime time;
+  auto clock = Mox::make<Mox::Clock>("clock");
+  OnTime onTime(clock, [&] { clock->minimumTimeIs(Mox::kNever); });
+  EXPECT_FALSE(Mox::runOnce());
+  clock->minimumTimeIs(Mox::now() + 1.0);
+  EXPECT_FALSE(Mox::runOnce());
+  EXPECT_TRUE(Mox::runOnce(1.0));
+  EXPECT_EQ(Mox::now(), time.start() + 1.0);
+}
+
+TEST(Activity, StopFromAReactorEndsRun) {
+  Mox::VirtualTime time;
+  auto manager = ActivityManagerConfig::current();
+  auto clock = Mox::make<Mox::Clock>("clock");
+  int ticks = 0;
+  OnTime onTime(clock, [&] {
+    if (++ticks == 3) manager->stop();
+    clock->minimumTimeIs(Mox::now() + 1.0);
+  });
+  clock->minimumTimeIs(Mox::now() + 1.0);
+  manager->run();
+  EXPECT_EQ(ticks, 3);
+  EXPECT_EQ(Mox::now(), time.start() + 3.0);
+}
+
+// True once thread `tid` of this process sits in epoll_wait (or epoll_pwait).
+bool blockedInEpollWait(pid_t tid) {
+  std::ifstream syscall("/proc/self/task/" + std::to_string(tid) + "/syscall");
+  long number = -1;
+  syscall >> number;
+  return number == SYS_epoll_wait || number == SYS_epoll_pwait;
+}
+
+TEST(Activity, StopFromAnotherThreadWakesABlockedLoop) {
+  auto manager = ActivityManagerConfig::current();
+  const pid_t loopThread = gettid();
+  bool sawBlocked = false;
+  std::thread stopper([&] {
+    const double giveUp = Mox::monotonicNow() + 10.0;
+    while (!sawBlocked && Mox::monotonicNow() < giveUp) sawBlocked = blockedInEpollWait(loopThread);
+    manager->stop();
+  });
+  // Nothing to wait for but the stop request itself.
+  manager->run();
+  stopper.join();
+  EXPECT_TRUE(sawBlocked);
+}
+
+TEST(Activity, StopBeforeRunMakesItReturnAtOnce) {
+  auto manager = ActivityManagerConfig::current();
+  manager->stop();
+  manager->run();
+  SUCCEED();
+}
+
+TEST(Activity, ReactorExceptionReachesTheCallerAndTheLoopGoesOn) {
+  Mox::VirtualTime time;
+  auto clock = Mox::make<Mox::Clock>("clock");
+  int ticks = 0;
+  OnTime onTime(clock, [&] {
+    clock->minimumTimeIs(Mox::now() + 1.0);
+    if (++ticks == 1) throw std::runtime_error("reactor failed");
+  });
+  clock->minimumTimeIs(0.0);
+  EXPECT_THROW(Mox::runOnce(), std::runtime_error);
+  EXPECT_TRUE(Mox::runUntil([&] { return ticks == 3; }, 10.0));
+  EXPECT_EQ(Mox::now(), time.start() + 2.0);
+}
+
+TEST(ActivityDeathTest, ReenteringTheLoopFromAReactorAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        auto clock = Mox::make<Mox::Clock>("clock");
+        OnTime onTime(clock, [] { Mox::runOnce(); });
+        clock->minimumTimeIs(0.0);
+        Mox::runOnce();
+      },
+      "Assertion \"event loop re-entered from a reactor\" failed");
+}
+
+}  // namespace

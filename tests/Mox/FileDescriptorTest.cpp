@@ -1,0 +1,317 @@
+#include <Mox/Activity.h>
+#include <Mox/Exception.h>
+#include <Mox/FileDescriptor.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+
+namespace {
+
+using Mox::FileDescriptor;
+using Mox::Ptr;
+
+// The events the kernel's epoll sets watch `fd` for, read from /proc (-1: not watched).
+long kernelWatchedEvents(int fd) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream info(entry.path());
+    std::string line;
+    while (std::getline(info, line)) {
+      int watched;
+      unsigned events;
+      if (std::sscanf(line.c_str(), "tfd: %d events: %x", &watched, &events) == 2 &&
+          watched == fd) {
+        return long(events & ~unsigned(EPOLLERR | EPOLLHUP));  // always watched
+      }
+    }
+  }
+  return -1;
+}
+
+bool isOpen(int fd) {
+  return fcntl(fd, F_GETFD) != -1 || errno != EBADF;
+}
+
+void writeByte(int fd) {
+  ASSERT_EQ(write(fd, "x", 1), 1);
+}
+
+void readByte(int fd) {
+  char byte;
+  ASSERT_EQ(read(fd, &byte, 1), 1);
+}
+
+// Counts notifications and runs an optional action from inside them.
+struct Counter : FileDescriptor::Notifiee {
+  explicit Counter(const Ptr<FileDescriptor>& fd) { notifierIs(fd); }
+  void onReadableCount() override {
+    ++readable;
+    if (onReadable) onReadable();
+  }
+  void onWritableCount() override { ++writable; }
+  int readable = 0;
+  int writable = 0;
+  std::function<void()> onReadable;
+};
+
+class FileDescriptorTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(pipe(pipe_), 0); }
+  void TearDown() override {
+    for (int fd : pipe_) {
+      if (fd >= 0 && isOpen(fd)) close(fd);
+    }
+  }
+  // Takes the read end over; the test keeps writing to the other.
+  Ptr<FileDescriptor> readEnd() {
+    auto fd = Mox::make<FileDescriptor>("pipe", pipe_[0]);
+    pipe_[0] = -1;
+    return fd;
+  }
+  void turns(int count) {
+    for (int i = 0; i < count; ++i) Mox::runOnce();
+  }
+
+  int pipe_[2] = {-1, -1};
+};
+
+// --- ownership ---
+
+TEST_F(FileDescriptorTest, TakesOverAsNonBlockingAndClosesOnDestruction) {
+  const int raw = pipe_[0];
+  ASSERT_FALSE(fcntl(raw, F_GETFL) & O_NONBLOCK);
+  auto fd = readEnd();
+  EXPECT_EQ(fd->descriptor(), raw);
+  EXPECT_TRUE(fd->nonBlocking());
+  EXPECT_TRUE(fcntl(raw, F_GETFL) & O_NONBLOCK);
+  fd = nullptr;
+  EXPECT_FALSE(isOpen(raw));
+}
+
+TEST_F(FileDescriptorTest, TakingAnotherDescriptorClosesTheFirst) {
+  const int first = pipe_[0];
+  auto fd = readEnd();
+  const int second = pipe_[1];
+  fd->descriptorIs(second);
+  pipe_[1] = -1;
+  EXPECT_FALSE(isOpen(first));
+  EXPECT_EQ(fd->descriptor(), second);
+  fd->descriptorIs(-1);
+  EXPECT_FALSE(isOpen(second));
+  EXPECT_EQ(fd->descriptor(), -1);
+  EXPECT_FALSE(fd->nonBlocking());
+}
+
+TEST_F(FileDescriptorTest, BadDescriptorThrowsNamingTheStep) {
+  auto fd = Mox::make<FileDescriptor>("bad");
+  try {
+    fd->descriptorIs(1 << 20);
+    FAIL() << "no exception";
+  } catch (const Mox::ErrnoException& e) {
+    EXPECT_STREQ(e.what(), "fcntl(O_NONBLOCK)");
+    EXPECT_EQ(e.errorNumber(), EBADF);
+  }
+  EXPECT_EQ(fd->descriptor(), -1);
+}
+
+TEST_F(FileDescriptorTest, UnwatchableDescriptorIsClosedAndReported) {
+  // epoll refuses regular files (and memfds) with EPERM.
+  const int file = memfd_create("korva-fd-test", MFD_CLOEXEC);
+  ASSERT_GE(file, 0);
+  auto fd = Mox::make<FileDescriptor>("file");
+  try {
+    fd->descriptorIs(file);
+    FAIL() << "no exception";
+  } catch (const Mox::ErrnoException& e) {
+    EXPECT_STREQ(e.what(), "epoll_ctl(EPOLL_CTL_ADD)");
+    EXPECT_EQ(e.errorNumber(), EPERM);
+  }
+  EXPECT_FALSE(isOpen(file));
+  EXPECT_EQ(fd->descriptor(), -1);
+}
+
+// --- readiness ---
+
+TEST_F(FileDescriptorTest, LevelTriggeredCountsEveryTurnUntilRead) {
+  auto fd = readEnd();
+  Counter counter(fd);
+  turns(2);
+  EXPECT_EQ(fd->readableCount(), 0u);
+  writeByte(pipe_[1]);
+  turns(3);
+  EXPECT_EQ(fd->readableCount(), 3u);
+  EXPECT_EQ(counter.readable, 3);
+  readByte(fd->descriptor());
+  turns(2);
+  EXPECT_EQ(fd->readableCount(), 3u);
+  EXPECT_EQ(fd->writableCount(), 0u);
+}
+
+TEST_F(FileDescriptorTest, EdgeTriggeredCountsOncePerArrival) {
+  auto fd = readEnd();
+  fd->edgeTriggeredIs(true);
+  EXPECT_FALSE(fd->levelTriggered());
+  writeByte(pipe_[1]);
+  turns(3);
+  EXPECT_EQ(fd->readableCount(), 1u);
+  writeByte(pipe_[1]);
+  turns(3);
+  EXPECT_EQ(fd->readableCount(), 2u);
+  // Back to level: the unread bytes are reported again at once.
+  fd->edgeTriggeredIs(false);
+  turns(2);
+  EXPECT_EQ(fd->readableCount(), 4u);
+}
+
+TEST_F(FileDescriptorTest, WritableOnlyWhileSwitchedOn) {
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  auto fd = Mox::make<FileDescriptor>("socket", pair[0]);
+  auto peer = Mox::make<FileDescriptor>("peer", pair[1]);
+  Counter counter(fd);
+  turns(2);
+  EXPECT_EQ(fd->writableCount(), 0u);
+  fd->notifyOnWritableIs(true);
+  turns(2);
+  EXPECT_EQ(fd->writableCount(), 2u);
+  EXPECT_EQ(counter.writable, 2);
+  fd->notifyOnWritableIs(false);
+  turns(2);
+  EXPECT_EQ(fd->writableCount(), 2u);
+  EXPECT_EQ(fd->readableCount(), 0u);
+}
+
+TEST_F(FileDescriptorTest, EdgeTriggeredWritableRearmsWhenSwitchedOnAgain) {
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  auto fd = Mox::make<FileDescriptor>("socket", pair[0]);
+  auto peer = Mox::make<FileDescriptor>("peer", pair[1]);
+  fd->edgeTriggeredIs(true);
+  fd->notifyOnWritableIs(true);
+  turns(3);
+  EXPECT_EQ(fd->writableCount(), 1u);
+  fd->notifyOnWritableIs(false);
+  fd->notifyOnWritableIs(true);
+  turns(3);
+  EXPECT_EQ(fd->writableCount(), 2u);
+}
+
+TEST_F(FileDescriptorTest, ReadableOffLeavesTheLoop) {
+  auto& manager = *Mox::ActivityManagerConfig::current();
+  const size_t before = manager.watchedDescriptorCount();
+  auto fd = readEnd();
+  EXPECT_EQ(manager.watchedDescriptorCount(), before + 1);
+  writeByte(pipe_[1]);
+  fd->notifyOnReadableIs(false);
+  EXPECT_EQ(manager.watchedDescriptorCount(), before);
+  turns(2);
+  EXPECT_EQ(fd->readableCount(), 0u);
+  fd->notifyOnReadableIs(true);
+  turns(1);
+  EXPECT_EQ(fd->readableCount(), 1u);
+}
+
+TEST_F(FileDescriptorTest, KernelWatchesExactlyWhatIsAskedFor) {
+  auto fd = readEnd();
+  const int raw = fd->descriptor();
+  EXPECT_EQ(kernelWatchedEvents(raw), EPOLLIN | EPOLLRDHUP);
+  fd->notifyOnWritableIs(true);
+  EXPECT_EQ(kernelWatchedEvents(raw), EPOLLIN | EPOLLRDHUP | EPOLLOUT);
+  fd->edgeTriggeredIs(true);
+  EXPECT_EQ(kernelWatchedEvents(raw), long(EPOLLIN | EPOLLRDHUP | EPOLLOUT | EPOLLET));
+  fd->notifyOnReadableIs(false);
+  EXPECT_EQ(kernelWatchedEvents(raw), long(EPOLLOUT | EPOLLET));
+  fd->notifyOnWritableIs(false);
+  EXPECT_EQ(kernelWatchedEvents(raw), -1);
+  fd->notifyOnReadableIs(true);
+  EXPECT_EQ(kernelWatchedEvents(raw), long(EPOLLIN | EPOLLRDHUP | EPOLLET));
+  fd->descriptorIs(-1);
+  EXPECT_EQ(kernelWatchedEvents(raw), -1);
+}
+
+TEST_F(FileDescriptorTest, HangUpIsReportedAsReadable) {
+  auto fd = readEnd();
+  close(pipe_[1]);
+  pipe_[1] = -1;
+  turns(1);
+  EXPECT_EQ(fd->readableCount(), 1u);
+  char byte;
+  EXPECT_EQ(read(fd->descriptor(), &byte, 1), 0);
+}
+
+// --- notifiees ---
+
+TEST_F(FileDescriptorTest, NotifieeDetachingItselfMissesOnlyLaterNotifications) {
+  auto fd = readEnd();
+  Counter leaver(fd), stayer(fd);
+  leaver.onReadable = [&] { leaver.notifierIs(nullptr); };
+  writeByte(pipe_[1]);
+  turns(2);
+  EXPECT_EQ(leaver.readable, 1);
+  EXPECT_EQ(stayer.readable, 2);
+  EXPECT_EQ(fd->notifieeCount(), 1u);
+}
+
+TEST_F(FileDescriptorTest, NotifieeDetachingAnotherStopsItAtOnce) {
+  auto fd = readEnd();
+  Counter first(fd), second(fd);
+  first.onReadable = [&] { second.notifierIs(nullptr); };
+  writeByte(pipe_[1]);
+  turns(1);
+  EXPECT_EQ(first.readable, 1);
+  EXPECT_EQ(second.readable, 0);
+}
+
+TEST_F(FileDescriptorTest, DescriptorDestroyedByAnEarlierReactorOfTheSameTurnIsSkipped) {
+  // Both pipes are ready in one turn. Whichever reactor runs first destroys the other
+  // descriptor and makes a new one that likely takes over its registry slot and number;
+  // the stale event must reach neither.
+  auto a = readEnd();
+  int other[2], fresh[2];
+  ASSERT_EQ(pipe(other), 0);
+  ASSERT_EQ(pipe(fresh), 0);
+  auto b = Mox::make<FileDescriptor>("other", other[0]);
+  Ptr<FileDescriptor> replacement;
+  Counter onA(a), onB(b);
+  auto destroy = [&](Ptr<FileDescriptor>& victim, Counter& victimCounter) {
+    victimCounter.notifierIs(nullptr);
+    victim = nullptr;
+    replacement = Mox::make<FileDescriptor>("replacement", fresh[0]);
+  };
+  onA.onReadable = [&] { destroy(b, onB); };
+  onB.onReadable = [&] { destroy(a, onA); };
+  writeByte(pipe_[1]);
+  writeByte(other[1]);
+  turns(1);
+  EXPECT_EQ(onA.readable + onB.readable, 1);
+  ASSERT_TRUE(replacement);
+  EXPECT_EQ(replacement->readableCount(), 0u);
+  close(other[1]);
+  close(fresh[1]);
+}
+
+TEST_F(FileDescriptorTest, ReactorDroppingTheLastReferenceEndsCleanly) {
+  auto fd = readEnd();
+  const int raw = fd->descriptor();
+  auto counter = std::make_unique<Counter>(fd);
+  counter->onReadable = [&] {
+    fd = nullptr;
+    counter->notifierIs(nullptr);
+  };
+  writeByte(pipe_[1]);
+  turns(1);
+  EXPECT_EQ(counter->readable, 1);
+  EXPECT_FALSE(isOpen(raw));
+}
+
+}  // namespace

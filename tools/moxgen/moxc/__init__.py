@@ -1,0 +1,1 @@
+"""moxgen: compiles model files (*.mox) into C++ headers and sources."""

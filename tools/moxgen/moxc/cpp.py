@@ -1,0 +1,968 @@
+"""Writes the C++ header and source of a parsed model."""
+
+import re
+
+from .model import EntityDef, EnumDef, ValueDef, INTEGER_TYPES, SMALL_TYPES, STRING_TYPES
+
+# Runtime type names a model may write bare; generated code spells them Mox::X so that it
+# compiles in any namespace.
+UNSIGNED_TYPES = {f"{prefix}U{bits}": 2**bits - 1
+                  for prefix in ("", "Mox::") for bits in (8, 16, 32, 64)}
+
+MOX_NAMES = re.compile(r"(?<![\w:])(U8|U16|U32|U64|S32|S64|String8|Name|TextIter)\b")
+
+
+def fill(head, items, tail, limit=100):
+    """head + items joined by ", " + tail, broken like clang-format does when too long:
+    continuation lines align under the first item."""
+    one = head + ", ".join(items) + tail
+    if len(one) <= limit or not items:
+        return one
+    lines, line = [], head + items[0]
+    for item in items[1:]:
+        if len(line) + len(item) + 2 > limit:
+            lines.append(line + ",")
+            line = " " * len(head) + item
+        else:
+            line += ", " + item
+    return "\n".join(lines + [line + tail])
+
+
+def cap(name):
+    return name[0].upper() + name[1:]
+
+
+def lower(name):
+    return name[0].lower() + name[1:]
+
+
+OPENERS = ("{", "public:", "protected:", "private:")
+
+
+class Writer:
+    def __init__(self):
+        self.lines = []
+
+    def __call__(self, text=""):
+        self.lines.extend(text.split("\n") if text else [""])
+
+    def text(self):
+        # One blank line at most between blocks, none before a closing brace.
+        out = []
+        for line in self.lines:
+            opened = out and out[-1].endswith(OPENERS) and not out[-1].startswith("namespace")
+            if line == "" and (not out or out[-1] == "" or opened):
+                continue
+            closer = line.startswith((" ", "}")) and line.strip().startswith("}")
+            if closer and "namespace" not in line and out and out[-1] == "":
+                out.pop()
+            out.append(line.rstrip())
+        while out and out[-1] == "":
+            out.pop()
+        return "\n".join(out) + "\n"
+
+
+class Emitter:
+    def __init__(self, model, header_include):
+        self.model = model
+        self.ns = model.namespace
+        self.header_include = header_include
+        self.h = Writer()
+        self.c = Writer()
+
+    # --- types --------------------------------------------------------------------------
+
+    def cxx(self, type_name):
+        found = self.model.find(type_name)
+        if isinstance(found, EnumDef) and found.owner:
+            return found.qualified  # valid inside and outside the owning class
+        return MOX_NAMES.sub(r"Mox::\1", type_name)
+
+    def small(self, type_name):
+        if type_name in SMALL_TYPES:
+            return True
+        found = self.model.find(type_name)
+        return isinstance(found, EnumDef) or (
+            isinstance(found, ValueDef) and found.wrapped in INTEGER_TYPES)
+
+    def param(self, type_name):
+        return self.cxx(type_name) if self.small(type_name) else f"const {self.cxx(type_name)}&"
+
+    def qualified(self, name):
+        return f"{self.ns}::{name}"
+
+    # --- bounds -------------------------------------------------------------------------
+
+    def bound_text(self, bound):
+        return bound.text if bound.literal else f"Expr @{self.model.file_name}:{bound.line}"
+
+    def low_check(self, type_name, bound):
+        """False when the type cannot go below the bound (no always-false comparison)."""
+        return bound and not (bound.literal and type_name in UNSIGNED_TYPES and
+                              int(bound.text, 0) <= 0)
+
+    def high_check(self, type_name, bound):
+        return bound and not (bound.literal and type_name in UNSIGNED_TYPES and
+                              int(bound.text, 0) >= UNSIGNED_TYPES[type_name])
+
+    def check_name(self, owner, attr_name):
+        return f"check{owner}{cap(attr_name)}"
+
+    def emit_check(self, owner, attr_name, type_name, low, high):
+        """A file-local check that raises the model's bound message."""
+        c = self.c
+        c(f"void {self.check_name(owner, attr_name)}({self.param(type_name)} value) {{")
+        if self.low_check(type_name, low):
+            c(f"  if (value < {low.text}) {{")
+            c(f'    throw Mox::RangeException("{owner}::{attr_name} < {self.bound_text(low)} '
+              'not allowed");')
+            c("  }")
+        if self.high_check(type_name, high):
+            c(f"  if (value > {high.text}) {{")
+            c(f'    throw Mox::RangeException("{owner}::{attr_name} > {self.bound_text(high)} '
+              'not allowed");')
+            c("  }")
+        c("}")
+        c()
+
+    def emit_checks(self, owner, members):
+        bounded = [m for m in members if m.min or m.max]
+        if not bounded:
+            return
+        self.c("namespace {")
+        self.c()
+        for m in bounded:
+            self.emit_check(owner, m.name, m.type, m.min, m.max)
+        self.c("}  // namespace")
+        self.c()
+
+    def check_call(self, owner, member, value):
+        if member.min or member.max:
+            return f"{self.check_name(owner, member.name)}({value});"
+        return None
+
+    # --- the files ----------------------------------------------------------------------
+
+    def run(self):
+        h, c = self.h, self.c
+        h("#pragma once")
+        h(f"// Generated by moxgen from {self.model.file_name}; edit the model, not this file.")
+        h()
+        for include in sorted(set(self.model.includes) | {"<Mox/Model.h>"}):
+            h(f"#include {include}")
+        h()
+        h(f"namespace {self.ns} {{")
+        h()
+        c(f"// Generated by moxgen from {self.model.file_name}; edit the model, not this file.")
+        c()
+        c(f"#include <{self.header_include}>")
+        c()
+        c("#include <ostream>")
+        c("#include <utility>")
+        c()
+        c(f"namespace {self.ns} {{")
+        c()
+        for t in self.model.types:
+            if isinstance(t, EnumDef):
+                self.enum(t)
+            elif isinstance(t, ValueDef) and t.wrapped:
+                self.wrapper(t)
+            elif isinstance(t, ValueDef):
+                self.value(t)
+            else:
+                self.entity(t)
+        h(f"}}  // namespace {self.ns}")
+        c(f"}}  // namespace {self.ns}")
+        hashed = [t for t in self.model.types if isinstance(t, ValueDef)]
+        if hashed:
+            h()
+        for t in hashed:
+            h("template <>")
+            h(f"struct std::hash<{self.qualified(t.name)}> {{")
+            h(f"  size_t operator()(const {self.qualified(t.name)}& value) const {{ "
+              "return value.hash(); }")
+            h("};")
+            h()
+        return self.h.text(), self.c.text()
+
+    def doc(self, writer, lines, indent=""):
+        for line in lines:
+            writer(f"{indent}// {line}".rstrip())
+
+    def text_functions(self, name, by_value=False):
+        """Declares the free text functions every value and enumeration has."""
+        arg = name if by_value else f"const {name}&"
+        self.h(f"std::string valueToStrep({arg} value);")
+        self.h(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {name}* value);")
+        self.h(f"std::ostream& operator<<(std::ostream& os, {arg} value);")
+        self.h()
+
+    # --- enumerations -------------------------------------------------------------------
+
+    def enum(self, e):
+        self.enum_declaration(e, "")
+        self.enum_functions(e)
+
+    def short_function(self, signature, statement):
+        """A one-statement function, on one line when it fits."""
+        line = f"{signature} {{ {statement} }}"
+        if len(line) <= 100:
+            self.c(line)
+        else:
+            self.c(f"{signature} {{")
+            self.c(f"  {statement}")
+            self.c("}")
+
+    def enum_declaration(self, e, indent):
+        h = self.h
+        self.doc(h, e.doc, indent)
+        h(f"{indent}enum class {e.name} : {self.cxx(e.base)} {{")
+        for entry in e.entries:
+            h(f"{indent}  {entry.name} = {entry.value},")
+        h(f"{indent}}};")
+        h()
+
+    def enum_functions(self, e):
+        c = self.c
+        name = e.qualified
+        self.text_functions(name, by_value=True)
+        table = f"k{name.replace('::', '')}Texts"
+        c("namespace {")
+        c()
+        c(f"constexpr Mox::EnumText<{name}> {table}[] = {{")
+        for entry in e.entries:
+            c(f'    {{{name}::{entry.name}, "{entry.text}"}},')
+        c("};")
+        c()
+        c("}  // namespace")
+        c()
+        self.short_function(f"std::string valueToStrep({name} value)",
+                            f"return Mox::enumToStrep(value, {table});")
+        c()
+        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {name}* value) {{")
+        c(f'  Mox::enumFromSequence(it, end, value, {table}, "Invalid {e.name}");')
+        c("}")
+        c()
+        c(f"std::ostream& operator<<(std::ostream& os, {name} value) {{")
+        c("  return os << valueToStrep(value);")
+        c("}")
+        c()
+
+    # --- wrapper values -----------------------------------------------------------------
+
+    def wrapper_message(self, v):
+        if v.max_bytes:
+            return f"{v.name}::bytes > {self.bound_text(v.max_bytes)} not allowed"
+        if v.min and v.max:
+            return f"{v.name}::value < {v.name}::min or > {v.name}::max not allowed"
+        if v.min:
+            return f"{v.name}::value < {self.bound_text(v.min)} not allowed"
+        return f"{v.name}::value > {self.bound_text(v.max)} not allowed"
+
+    def wrapper(self, v):
+        h = self.h
+        t = self.cxx(v.wrapped)
+        p = self.param(v.wrapped)
+        bounded = v.min or v.max or v.max_bytes
+        self.doc(h, v.doc)
+        h(f"class {v.name} {{")
+        h(" public:")
+        if v.min:
+            h(f"  static constexpr {t} min() {{ return {v.min.text}; }}")
+        if v.max:
+            h(f"  static constexpr {t} max() {{ return {v.max.text}; }}")
+        if v.max_bytes:
+            h(f"  static constexpr size_t maxBytes() {{ return {v.max_bytes.text}; }}")
+        h()
+        h(f"  {v.name}() = default;")
+        if bounded:
+            h("  // Out of bounds raises Mox::RangeException")
+            h(f'  // "{self.wrapper_message(v)}".')
+            h(f"  explicit {v.name}({p} value);")
+        else:
+            h(f"  explicit {v.name}({p} value) : value_(value) {{}}")
+        h()
+        h(f"  {p} value() const {{ return value_; }}")
+        if bounded:
+            h(f"  void valueIs({p} value);")
+        else:
+            h(f"  void valueIs({p} value) {{ value_ = value; }}")
+        if v.wrapped in STRING_TYPES:
+            h("  size_t bytes() const { return value_.size(); }")
+        for b in v.bits:
+            self.doc(h, b.doc, "  ")
+            h(f"  bool {b.name}() const {{ return (value_ >> {b.bit}) & 1u; }}")
+            h(f"  void {b.name}Is(bool {b.name}) {{")
+            h(f"    value_ = static_cast<{t}>({b.name} ? value_ | (1u << {b.bit}) "
+              f": value_ & ~(1u << {b.bit}));")
+            h("  }")
+        for method in v.methods:
+            h(f"  {method}")
+        h()
+        if v.bits:
+            h(f"  // The text form Value('{self.qualified(v.name)}', ** {{...}}) of the flags, and")
+            h("  // back; a text that is no value raises Mox::RangeException and changes nothing.")
+        else:
+            h("  // The bare value as text, and back; a text that is no value raises")
+            h("  // Mox::RangeException and changes nothing.")
+        h("  std::string stringValue() const;")
+        h("  void stringValueIs(std::string_view text);")
+        h("  Mox::U32 hash() const { return Mox::attrHash(value_); }")
+        h()
+        h(f"  friend bool operator==(const {v.name}&, const {v.name}&) = default;")
+        h(f"  friend auto operator<=>(const {v.name}&, const {v.name}&) = default;")
+        h()
+        h(" private:")
+        init = f" = {v.min.text}" if v.min else "{}"
+        h(f"  {t} value_{init};")
+        h("};")
+        h()
+        self.text_functions(v.name)
+
+        if bounded:
+            self.define_wrapper_bounds(v)
+        self.wrapper_text(v)
+
+    def define_wrapper_bounds(self, v):
+        c = self.c
+        p = self.param(v.wrapped)
+        c(f"{v.name}::{v.name}({p} value) {{ valueIs(value); }}")
+        c()
+        c(f"void {v.name}::valueIs({p} value) {{")
+        conditions = []
+        if v.max_bytes:
+            conditions.append(f"value.size() > {v.max_bytes.text}")
+        if self.low_check(v.wrapped, v.min):
+            conditions.append(f"value < {v.min.text}")
+        if self.high_check(v.wrapped, v.max):
+            conditions.append(f"value > {v.max.text}")
+        if conditions:
+            c(f"  if ({' || '.join(conditions)}) {{")
+            c(f'    throw Mox::RangeException("{self.wrapper_message(v)}");')
+            c("  }")
+        c("  value_ = value;")
+        c("}")
+        c()
+
+    def flags_text(self, v):
+        """Integer values with named flags print and parse as composites of their flags."""
+        c = self.c
+        c(f"std::string {v.name}::stringValue() const {{ return valueToStrep(*this); }}")
+        c()
+        c(f"void {v.name}::stringValueIs(std::string_view text) {{")
+        c(f'  *this = Mox::valueFromText<{v.name}>(text, "Invalid {v.name}");')
+        c("}")
+        c()
+        c(f"std::string valueToStrep(const {v.name}& value) {{")
+        c(f'  return Mox::ValueText("{self.qualified(v.name)}")')
+        for b in v.bits:
+            c(f'      .attr("{b.name}", value.{b.name}())')
+        c("      .str();")
+        c("}")
+        c()
+        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {v.name}* value) {{")
+        c("  Mox::TextIter cursor = it;")
+        c(f"  {v.name} parsed;")
+        c(f'  Mox::ValueParser parser(cursor, end, "{self.qualified(v.name)}");')
+        for b in v.bits:
+            c(f"  bool {b.name} = false;")
+            c(f'  parser.attr("{b.name}", &{b.name});')
+            c(f"  parsed.{b.name}Is({b.name});")
+        c("  parser.finish();")
+        c("  it = cursor;")
+        c("  *value = parsed;")
+        c("}")
+        c()
+        c(f"std::ostream& operator<<(std::ostream& os, const {v.name}& value) {{")
+        c("  return os << value.stringValue();")
+        c("}")
+        c()
+
+    def wrapper_text(self, v):
+        c = self.c
+        t = self.cxx(v.wrapped)
+        if v.bits:
+            self.flags_text(v)
+            return
+        if v.wrapped in STRING_TYPES:
+            c(f"std::string {v.name}::stringValue() const {{ return value_; }}")
+            c()
+            c(f"void {v.name}::stringValueIs(std::string_view text) {{ valueIs({t}(text)); }}")
+        else:
+            c(f"std::string {v.name}::stringValue() const {{ return Mox::valueToStrep(value_); }}")
+            c()
+            c(f"void {v.name}::stringValueIs(std::string_view text) {{")
+            c(f'  valueIs(Mox::valueFromText<{t}>(text, "Invalid {v.name}"));')
+            c("}")
+        c()
+        c(f"std::string valueToStrep(const {v.name}& value) {{")
+        c("  return Mox::valueToStrep(value.value());")
+        c("}")
+        c()
+        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {v.name}* value) {{")
+        c("  Mox::TextIter cursor = it;")
+        c(f"  {t} raw{{}};")
+        c("  Mox::deserializeAttr(cursor, end, &raw);")
+        c(f"  {v.name} parsed(raw);")
+        c("  it = cursor;")
+        c("  *value = std::move(parsed);")
+        c("}")
+        c()
+        c(f"std::ostream& operator<<(std::ostream& os, const {v.name}& value) {{")
+        c("  return os << value.stringValue();")
+        c("}")
+        c()
+
+    # --- composite values ---------------------------------------------------------------
+
+    def value(self, v):
+        h, c = self.h, self.c
+        attrs = v.attrs
+        self.doc(h, v.doc)
+        h(f"class {v.name} {{")
+        h(" public:")
+        for nested in v.enums:
+            self.enum_declaration(nested, "  ")
+        h(f"  {v.name}() = default;")
+        if attrs:
+            explicit = "explicit " if len(attrs) == 1 else ""
+            args = [f"{self.param(a.type)} {a.name}" for a in attrs]
+            h(fill(f"  {explicit}{v.name}(", args, ");"))
+        h()
+        for a in attrs:
+            self.doc(h, a.doc, "  ")
+            h(f"  {self.param(a.type)} {a.name}() const {{ return {a.name}_; }}")
+            if a.min or a.max:
+                h(f"  void {a.name}Is({self.param(a.type)} {a.name});")
+            else:
+                h(f"  void {a.name}Is({self.param(a.type)} {a.name}) {{ {a.name}_ = {a.name}; }}")
+        for method in v.methods:
+            h(f"  {method}")
+        h()
+        h(f"  // The text form Value('{self.qualified(v.name)}', ** {{...}}), and back; a text")
+        h("  // that is no value raises Mox::RangeException and changes nothing.")
+        h("  std::string stringValue() const;")
+        h("  void stringValueIs(std::string_view text);")
+        h("  Mox::U32 hash() const;")
+        h()
+        h(f"  friend bool operator==(const {v.name}&, const {v.name}&) = default;")
+        h(f"  // Lexicographic, attribute by attribute in model order.")
+        h(f"  friend auto operator<=>(const {v.name}& a, const {v.name}& b) {{")
+        if attrs:
+            mine = ", ".join(f"a.{a.name}_" for a in attrs)
+            theirs = ", ".join(f"b.{a.name}_" for a in attrs)
+            line = f"    return std::tie({mine}) <=> std::tie({theirs});"
+            if len(line) <= 100:
+                h(line)
+            else:
+                h(f"    return std::tie({mine}) <=>")
+                h(f"           std::tie({theirs});")
+        else:
+            h("    return std::tie() <=> std::tie();")
+        h("  }")
+        h()
+        h(" private:")
+        for a in attrs:
+            init = f" = {a.default}" if a.default else "{}"
+            h(f"  {self.cxx(a.type)} {a.name}_{init};")
+        h("};")
+        h()
+        self.text_functions(v.name)
+        for nested in v.enums:
+            self.enum_functions(nested)
+
+        self.emit_checks(v.name, attrs)
+        if attrs:
+            args = [f"{self.param(a.type)} {a.name}" for a in attrs]
+            inits = [f"{a.name}_({a.name})" for a in attrs]
+            c(fill(f"{v.name}::{v.name}(", args, ")"))
+            c(fill("    : ", inits, " {"))
+            for a in attrs:
+                call = self.check_call(v.name, a, a.name)
+                if call:
+                    c(f"  {call}")
+            c("}")
+            c()
+        for a in attrs:
+            call = self.check_call(v.name, a, a.name)
+            if call:
+                c(f"void {v.name}::{a.name}Is({self.param(a.type)} {a.name}) {{")
+                c(f"  {call}")
+                c(f"  {a.name}_ = {a.name};")
+                c("}")
+                c()
+        c(f"std::string {v.name}::stringValue() const {{ return valueToStrep(*this); }}")
+        c()
+        c(f"void {v.name}::stringValueIs(std::string_view text) {{")
+        c(f'  *this = Mox::valueFromText<{v.name}>(text, "Invalid {v.name}");')
+        c("}")
+        c()
+        c(f"Mox::U32 {v.name}::hash() const {{")
+        c("  Mox::U32 hash = 0;")
+        for a in attrs:
+            c(f"  hash = Mox::hashCombine(hash, Mox::attrHash({a.name}_));")
+        c("  return hash;")
+        c("}")
+        c()
+        c(f"std::string valueToStrep(const {v.name}& value) {{")
+        c(f'  return Mox::ValueText("{self.qualified(v.name)}")')
+        for a in attrs:
+            c(f'      .attr("{a.name}", value.{a.name}())')
+        c("      .str();")
+        c("}")
+        c()
+        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {v.name}* value) {{")
+        c("  Mox::TextIter cursor = it;")
+        for a in attrs:
+            c(f"  {self.cxx(a.type)} {a.name}{{}};")
+        c(f'  Mox::ValueParser parser(cursor, end, "{self.qualified(v.name)}");')
+        for a in attrs:
+            c(f'  parser.attr("{a.name}", &{a.name});')
+        c("  parser.finish();")
+        names = [f"std::move({a.name})" for a in attrs]
+        c(fill(f"  {v.name} parsed(", names, ");") if attrs else f"  {v.name} parsed;")
+        c("  it = cursor;")
+        c("  *value = std::move(parsed);")
+        c("}")
+        c()
+        c(f"std::ostream& operator<<(std::ostream& os, const {v.name}& value) {{")
+        c("  return os << value.stringValue();")
+        c("}")
+        c()
+
+    # --- entities -----------------------------------------------------------------------
+
+    def base_arguments(self, e):
+        if e.base_args is not None:
+            return e.base_args, {"name"}
+        if e.base == "Mox::Entity":
+            if any(a.name == "name" for a in e.args):
+                return "name", {"name"}
+            return f'"{e.name}"', set()
+        base = self.model.find(e.base)
+        names = [a.name for a in base.args]
+        return ", ".join(names), set(names)
+
+    def entity(self, e):
+        h, c = self.h, self.c
+        base_args, passed = self.base_arguments(e)
+        stored_args = [a for a in e.args if a.name not in passed]
+        ctor_args = ", ".join(f"{self.param(a.type)} {a.name}" for a in e.args)
+        self.doc(h, e.doc)
+        h(f"class {e.name} : public {e.base} {{")
+        h(" public:")
+        h("  class Notifiee;")
+        h()
+        for nested in e.enums:
+            self.enum_declaration(nested, "  ")
+        if any(a.kind == "queue" for a in e.attrs):
+            h()
+            for a in e.attrs:
+                if a.kind == "queue":
+                    h(f"  using {cap(a.name)}Metadata = Mox::QueueMetadata;")
+        h()
+        for a in stored_args:
+            h(f"  {self.param(a.type)} {a.name}() const {{ return {a.name}_; }}")
+        if stored_args:
+            h()
+        for a in e.attrs:
+            self.doc(h, a.doc, "  ")
+            getattr(self, f"declare_{a.kind}")(a)
+            h()
+        for method in e.methods:
+            h(f"  {method}")
+        if e.methods:
+            h()
+        h(" protected:")
+        explicit = "explicit " if len(e.args) == 1 else ""
+        h(f"  {explicit}{e.name}({ctor_args});")
+        h()
+        h(" private:")
+        if e.factory:
+            h(f"  friend Mox::Ptr<{e.name}> {e.factory}({ctor_args});")
+            h()
+        for a in stored_args:
+            h(f"  const {self.cxx(a.type)} {a.name}_;")
+        for a in e.attrs:
+            h(f"  {self.storage(a)};")
+            if a.kind == "queue":
+                h(f"  {cap(a.name)}Metadata {a.name}Metadata_;")
+        h("};")
+        h()
+        self.notifiee(e)
+        if e.factory:
+            h(f"Mox::Ptr<{e.name}> {e.factory}({ctor_args});")
+            h()
+        for nested in e.enums:
+            self.enum_functions(nested)
+
+        self.emit_checks(e.name, [a for a in e.args if a.min or a.max] + e.attrs)
+        inits = [f"{e.base}({base_args})"] + [f"{a.name}_({a.name})" for a in stored_args]
+        calls = [self.check_call(e.name, a, a.name) for a in e.args]
+        calls = [call for call in calls if call]
+        signature = f"{e.name}::{e.name}({ctor_args})"
+        initializers = f": {', '.join(inits)} {{" + ("" if calls else "}")
+        if len(signature) + len(initializers) < 100:
+            c(f"{signature} {initializers}")
+        else:
+            c(signature)
+            c(f"    {initializers}")
+        for call in calls:
+            c(f"  {call}")
+        if calls:
+            c("}")
+        c()
+        for a in e.attrs:
+            getattr(self, f"define_{a.kind}")(e, a)
+        if e.factory:
+            names = ", ".join(a.name for a in e.args)
+            c(f"Mox::Ptr<{e.name}> {e.factory}({ctor_args}) {{")
+            c(f"  return Mox::Ptr<{e.name}>(new {e.name}({names}));")
+            c("}")
+            c()
+
+    def storage(self, a):
+        t = self.cxx(a.type)
+        if a.kind == "scalar":
+            init = f" = {a.default}" if a.default else "{}"
+            return f"{t} {a.name}_{init}"
+        if a.kind == "array":
+            return f"std::vector<{t}> {a.name}_"
+        if a.kind == "children":
+            return f"std::map<{self.cxx(a.key)}, Mox::Ptr<{t}>> {a.name}_"
+        return f"std::map<{self.cxx(a.key)}, {t}> {a.name}_"
+
+    def notifiee(self, e):
+        h = self.h
+        base = ("Mox::Entity::NotifieeBase" if e.base == "Mox::Entity"
+                else f"{e.base}::Notifiee")
+        h(f"// Watches one {e.name}; each hook runs after a real change of its attribute.")
+        h(f"class {e.name}::Notifiee : public {base} {{")
+        h(" public:")
+        h(f"  {e.name}* notifier() const {{")
+        h(f"    return static_cast<{e.name}*>(const_cast<Mox::Entity*>(notifierBase()));")
+        h("  }")
+        h("  // Starts watching `notifier` (nullptr: none), leaving the one watched before.")
+        h(f"  void notifierIs({e.name}* notifier) {{ notifierBaseIs(notifier); }}")
+        h()
+        for a in e.attrs:
+            key = "" if a.kind == "scalar" else self.param(a.key)
+            h(f"  virtual void on{cap(a.name)}({key}) {{}}")
+        h()
+        h(" protected:")
+        h("  Notifiee() = default;")
+        h("};")
+        h()
+
+    # Each attribute kind has a declare_ (header) and a define_ (source) writer.
+
+    def mutator(self, a):
+        return "virtual " if a.virtual else ""
+
+    def notify(self, a, key=None):
+        arg = "" if key is None else key
+        capture = "" if key is None else "&"
+        return (f"notify<Notifiee>([{capture}](Notifiee& notifiee) "
+                f"{{ notifiee.on{cap(a.name)}({arg}); }});")
+
+    def declare_scalar(self, a):
+        h = self.h
+        p = self.param(a.type)
+        v = self.mutator(a)
+        h(f"  {p} {a.name}() const {{ return {a.name}_; }}")
+        h(f"  {v}void {a.name}Is({p} {a.name});")
+        if a.counter:
+            h(f"  {v}void {a.name}Inc({p} delta = 1);")
+        h(f"  // Back to the default value.")
+        h(f"  {v}void {a.name}Del();")
+
+    def define_scalar(self, e, a):
+        c = self.c
+        p = self.param(a.type)
+        t = self.cxx(a.type)
+        check = self.check_call(e.name, a, a.name)
+        c(f"void {e.name}::{a.name}Is({p} {a.name}) {{")
+        if check:
+            c(f"  {check}")
+        c(f"  if ({a.name}_ == {a.name}) return;")
+        c(f"  {a.name}_ = {a.name};")
+        c(f"  {self.notify(a)}")
+        c("}")
+        c()
+        if a.counter:
+            c(f"void {e.name}::{a.name}Inc({p} delta) {{")
+            c("  if (delta == 0) return;")
+            check = self.check_call(e.name, a, f"{t}({a.name}_ + delta)")
+            if check:
+                c(f"  {check}")
+            c(f"  {a.name}_ += delta;")
+            c(f"  {self.notify(a)}")
+            c("}")
+            c()
+        default = f"{t}({a.default})" if a.default else f"{t}()"
+        c(f"void {e.name}::{a.name}Del() {{")
+        c(f"  if ({a.name}_ == {default}) return;")
+        c(f"  {a.name}_ = {default};")
+        c(f"  {self.notify(a)}")
+        c("}")
+        c()
+
+    def key_expr(self, a, value):
+        arrow = "->" if a.type.startswith(("Mox::Ptr<", "Ptr<")) else "."
+        return f"{value}{arrow}{a.key_member}()"
+
+    def declare_map(self, a):
+        h = self.h
+        t, k = self.cxx(a.type), self.cxx(a.key)
+        pv, pk = self.param(a.type), self.param(a.key)
+        v = self.mutator(a)
+        n = cap(a.name)
+        if a.key_member:
+            key_args = f"{pv} value"
+        else:
+            key_args = f"{pk} key, {pv} value"
+        h(f"  // The entry for `key`, or the default value when there is none.")
+        h(f"  {t} {a.name}({pk} key) const;")
+        h(f"  const std::map<{k}, {t}>& {a.name}Coll() const {{ return {a.name}_; }}")
+        h(f"  size_t {a.name}Size() const {{ return {a.name}_.size(); }}")
+        h(f"  // Adds the entry unless its key is present; returns the entry the key now has.")
+        h(f"  {v}{t} new{n}({key_args});")
+        h(f"  // Adds or replaces the entry.")
+        h(f"  {v}void {a.name}Is({key_args});")
+        h(f"  {v}void {a.name}Del({pk} key);")
+        h(f"  {v}void {a.name}DelAll();")
+        h(f"  // Runs the on{n}(key) hooks without a change.")
+        h(f"  {v}void {a.name}Notify({pk} key) const;")
+
+    def define_map(self, e, a):
+        c = self.c
+        t, k = self.cxx(a.type), self.cxx(a.key)
+        pv, pk = self.param(a.type), self.param(a.key)
+        n = cap(a.name)
+        m = f"{a.name}_"
+        c(f"{t} {e.name}::{a.name}({pk} key) const {{")
+        c(f"  auto entry = {m}.find(key);")
+        c(f"  return entry == {m}.end() ? {t}() : entry->second;")
+        c("}")
+        c()
+        if a.key_member:
+            args = f"{pv} value"
+            key_line = f"  const {k} key = {self.key_expr(a, 'value')};"
+        else:
+            args = f"{pk} key, {pv} value"
+            key_line = None
+        c(f"{t} {e.name}::new{n}({args}) {{")
+        if key_line:
+            c(key_line)
+        c(f"  auto [entry, added] = {m}.try_emplace(key, value);")
+        c("  if (!added) return entry->second;")
+        c(f"  {self.notify(a, 'key')}")
+        c("  return value;")
+        c("}")
+        c()
+        c(f"void {e.name}::{a.name}Is({args}) {{")
+        if key_line:
+            c(key_line)
+        c(f"  auto [entry, added] = {m}.try_emplace(key, value);")
+        c("  if (!added) {")
+        c("    if (entry->second == value) return;")
+        c("    entry->second = value;")
+        c("  }")
+        c(f"  {self.notify(a, 'key')}")
+        c("}")
+        c()
+        self.define_del_all(e, a)
+        self.define_notify(e, a, f"{pk} key", "key")
+
+    def define_del_all(self, e, a):
+        """Del and DelAll of the map-backed kinds (maps and queues)."""
+        c = self.c
+        m = f"{a.name}_"
+        pk = self.param(a.key)
+        queue = a.kind == "queue"
+        c(f"void {e.name}::{a.name}Del({pk} key) {{")
+        c(f"  auto entry = {m}.find(key);")
+        c(f"  if (entry == {m}.end()) return;")
+        c(f"  auto removed = {m}.extract(entry);")
+        if queue:
+            c(f"  Mox::queueHeadUpdate({m}, &{a.name}Metadata_);")
+        c(f"  {self.notify(a, 'removed.key()')}")
+        c("}")
+        c()
+        c(f"void {e.name}::{a.name}DelAll() {{")
+        c(f"  while (!{m}.empty()) {{")
+        c(f"    auto removed = {m}.extract({m}.begin());")
+        if queue:
+            c(f"    Mox::queueHeadUpdate({m}, &{a.name}Metadata_);")
+        c(f"    {self.notify(a, 'removed.key()')}")
+        c("  }")
+        c("}")
+        c()
+
+    def declare_children(self, a):
+        h = self.h
+        t, k = self.cxx(a.type), self.cxx(a.key)
+        pk = self.param(a.key)
+        v = self.mutator(a)
+        n = cap(a.name)
+        h(f"  // Child entities, one per key, made by {a.factory}(key).")
+        h(f"  Mox::Ptr<{t}> {a.name}({pk} key) const;")
+        h(f"  const std::map<{k}, Mox::Ptr<{t}>>& {a.name}Coll() const {{ return {a.name}_; }}")
+        h(f"  size_t {a.name}Size() const {{ return {a.name}_.size(); }}")
+        h(f"  // Makes the child unless the key has one; returns the key's child.")
+        h(f"  {v}Mox::Ptr<{t}> new{n}({pk} key);")
+        h(f"  {v}void {a.name}Del({pk} key);")
+        h(f"  {v}void {a.name}DelAll();")
+        h(f"  // Runs the on{n}(key) hooks without a change.")
+        h(f"  {v}void {a.name}Notify({pk} key) const;")
+
+    def define_children(self, e, a):
+        c = self.c
+        t = self.cxx(a.type)
+        pk = self.param(a.key)
+        n = cap(a.name)
+        m = f"{a.name}_"
+        c(f"Mox::Ptr<{t}> {e.name}::{a.name}({pk} key) const {{")
+        c(f"  auto entry = {m}.find(key);")
+        c(f"  return entry == {m}.end() ? nullptr : entry->second;")
+        c("}")
+        c()
+        c(f"Mox::Ptr<{t}> {e.name}::new{n}({pk} key) {{")
+        c(f"  auto entry = {m}.find(key);")
+        c(f"  if (entry != {m}.end()) return entry->second;")
+        c(f"  Mox::Ptr<{t}> child = {a.factory}(key);")
+        c(f"  {m}.emplace(key, child);")
+        c(f"  {self.notify(a, 'key')}")
+        c("  return child;")
+        c("}")
+        c()
+        self.define_del_all(e, a)
+        self.define_notify(e, a, f"{pk} key", "key")
+
+    def declare_array(self, a):
+        h = self.h
+        t = self.cxx(a.type)
+        pv, pi = self.param(a.type), self.param(a.key)
+        v = self.mutator(a)
+        n = cap(a.name)
+        h(f"  // The entry at `index`, or the default value past the end. Entries holding the")
+        h(f"  // default value count as absent: the array ends at its last other entry.")
+        h(f"  {t} {a.name}({pi} index) const;")
+        h(f"  const std::vector<{t}>& {a.name}Coll() const {{ return {a.name}_; }}")
+        h(f"  size_t {a.name}Size() const {{ return {a.name}_.size(); }}")
+        h(f"  {v}void {a.name}Is({pi} index, {pv} value);")
+        h(f"  {v}void {a.name}Del({pi} index);")
+        h(f"  {v}void {a.name}DelAll();")
+        h(f"  // Runs the on{n}(index) hooks without a change.")
+        h(f"  {v}void {a.name}Notify({pi} index) const;")
+
+    def define_array(self, e, a):
+        c = self.c
+        t, i = self.cxx(a.type), self.cxx(a.key)
+        pv, pi = self.param(a.type), self.param(a.key)
+        m = f"{a.name}_"
+        c(f"{t} {e.name}::{a.name}({pi} index) const {{")
+        c("  const size_t position = Mox::indexOf(index);")
+        c(f"  return position < {m}.size() ? {t}({m}[position]) : {t}();")
+        c("}")
+        c()
+        c(f"void {e.name}::{a.name}Is({pi} index, {pv} value) {{")
+        c(f"  if ({a.name}(index) == value) return;")
+        c("  const size_t position = Mox::indexOf(index);")
+        c(f"  if (position >= {m}.size()) {m}.resize(position + 1);")
+        c(f"  {m}[position] = value;")
+        c(f"  Mox::trimDefaults(&{m});")
+        c(f"  {self.notify(a, 'index')}")
+        c("}")
+        c()
+        c(f"void {e.name}::{a.name}Del({pi} index) {{")
+        c("  const size_t position = Mox::indexOf(index);")
+        c(f"  if (position >= {m}.size() || {m}[position] == {t}()) return;")
+        c(f"  {m}[position] = {t}();")
+        c(f"  Mox::trimDefaults(&{m});")
+        c(f"  {self.notify(a, 'index')}")
+        c("}")
+        c()
+        c(f"void {e.name}::{a.name}DelAll() {{")
+        c(f"  std::vector<{t}> removed;")
+        c(f"  removed.swap({m});")
+        c("  for (size_t position = 0; position < removed.size(); ++position) {")
+        c(f"    if (removed[position] == {t}()) continue;")
+        c(f"    const {i} index = Mox::indexFrom<{i}>(position);")
+        c(f"    {self.notify(a, 'index')}")
+        c("  }")
+        c("}")
+        c()
+        self.define_notify(e, a, f"{pi} index", "index")
+
+    def declare_queue(self, a):
+        h = self.h
+        t = self.cxx(a.type)
+        pv = self.param(a.type)
+        v = self.mutator(a)
+        n = cap(a.name)
+        h(f"  // A first-in first-out queue keyed by sequence numbers that grow by one per entry.")
+        h(f"  {t} {a.name}(Mox::U32 sequence) const;")
+        h(f"  const std::map<Mox::U32, {t}>& {a.name}Coll() const {{ return {a.name}_; }}")
+        h(f"  size_t {a.name}Size() const {{ return {a.name}_.size(); }}")
+        h(f"  const {n}Metadata& {a.name}Metadata() const {{ return {a.name}Metadata_; }}")
+        h(f"  // Appends the entry and returns its sequence.")
+        h(f"  {v}Mox::U32 {a.name}Enq({pv} value);")
+        h(f"  // Removes and returns the oldest entry; the default value when empty.")
+        h(f"  {v}{t} {a.name}Deq();")
+        h(f"  {v}void {a.name}Is(Mox::U32 key, {pv} value);")
+        h(f"  {v}void {a.name}Del(Mox::U32 key);")
+        h(f"  {v}void {a.name}DelAll();")
+        h(f"  {v}void {a.name}Notify(Mox::U32 key) const;")
+
+    def define_queue(self, e, a):
+        c = self.c
+        t = self.cxx(a.type)
+        pv = self.param(a.type)
+        m = f"{a.name}_"
+        meta = f"{a.name}Metadata_"
+        c(f"{t} {e.name}::{a.name}(Mox::U32 sequence) const {{")
+        c(f"  auto entry = {m}.find(sequence);")
+        c(f"  return entry == {m}.end() ? {t}() : entry->second;")
+        c("}")
+        c()
+        c(f"Mox::U32 {e.name}::{a.name}Enq({pv} value) {{")
+        c(f"  const Mox::U32 key = {meta}.tail++;")
+        c(f"  {m}.emplace(key, value);")
+        c(f"  Mox::queueHeadUpdate({m}, &{meta});")
+        c(f"  {self.notify(a, 'key')}")
+        c("  return key;")
+        c("}")
+        c()
+        c(f"{t} {e.name}::{a.name}Deq() {{")
+        c(f"  if ({m}.empty()) return {t}();")
+        c(f"  auto removed = {m}.extract({m}.begin());")
+        c(f"  Mox::queueHeadUpdate({m}, &{meta});")
+        c(f"  {self.notify(a, 'removed.key()')}")
+        c("  return std::move(removed.mapped());")
+        c("}")
+        c()
+        c(f"void {e.name}::{a.name}Is(Mox::U32 key, {pv} value) {{")
+        c(f"  auto [entry, added] = {m}.try_emplace(key, value);")
+        c("  if (!added) {")
+        c("    if (entry->second == value) return;")
+        c("    entry->second = value;")
+        c("  }")
+        c(f"  if (key >= {meta}.tail) {meta}.tail = key + 1;")
+        c(f"  Mox::queueHeadUpdate({m}, &{meta});")
+        c(f"  {self.notify(a, 'key')}")
+        c("}")
+        c()
+        self.define_del_all(e, a)
+        self.define_notify(e, a, "Mox::U32 key", "key")
+
+    def define_notify(self, e, a, parameter, key):
+        self.c(f"void {e.name}::{a.name}Notify({parameter}) const {{")
+        self.c(f"  {self.notify(a, key)}")
+        self.c("}")
+        self.c()
+
+
+def generate(model, header_include):
+    """Returns (header text, source text) of the model."""
+    return Emitter(model, header_include).run()
