@@ -6,11 +6,11 @@
 // can sit at any byte offset of a packet. value() / valueIs() convert to and from host
 // order.
 
+#include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
 #include <Korva/Pkt.h>
 #include <Mox/Types.h>
 
-#include <array>
 #include <bit>
 #include <cstring>
 #include <type_traits>
@@ -89,6 +89,13 @@ IpChecksum ipChecksumCalc(const void* bytes, U32 len, U32 partial);
 // header's checksum field as it is.
 U16 ipChksum(const void* bytes, U32 len);
 
+// An IPv6 address from 16 wire-order bytes of a header.
+inline Ip6Addr addressAt(const U8* bytes) noexcept {
+  Ip6Addr address;
+  address.copyFromBuffer(bytes);
+  return address;
+}
+
 // The IPv4 pseudo-header of the UDP and TCP checksums (12 bytes).
 template <U8 Protocol>
 struct __attribute__((packed)) Ipv4PseudoHdr {
@@ -105,9 +112,6 @@ struct __attribute__((packed)) Ipv4PseudoHdr {
   void lenIs(U32 bytes) noexcept { len.valueIs(U16(bytes)); }
 };
 
-// An IPv6 address as 16 bytes in wire order.
-using Ip6AddrBytes = std::array<U8, 16>;
-
 // The IPv6 pseudo-header (RFC 8200, 40 bytes). `udpLen` is the upper-layer length for
 // every protocol.
 template <U8 Protocol>
@@ -119,9 +123,9 @@ struct __attribute__((packed)) Ipv6PseudoHdr {
   U8 zero = 0;
   U8 protocol = Protocol;
 
-  void addressesIs(const Ip6AddrBytes& source, const Ip6AddrBytes& destination) noexcept {
-    std::memcpy(src, source.data(), sizeof src);
-    std::memcpy(dst, destination.data(), sizeof dst);
+  void addressesIs(const Ip6Addr& source, const Ip6Addr& destination) noexcept {
+    source.copyToBuffer(src);
+    destination.copyToBuffer(dst);
   }
   void lenIs(U32 bytes) noexcept { udpLen.valueIs(bytes); }
 };

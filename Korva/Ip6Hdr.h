@@ -20,6 +20,11 @@ struct __attribute__((packed)) Ip6Hdr {
   U8 src[16] = {};
   U8 dst[16] = {};
 
+  Ip6Addr srcAddr() const noexcept { return addressAt(src); }
+  void srcAddrIs(const Ip6Addr& address) noexcept { address.copyToBuffer(src); }
+  Ip6Addr dstAddr() const noexcept { return addressAt(dst); }
+  void dstAddrIs(const Ip6Addr& address) noexcept { address.copyToBuffer(dst); }
+
   U8 version() const noexcept { return U8(versionTrafficClassAndFlowLabel.field(28, 4)); }
   void versionIs(U8 v) noexcept { versionTrafficClassAndFlowLabel.fieldIs(28, 4, v); }
   U8 trafficClass() const noexcept { return U8(versionTrafficClassAndFlowLabel.field(20, 8)); }

@@ -62,7 +62,7 @@ struct __attribute__((packed)) TcpHdr {
 static_assert(sizeof(TcpHdr) == 20);
 
 using TcpHdrWrapper = TransportHdrWrapper<TcpHdr, TcpPseudoHdr, IpAddr>;
-using TcpHdrWrapperIpv6 = TransportHdrWrapper<TcpHdr, TcpPseudoHdrIpv6, Ip6AddrBytes>;
+using TcpHdrWrapperIpv6 = TransportHdrWrapper<TcpHdr, TcpPseudoHdrIpv6, Ip6Addr>;
 
 Mox::Ptr<TcpHdrWrapper> tcpHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset);
 Mox::Ptr<TcpHdrWrapperIpv6> tcpHdrWrapperIpv6Factory(Mox::Ptr<Pkt> pkt, U32 offset);

@@ -35,7 +35,7 @@ class UdpHdrWrapperBase : public TransportHdrWrapper<UdpHdr, PseudoHdr, Address>
 };
 
 using UdpHdrWrapper = UdpHdrWrapperBase<UdpPseudoHdr, IpAddr>;
-using UdpHdrWrapperIpv6 = UdpHdrWrapperBase<UdpPseudoHdrIpv6, Ip6AddrBytes>;
+using UdpHdrWrapperIpv6 = UdpHdrWrapperBase<UdpPseudoHdrIpv6, Ip6Addr>;
 
 Mox::Ptr<UdpHdrWrapper> udpHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset);
 Mox::Ptr<UdpHdrWrapperIpv6> udpHdrWrapperIpv6Factory(Mox::Ptr<Pkt> pkt, U32 offset);

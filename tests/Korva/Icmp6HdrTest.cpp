@@ -52,11 +52,8 @@ TEST(Icmp6Hdr, ChecksumMatchesKernelEchoRequests) {
     for (const auto& pkt : packets) {
       auto ip = Korva::ip6HdrWrapperFactory(pkt, 0);
       auto icmp = Korva::icmp6HdrWrapperFactory(pkt, sizeof(Korva::Ip6Hdr));
-      Korva::Ip6AddrBytes src, dst;
-      std::memcpy(src.data(), ip->header()->src, 16);
-      std::memcpy(dst.data(), ip->header()->dst, 16);
-      icmp->ipSrcIs(src);
-      icmp->ipDstIs(dst);
+      icmp->ipSrcIs(ip->header()->srcAddr());
+      icmp->ipDstIs(ip->header()->dstAddr());
       EXPECT_EQ(icmp->computedChecksumU16(), 0);
       Korva::IpChecksum kernel = icmp->header()->checksum;
       icmp->header()->checksum.valueIs(0);
@@ -129,7 +126,7 @@ TEST(Icmp6Hdr, DnsOptionsOverPacketBytes) {
   auto rdnss = Korva::icmp6DnsServerOptionWrapperFactory(pkt, 0);
   EXPECT_EQ(rdnss->header()->lifetime.value(), 3600u);
   ASSERT_EQ(rdnss->header()->addressCount(), 2u);
-  EXPECT_EQ(rdnss->header()->address(1)[15], 2);
+  EXPECT_EQ(rdnss->header()->address(1), Korva::Ip6Addr("::2"));
   auto generic = Korva::icmp6OptionHdrWrapperFactory(pkt, 0);
   U32 next = generic->header()->optionBytes();
   EXPECT_EQ(next, 40u);

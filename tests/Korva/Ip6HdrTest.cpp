@@ -33,8 +33,14 @@ TEST(Ip6Hdr, LayoutOfAHeader) {
   hdr.payloadLen.valueIs(8);
   hdr.nextHeader.valueIs(Korva::ipProtoIpv6HopByHop);
   hdr.hopLimit.valueIs(1);
-  hdr.dst[0] = 0xff;
+  hdr.srcAddrIs(Korva::Ip6Addr("fe80::1"));
+  hdr.dstAddrIs(Korva::Ip6Addr("ff02::16"));
+  EXPECT_EQ(hdr.dstAddr().stringValue(), "ff02::16");
+  EXPECT_EQ(hdr.srcAddr(), Korva::Ip6Addr("fe80::1"));
   const U8* bytes = reinterpret_cast<const U8*>(&hdr);
+  EXPECT_EQ(bytes[8], 0xfe);
+  EXPECT_EQ(bytes[23], 0x01);
+  EXPECT_EQ(bytes[39], 0x16);
   EXPECT_EQ(bytes[0], 0x60);
   EXPECT_EQ(bytes[5], 8);
   EXPECT_EQ(bytes[7], 1);
