@@ -1,6 +1,7 @@
 #pragma once
-// Network-order integers for header structures laid over packet bytes, and the Internet
-// checksum (RFC 1071) shared by every IP-family header.
+// Network-order integers for header structures laid over packet bytes, the Internet
+// checksum (RFC 1071) shared by every IP-family header, the pseudo-headers of the
+// transport checksums, and the transport header view that fills them in.
 //
 // A NetU16 holds its value in wire order and has alignment 1, so a packed header of them
 // can sit at any byte offset of a packet. value() / valueIs() convert to and from host
@@ -12,7 +13,6 @@
 #include <Mox/Types.h>
 
 #include <bit>
-#include <cstring>
 #include <type_traits>
 
 namespace Korva {
@@ -154,13 +154,14 @@ class TransportHdrWrapper : public HdrWrapper<Header> {
   const Address& ipDst() const noexcept { return ipDst_; }
   void ipDstIs(const Address& address) noexcept { ipDst_ = address; }
 
-  // The checksum of the header and what follows it, in wire order as the checksum field
-  // holds it.
+  // The checksum of the header and what follows it in the packet's first data entry, in
+  // wire order as the checksum field holds it.
   IpChecksum computedChecksum() const {
+    U32 available = this->pkt()->frontBytes() - this->offset();
     PseudoHdr pseudo;
     pseudo.addressesIs(ipSrc_, ipDst_);
-    pseudo.lenIs(Header::segmentBytes(*this->header(), this->pkt()->frontBytes() - this->offset()));
-    return this->header()->computedChecksum(pseudo);
+    pseudo.lenIs(Header::segmentBytes(*this->header(), available));
+    return this->header()->computedChecksum(pseudo, available);
   }
   U16 computedChecksumU16() const { return computedChecksum().value(); }
 

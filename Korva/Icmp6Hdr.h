@@ -7,6 +7,8 @@
 #include <Korva/EthAddr.h>
 #include <Korva/Pkt.h>
 
+#include <algorithm>
+
 namespace Korva {
 
 enum Icmp6Type : U8 {
@@ -40,9 +42,10 @@ struct __attribute__((packed)) Icmp6Hdr {
   NetU8 code;
   IpChecksum checksum;
 
-  // Over the upper-layer length the pseudo-header gives, from the header on.
-  IpChecksum computedChecksum(const Icmp6PseudoHdr& pseudo) const {
-    return pseudoHdrChecksum(pseudo, this, pseudo.udpLen.value());
+  // Over the upper-layer length the pseudo-header gives, from the header on, but at most
+  // `available` bytes.
+  IpChecksum computedChecksum(const Icmp6PseudoHdr& pseudo, U32 available = ~0u) const {
+    return pseudoHdrChecksum(pseudo, this, std::min(pseudo.udpLen.value(), available));
   }
   // A message runs to the end of the data available.
   static U32 segmentBytes(const Icmp6Hdr&, U32 available) noexcept { return available; }

@@ -135,6 +135,13 @@ TEST(UdpHdr, ChecksumCoversTheLengthFieldOnly) {
   EXPECT_NE(udp->computedChecksumU16(), whole);
 }
 
+TEST(UdpHdr, OverstatedLengthReadsNoFurtherThanThePacket) {
+  auto udp = datagram("abcdefgh");
+  udp->header()->checksum = udp->computedChecksum();
+  udp->header()->len.valueIs(60000);
+  EXPECT_NE(udp->computedChecksumU16(), Korva::UdpHdrWrapper::validChecksum());
+}
+
 TEST(UdpHdrDeathTest, HeaderMustFitTheFirstEntry) {
   PktPtr pkt = Korva::globalPktManager()->newPkt();
   pkt->newSharedHeadData(20);
