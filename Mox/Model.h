@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <functional>
 #include <iosfwd>
+#include <limits>  // for model defaults such as an infinite time
 #include <map>
 #include <string>
 #include <string_view>

@@ -5,7 +5,10 @@
 #include "Command.h"
 
 #include <Korva/EthAddr.h>
+#include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
+#include <Korva/IpGenAddr.h>
+#include <Korva/IpGenPrefix.h>
 #include <Korva/Mpls.h>
 #include <Mox/Exception.h>
 
@@ -66,6 +69,71 @@ void describe(const Korva::IpAddrWithMask&, Outcome& out) {
   out.family = "ipv4";
 }
 
+void describe(const Korva::Ip6Addr& value, Outcome& out) {
+  out.type = "ip6addr";
+  out.family = "ipv6";
+  out.predicate("isMulticast", value.isMulticast());
+  out.predicate("isUnicast", value.isUnicast());
+  out.predicate("isUnspecified", value.isUnspecified());
+  out.predicate("isLoopback", value.isLoopback());
+  out.predicate("isLinkLocalUnicast", value.isLinkLocalUnicast());
+  out.predicate("isLinkLocal", value.isLinkLocal());
+  out.predicate("isGlobalUnicast", value.isGlobalUnicast());
+  out.predicate("isSiteLocal", value.isSiteLocal());
+  out.predicate("isUniqueLocal", value.isUniqueLocal());
+  out.predicate("isPimRouters", value.isPimRouters());
+}
+
+void describe(const Korva::Ip6Prefix& value, Outcome& out) {
+  out.type = "ip6prefix";
+  out.family = "ipv6";
+  out.predicate("isDefaultRoutePrefix", value.isDefaultRoutePrefix());
+  out.predicate("isHostRoutePrefix", value.isHostRoutePrefix());
+}
+
+void describe(const Korva::Ip6AddrWithMask&, Outcome& out) {
+  out.type = "ip6addrwithmask";
+  out.family = "ipv6";
+}
+
+const char* familyName(Korva::AddressFamily af) {
+  switch (af) {
+    case Korva::AddressFamily::ipv4:
+      return "ipv4";
+    case Korva::AddressFamily::ipv6:
+      return "ipv6";
+    case Korva::AddressFamily::ipunknown:
+      break;
+  }
+  return "ipunknown";
+}
+
+void describe(const Korva::IpGenAddr& value, Outcome& out) {
+  out.type = "ipgenaddr";
+  out.family = familyName(value.af());
+  out.predicate("isMulticast", value.isMulticast());
+  out.predicate("isUnicast", value.isUnicast());
+  out.predicate("isUnspecified", value.isUnspecified());
+  out.predicate("isLoopback", value.isLoopback());
+  out.predicate("isLoopbackBase", value.isLoopbackBase());
+  out.predicate("isLinkLocal", value.isLinkLocal());
+  out.predicate("isLinkLocalUnicast", value.isLinkLocalUnicast());
+  out.predicate("isPimRouters", value.isPimRouters());
+  out.predicate("isReserved", value.isReserved());
+}
+
+void describe(const Korva::IpGenPrefix& value, Outcome& out) {
+  out.type = "ipgenprefix";
+  out.family = familyName(value.af());
+  out.predicate("isHost", value.isHost());
+  out.predicate("isDefaultRoutePrefix", value.isDefaultRoutePrefix());
+  out.predicate("isMulticast", value.isMulticast());
+  out.predicate("isLoopback", value.isLoopback());
+  out.predicate("isLinkLocal", value.isLinkLocal());
+  out.predicate("isUnspecified", value.isUnspecified());
+  out.predicate("isReserved", value.isReserved());
+}
+
 void describe(const Korva::EthAddr& value, Outcome& out) {
   out.type = "ethaddr";
   out.family = "ethernet";
@@ -113,23 +181,34 @@ struct AddrType {
 constexpr AddrType kIpAddr{"ipaddr", parseAs<Korva::IpAddr>};
 constexpr AddrType kPrefix{"prefix", parseAs<Korva::Prefix>};
 constexpr AddrType kIpAddrWithMask{"ipaddrwithmask", parseAs<Korva::IpAddrWithMask>};
+constexpr AddrType kIp6Addr{"ip6addr", parseAs<Korva::Ip6Addr>};
+constexpr AddrType kIp6Prefix{"ip6prefix", parseAs<Korva::Ip6Prefix>};
+constexpr AddrType kIp6AddrWithMask{"ip6addrwithmask", parseAs<Korva::Ip6AddrWithMask>};
+constexpr AddrType kIpGenAddr{"ipgenaddr", parseAs<Korva::IpGenAddr>};
+constexpr AddrType kIpGenPrefix{"ipgenprefix", parseAs<Korva::IpGenPrefix>};
 constexpr AddrType kEthAddr{"ethaddr", parseAs<Korva::EthAddr>};
 constexpr AddrType kEui64{"eui64", parseAs<Korva::Eui64>};
 constexpr AddrType kMplsLabel{"mplslabel", parseAs<Korva::MplsLabel>};
 
-constexpr std::array kForcibleTypes{kIpAddr, kPrefix, kEthAddr, kEui64, kMplsLabel};
+constexpr std::array kForcibleTypes{kIpAddr,      kIp6Addr, kPrefix, kIp6Prefix, kIpGenAddr,
+                                    kIpGenPrefix, kEthAddr, kEui64,  kMplsLabel};
 
 // The types to try for a text, most likely first judging by its shape: no text is accepted
 // by two of them, so the order only decides whose complaint is reported when none accepts.
 std::span<const AddrType* const> candidatesFor(std::string_view text) {
+  static constexpr const AddrType* ip6Prefixes[] = {&kIp6Prefix, &kIp6AddrWithMask};
   static constexpr const AddrType* ip4Prefixes[] = {&kPrefix, &kIpAddrWithMask};
-  static constexpr const AddrType* macs[] = {&kEthAddr, &kIpAddr};
+  static constexpr const AddrType* ip6Addrs[] = {&kIp6Addr, &kEthAddr};
+  static constexpr const AddrType* macs[] = {&kEthAddr, &kIp6Addr, &kIpAddr};
   static constexpr const AddrType* ip4Addrs[] = {&kIpAddr, &kEthAddr};
   const auto count = [text](char c) { return std::count(text.begin(), text.end(), c); };
-  if (count('/')) return ip4Prefixes;
-  // A MAC address has five colons or dashes, or three dot-separated groups; an IPv4
-  // address has three dots.
-  if (count(':') || count('-') || count('.') == 2) return macs;
+  const bool colons = count(':') > 0;
+  if (count('/')) return colons ? ip6Prefixes : ip4Prefixes;
+  // A MAC address has five colons (never "::") or dashes, or three dot-separated groups;
+  // an IPv6 address has other colon counts, an IPv4 address three dots.
+  const bool macColons = count(':') == 5 && text.find("::") == std::string_view::npos;
+  if (colons && !macColons) return ip6Addrs;
+  if (colons || count('-') || count('.') == 2) return macs;
   return ip4Addrs;
 }
 

@@ -265,6 +265,35 @@ TEST(ModelsDerived, HandWrittenSubclassOverridesVirtualSetters) {
   EXPECT_EQ(recorder.take(), (Events{"hits", "hits"}));
 }
 
+class OnHandWatcher : public OnHand::Notifiee {
+ public:
+  explicit OnHandWatcher(OnHand* onHand) { notifierIs(onHand); }
+  void onPoked() override { events.push_back("poked"); }
+  void onPointers(Mox::U8 typeId) override {
+    events.push_back("pointers " + std::to_string(typeId));
+  }
+  Events events;
+};
+
+TEST(ModelsDerived, ModelEntityOnAHandWrittenBase) {
+  auto onHand = onHandFactory("hand", 9);
+  EXPECT_EQ(onHand->name(), "hand");
+  EXPECT_EQ(onHand->size(), 9u);
+  OnHandWatcher watcher(onHand.get());
+  onHand->poke();
+  auto desc = descFactory(5, "Et");
+  onHand->pointersIs(desc);
+  EXPECT_EQ(onHand->newPointers(descFactory(5, "Other")), desc);  // keyed by its typeId
+  EXPECT_EQ(onHand->pointers(5), desc);
+  onHand->pointersDelAll();
+  EXPECT_EQ(watcher.events, (Events{"poked", "pointers 5", "pointers 5"}));
+}
+
+TEST(ModelsDeathTest, PointerEntryWithoutObjectHasNoKey) {
+  auto onHand = onHandFactory("hand", 9);
+  EXPECT_DEATH(onHand->pointersIs(nullptr), "Assertion \"value\" failed");
+}
+
 // --- bounds -------------------------------------------------------------------------------
 
 TEST(ModelsBounds, MessagesNameTheTypeAndTheBound) {

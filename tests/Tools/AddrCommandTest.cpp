@@ -52,7 +52,7 @@ TEST_F(AddrCommand, ArgumentsPrintCanonicalTexts) {
 }
 
 TEST_F(AddrCommand, StandardInputOneLinePerInputAndFailuresSetTheStatus) {
-  ToolRun r = run("", "00:11:22:33:44:55\r\n00:11:22:33:44\n0-1-2-3-4-5\n");
+  ToolRun r = run("", "00:11:22:33:44:55\r\n00-11-22-33-44\n0-1-2-3-4-5\n");
   EXPECT_EQ(r.output, "00:11:22:33:44:55\nerror: Invalid EthAddr\n00:01:02:03:04:05\n");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(run("", "").output, "");
@@ -68,7 +68,18 @@ TEST_F(AddrCommand, PicksTheMostSpecificIpv4Type) {
   EXPECT_EQ(r.status, 1);
 }
 
+TEST_F(AddrCommand, TellsIpv6FromMacByTheColons) {
+  ToolRun r = run("2001:DB8::1 1:2:3:4:5:6 1:2:3:4:5::6 fe80::/10 2001:db8::1/64");
+  EXPECT_EQ(r.output, "2001:db8::1\n01:02:03:04:05:06\n1:2:3:4:5::6\nfe80::/10\n2001:db8::1/64\n");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(run("00:11:22:33:44:100").output, "error: Invalid EthAddr\n");
+  EXPECT_EQ(nlohmann::json::parse(run("--json 2001:db8::/64").output)["type"], "ip6prefix");
+}
+
 TEST_F(AddrCommand, ForcedTypes) {
+  EXPECT_EQ(run("--type ipgenaddr 10.0.0.1 ::1").output, "10.0.0.1\n::1\n");
+  EXPECT_EQ(run("--type ipgenprefix 10.0.0.0/8 ::/0").output, "10.0.0.0/8\n::/0\n");
+  EXPECT_EQ(run("--type ip6addr 10.0.0.1").status, 1);
   EXPECT_EQ(run("--type prefix 10.0.0.1/8").output,
             "error: Invalid Prefix - non-zero after prefixlen\n");
   EXPECT_EQ(run("--type ipaddr 0011.2233.4455").output, "error: Invalid IpAddr\n");

@@ -2,13 +2,14 @@
 
 import re
 
-from .model import EntityDef, EnumDef, ValueDef, INTEGER_TYPES, SMALL_TYPES, STRING_TYPES
+from .model import EnumDef, ValueDef, INTEGER_TYPES, SMALL_TYPES, STRING_TYPES
 
-# Runtime type names a model may write bare; generated code spells them Mox::X so that it
-# compiles in any namespace.
+# The largest value of each unsigned type, to leave out checks that cannot fail.
 UNSIGNED_TYPES = {f"{prefix}U{bits}": 2**bits - 1
                   for prefix in ("", "Mox::") for bits in (8, 16, 32, 64)}
 
+# Runtime type names a model may write bare; generated code spells them Mox::X so that it
+# compiles in any namespace.
 MOX_NAMES = re.compile(r"(?<![\w:])(U8|U16|U32|U64|S32|S64|String8|Name|TextIter)\b")
 
 
@@ -30,10 +31,6 @@ def fill(head, items, tail, limit=100):
 
 def cap(name):
     return name[0].upper() + name[1:]
-
-
-def lower(name):
-    return name[0].lower() + name[1:]
 
 
 OPENERS = ("{", "public:", "protected:", "private:")
@@ -125,8 +122,11 @@ class Emitter:
         c("}")
         c()
 
+    def checked(self, member):
+        return self.low_check(member.type, member.min) or self.high_check(member.type, member.max)
+
     def emit_checks(self, owner, members):
-        bounded = [m for m in members if m.min or m.max]
+        bounded = [m for m in members if self.checked(m)]
         if not bounded:
             return
         self.c("namespace {")
@@ -137,7 +137,7 @@ class Emitter:
         self.c()
 
     def check_call(self, owner, member, value):
-        if member.min or member.max:
+        if self.checked(member):
             return f"{self.check_name(owner, member.name)}({value});"
         return None
 
@@ -197,6 +197,12 @@ class Emitter:
         self.h(f"std::ostream& operator<<(std::ostream& os, {arg} value);")
         self.h()
 
+    def stream_operator(self, parameter, text):
+        self.c(f"std::ostream& operator<<(std::ostream& os, {parameter} value) {{")
+        self.c(f"  return os << {text};")
+        self.c("}")
+        self.c()
+
     # --- enumerations -------------------------------------------------------------------
 
     def enum(self, e):
@@ -243,10 +249,7 @@ class Emitter:
         c(f'  Mox::enumFromSequence(it, end, value, {table}, "Invalid {e.name}");')
         c("}")
         c()
-        c(f"std::ostream& operator<<(std::ostream& os, {name} value) {{")
-        c("  return os << valueToStrep(value);")
-        c("}")
-        c()
+        self.stream_operator(name, "valueToStrep(value)")
 
     # --- wrapper values -----------------------------------------------------------------
 
@@ -373,10 +376,7 @@ class Emitter:
         c("  *value = parsed;")
         c("}")
         c()
-        c(f"std::ostream& operator<<(std::ostream& os, const {v.name}& value) {{")
-        c("  return os << value.stringValue();")
-        c("}")
-        c()
+        self.stream_operator(f"const {v.name}&", "value.stringValue()")
 
     def wrapper_text(self, v):
         c = self.c
@@ -408,10 +408,7 @@ class Emitter:
         c("  *value = std::move(parsed);")
         c("}")
         c()
-        c(f"std::ostream& operator<<(std::ostream& os, const {v.name}& value) {{")
-        c("  return os << value.stringValue();")
-        c("}")
-        c()
+        self.stream_operator(f"const {v.name}&", "value.stringValue()")
 
     # --- composite values ---------------------------------------------------------------
 
@@ -525,10 +522,7 @@ class Emitter:
         c("  *value = std::move(parsed);")
         c("}")
         c()
-        c(f"std::ostream& operator<<(std::ostream& os, const {v.name}& value) {{")
-        c("  return os << value.stringValue();")
-        c("}")
-        c()
+        self.stream_operator(f"const {v.name}&", "value.stringValue()")
 
     # --- entities -----------------------------------------------------------------------
 
@@ -596,7 +590,7 @@ class Emitter:
         for nested in e.enums:
             self.enum_functions(nested)
 
-        self.emit_checks(e.name, [a for a in e.args if a.min or a.max] + e.attrs)
+        self.emit_checks(e.name, e.args + e.attrs)
         inits = [f"{e.base}({base_args})"] + [f"{a.name}_({a.name})" for a in stored_args]
         calls = [self.check_call(e.name, a, a.name) for a in e.args]
         calls = [call for call in calls if call]
@@ -707,8 +701,11 @@ class Emitter:
         c("}")
         c()
 
+    def is_pointer(self, a):
+        return a.type.startswith(("Mox::Ptr<", "Ptr<"))
+
     def key_expr(self, a, value):
-        arrow = "->" if a.type.startswith(("Mox::Ptr<", "Ptr<")) else "."
+        arrow = "->" if self.is_pointer(a) else "."
         return f"{value}{arrow}{a.key_member}()"
 
     def declare_map(self, a):
@@ -748,6 +745,8 @@ class Emitter:
         if a.key_member:
             args = f"{pv} value"
             key_line = f"  const {k} key = {self.key_expr(a, 'value')};"
+            if self.is_pointer(a):  # an entry without an object has no key
+                key_line = f"  MOX_ASSERT(value);\n{key_line}"
         else:
             args = f"{pk} key, {pv} value"
             key_line = None

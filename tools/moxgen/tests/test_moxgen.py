@@ -154,6 +154,9 @@ class Language(unittest.TestCase):
         self.assertNotIn("value < 0", source)
         self.assertNotIn("value > 255", source)
         self.assertIn('"K::value < K::min or > K::max not allowed"', header)
+        header, source = generate(parse("m.mox", "namespace A\nentity E()\n  a : U8 min 0\n"),
+                                  "E.mox.h")
+        self.assertNotIn("checkEA", source)  # nor a check function with nothing to check
 
 
 if __name__ == "__main__":

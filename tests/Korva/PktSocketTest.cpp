@@ -1,0 +1,197 @@
+#include <Korva/PktSocket.h>
+#include <Mox/Activity.h>
+#include <Mox/Exception.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace {
+
+using Korva::PktSocket;
+using Korva::Protocol;
+using Mox::U16;
+using Mox::U32;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+// --- Protocol: text ---
+
+TEST(ProtocolText, EverySixteenBitValueRoundTrips) {
+  for (U32 number = 0; number <= 0xFFFF; ++number) {
+    const Protocol printed{U16(number)};
+    Protocol read;
+    read.stringValueIs(valueToStrep(printed));
+    ASSERT_EQ(read, printed) << number;
+  }
+  EXPECT_EQ(valueToStrep(Protocol(Protocol::any)), "65535");
+  EXPECT_TRUE(Protocol(65535).isAny());
+}
+
+TEST(ProtocolText, SequenceReadsAPrefixAndStopsAfterIt) {
+  const std::string text = "89, 17";
+  Mox::TextIter it = text.data();
+  Protocol value;
+  sequenceToValue(it, text.data() + text.size(), &value);
+  EXPECT_EQ(value.value(), 89);
+  EXPECT_EQ(*it, ',');
+}
+
+TEST(ProtocolFailure, BadTextRaisesAndKeepsTheValue) {
+  for (const char* bad : {"", "65536", "-1", "ip", "12x", "99999999999999999999"}) {
+    Protocol value(17);
+    try {
+      value.stringValueIs(bad);
+      ADD_FAILURE() << "accepted <" << bad << ">";
+    } catch (const Mox::RangeException& e) {
+      EXPECT_STREQ(e.what(), "Invalid Protocol") << bad;
+    }
+    EXPECT_EQ(value.value(), 17) << bad;
+  }
+  const std::string text = "x";
+  Mox::TextIter it = text.data();
+  Protocol value(6);
+  EXPECT_THROW(sequenceToValue(it, text.data() + 1, &value), Mox::RangeException);
+  EXPECT_EQ(it, text.data());
+  EXPECT_EQ(value.value(), 6);
+}
+
+// --- PktSocket over a UDP socket on loopback ---
+
+sockaddr_in loopback(U16 port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+// A bound UDP socket owned by a PktSocket, and a plain peer socket bound beside it.
+class UdpPktSocket : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sock_ = Mox::make<PktSocket>("udp");
+    sock_->descriptorIs(boundUdpSocket(&address_));
+    peer_ = boundUdpSocket(&peerAddress_);
+  }
+  void TearDown() override { close(peer_); }
+
+  static int boundUdpSocket(sockaddr_in* address) {
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    *address = loopback(0);
+    socklen_t length = sizeof *address;
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(address), length), 0);
+    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(address), &length), 0);
+    return fd;
+  }
+  void peerSends(const std::string& bytes) {
+    ASSERT_EQ(sendto(peer_, bytes.data(), bytes.size(), 0,
+                     reinterpret_cast<const sockaddr*>(&address_), sizeof address_),
+              ssize_t(bytes.size()));
+  }
+  bool waitReadable() {
+    const U32 before = sock_->fileDescriptor()->readableCount();
+    return Mox::runUntil([&] { return sock_->fileDescriptor()->readableCount() > before; }, 5.0);
+  }
+
+  Mox::Ptr<PktSocket> sock_;
+  sockaddr_in address_{};
+  int peer_ = -1;
+  sockaddr_in peerAddress_{};
+};
+
+TEST_F(UdpPktSocket, ReceivesADatagramTrimmedWithItsSource) {
+  const std::string payload = "a datagram of some forty-odd bytes, no more";
+  peerSends(payload);
+  ASSERT_TRUE(waitReadable());
+  sockaddr_in from{};
+  Mox::Ptr<Korva::Pkt> pkt = sock_->recvPkt(&from);
+  ASSERT_TRUE(pkt);
+  EXPECT_EQ(pkt->stringValue(), payload);
+  EXPECT_EQ(from.sin_port, peerAddress_.sin_port);
+  EXPECT_EQ(from.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+}
+
+TEST_F(UdpPktSocket, ReceiveOnAnEmptySocketIsEmptyAndSilent) {
+  CaptureStderr();
+  sockaddr_in from{};
+  EXPECT_FALSE(sock_->recvPkt(&from));
+  EXPECT_EQ(GetCapturedStderr(), "");
+}
+
+TEST_F(UdpPktSocket, AnEmptyDatagramThrowsWithTheTapWording) {
+  peerSends("");
+  ASSERT_TRUE(waitReadable());
+  sockaddr_in from{};
+  try {
+    sock_->recvPkt(&from);
+    ADD_FAILURE() << "a zero-length read returned";
+  } catch (const Mox::InternalException& e) {
+    EXPECT_STREQ(e.what(), "read from tap socket returned 0");
+  }
+}
+
+TEST_F(UdpPktSocket, SendsBothScatterEntriesAndForcesTheFamily) {
+  auto pkt = Korva::globalPktManager()->newPkt();
+  pkt->stringValueIs("payload");
+  std::memcpy(pkt->newPrivateHeadData(4), "head", 4);
+  ASSERT_EQ(pkt->iovecCount(), 2);
+  sockaddr_in to = peerAddress_;
+  to.sin_family = AF_UNSPEC;  // the wrapper sends as AF_INET whatever it is given
+  EXPECT_EQ(sock_->sendPkt(pkt, to), 11);
+  char received[32];
+  ssize_t n = -1;
+  ASSERT_TRUE(Mox::runUntil(
+      [&] { return (n = recv(peer_, received, sizeof received, MSG_DONTWAIT)) >= 0; }, 5.0));
+  EXPECT_EQ(std::string(received, n), "headpayload");
+}
+
+TEST_F(UdpPktSocket, AFailedSendIsPrintedAndThrown) {
+  auto pkt = Korva::globalPktManager()->newPkt();
+  pkt->stringValueIs(std::string(70000, 'x'));  // larger than any UDP datagram
+  CaptureStderr();
+  try {
+    sock_->sendPkt(pkt, peerAddress_);
+    ADD_FAILURE() << "an oversized datagram was sent";
+  } catch (const Mox::ErrnoException& e) {
+    EXPECT_EQ(e.errorNumber(), EMSGSIZE);
+    EXPECT_STREQ(e.what(), "");
+  }
+  EXPECT_EQ(GetCapturedStderr(),
+            "error sending pkt:" + std::to_string(EMSGSIZE) + " " + std::strerror(EMSGSIZE) + "\n");
+}
+
+TEST(PktSocketFailure, AFailedReceiveIsPrintedAndThrown) {
+  int pipeEnds[2];
+  ASSERT_EQ(pipe(pipeEnds), 0);
+  auto sock = Mox::make<PktSocket>("pipe");
+  sock->descriptorIs(pipeEnds[0]);  // recvfrom on a pipe: not a socket
+  CaptureStderr();
+  sockaddr_in from{};
+  try {
+    sock->recvPkt(&from);
+    ADD_FAILURE() << "recvfrom on a pipe succeeded";
+  } catch (const Mox::ErrnoException& e) {
+    EXPECT_EQ(e.errorNumber(), ENOTSOCK);
+    EXPECT_STREQ(e.what(), "");
+  }
+  EXPECT_EQ(GetCapturedStderr(),
+            " error is  " + std::to_string(ENOTSOCK) + std::strerror(ENOTSOCK) + "\n");
+  close(pipeEnds[1]);
+}
+
+TEST(PktSocketDeathTest, ReceivingOnABlockingDescriptorAborts) {
+  auto sock = Mox::make<PktSocket>("none");
+  sockaddr_in from{};
+  EXPECT_DEATH(sock->recvPkt(&from), "Assertion \"fileDescriptor_->nonBlocking\\(\\)\" failed");
+}
+
+}  // namespace

@@ -1,0 +1,77 @@
+#pragma once
+// Helpers for socket tests that run in throwaway network namespaces: a uniquely named
+// namespace removed in every outcome, and a way to run test code on a thread that lives in
+// it (sockets, devices and ioctls then belong to that namespace; the test's own thread
+// never moves).
+
+#include <Korva/NetnsUtils.h>
+#include <Mox/Activity.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace SocketTest {
+
+class ScopedNs {
+ public:
+  explicit ScopedNs(const char* tag)
+      : name_(std::string("korva-") + tag + "-" + std::to_string(getpid()) + "-" +
+              std::to_string(next_++)) {
+    created_ = Korva::netNsAdd(name_) == 0;
+  }
+  ~ScopedNs() {
+    if (created_) Korva::netNsDelete(name_);
+  }
+  ScopedNs(const ScopedNs&) = delete;
+  ScopedNs& operator=(const ScopedNs&) = delete;
+
+  bool created() const { return created_; }
+  const std::string& name() const { return name_; }
+  // Runs `command` in the namespace through `ip -n`; true when it succeeded.
+  bool ip(const std::string& command) const {
+    return std::system(("ip -n " + name_ + " " + command + " >/dev/null 2>&1").c_str()) == 0;
+  }
+
+ private:
+  static inline std::atomic<int> next_{0};
+  std::string name_;
+  bool created_ = false;
+};
+
+// Runs `body` on a fresh thread that has entered the namespace, and rethrows what it threw.
+// The thread has its own event loop; everything the body opens should also be closed by it.
+inline void runInNs(const ScopedNs& ns, const std::function<void()>& body) {
+  std::exception_ptr failure;
+  std::thread worker([&] {
+    try {
+      if (Korva::setNsByName(ns.name()) != 0) {
+        ADD_FAILURE() << "could not enter namespace " << ns.name();
+        return;
+      }
+      Mox::ActivityManagerConfig::current();  // the thread's loop exists before the body counts
+      body();
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  });
+  worker.join();
+  if (failure) std::rethrow_exception(failure);
+}
+
+// The number of descriptors this process has open.
+inline int openDescriptorCount() {
+  int count = 0;
+  for (int fd = 0; fd < 4096; ++fd) count += fcntl(fd, F_GETFD) != -1;
+  return count;
+}
+
+}  // namespace SocketTest

@@ -1,0 +1,166 @@
+#include <Korva/TapSocket.h>
+#include <Mox/Activity.h>
+#include <Mox/Exception.h>
+
+#include "SocketTestUtil.h"
+
+#include <linux/capability.h>
+#include <linux/if_packet.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+using Korva::TapPktSocket;
+using Korva::TapSocket;
+using Mox::U32;
+using SocketTest::runInNs;
+using SocketTest::ScopedNs;
+
+constexpr const char* kPermissionHint = " (try: sudo chmod 666 /dev/net/tun)";
+constexpr const char* kKernelHint = " (is the kernel tun-enabled?)";
+
+std::string setupFailureText(const std::function<void()>& setup) {
+  try {
+    setup();
+  } catch (const Mox::Exception& e) {
+    return e.what();
+  }
+  return "(no failure)";
+}
+
+// Drops CAP_NET_ADMIN from the calling thread only (capabilities are per thread).
+bool dropNetAdmin() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2] = {};
+  if (syscall(SYS_capget, &header, data) != 0) return false;
+  data[0].effective &= ~(1u << CAP_NET_ADMIN);
+  return syscall(SYS_capset, &header, data) == 0;
+}
+
+class TapSocketTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (access("/dev/net/tun", F_OK) != 0) GTEST_SKIP() << "no /dev/net/tun on this machine";
+    ns_ = std::make_unique<ScopedNs>("tap");
+    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
+  }
+  void inNs(const std::function<void()>& body) { runInNs(*ns_, body); }
+
+  std::unique_ptr<ScopedNs> ns_;
+};
+
+TEST_F(TapSocketTest, CreatesTheDeviceInTheCallersNamespace) {
+  inNs([&] {
+    TapSocket tap("ktap0", TapSocket::tun);
+    EXPECT_EQ(tap.type(), TapSocket::tun);
+    EXPECT_TRUE(tap.fileDescriptor()->nonBlocking());
+    EXPECT_NE(if_nametoindex("ktap0"), 0u);
+    // Every type makes a TAP device without packet information.
+    ifreq request{};
+    ASSERT_EQ(ioctl(tap.descriptor(), TUNGETIFF, &request), 0);
+    EXPECT_EQ(request.ifr_flags & (IFF_TAP | IFF_TUN | IFF_NO_PI), IFF_TAP | IFF_NO_PI);
+  });
+  EXPECT_FALSE(ns_->ip("link show ktap0")) << "the device goes with its descriptor";
+}
+
+TEST_F(TapSocketTest, AnInvalidNameNamesTheIoctlAndTheKernelHint) {
+  inNs([] {
+    EXPECT_EQ(setupFailureText([] { TapSocket("bad/name", TapSocket::tap); }),
+              std::string("ioctl TUNSETIFF: ") + std::strerror(EINVAL) + kKernelHint);
+  });
+}
+
+TEST_F(TapSocketTest, ABusyDeviceNamesTheIoctlAndTheKernelHint) {
+  inNs([] {
+    TapSocket first("ktap1", TapSocket::tap);
+    const int before = SocketTest::openDescriptorCount();
+    EXPECT_EQ(setupFailureText([] { TapSocket("ktap1", TapSocket::tap); }),
+              std::string("ioctl TUNSETIFF: ") + std::strerror(EBUSY) + kKernelHint);
+    EXPECT_EQ(SocketTest::openDescriptorCount(), before) << "the failed open is closed";
+  });
+}
+
+TEST_F(TapSocketTest, MissingPermissionGivesTheChmodHint) {
+  inNs([] {
+    if (!dropNetAdmin()) GTEST_SKIP() << "cannot drop CAP_NET_ADMIN";
+    EXPECT_EQ(setupFailureText([] { TapSocket("ktap2", TapSocket::tap); }),
+              std::string("ioctl TUNSETIFF: ") + std::strerror(EPERM) + kPermissionHint);
+  });
+}
+
+// A packet socket on the TAP device: the kernel's side of the frames.
+struct KernelSide {
+  explicit KernelSide(const char* device) : index(int(if_nametoindex(device))) {
+    fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(kEtherType));
+    sockaddr_ll local{};
+    local.sll_family = AF_PACKET;
+    local.sll_protocol = htons(kEtherType);
+    local.sll_ifindex = index;
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local), 0);
+  }
+  ~KernelSide() { close(fd); }
+
+  static constexpr Mox::U16 kEtherType = 0x88B5;  // local experimental
+  int index;
+  int fd;
+};
+
+std::string testFrame(const std::string& body) {
+  return std::string("\x02\x00\x00\x00\x00\x01\x02\x00\x00\x00\x00\x02\x88\xB5", 14) + body;
+}
+
+TEST_F(TapSocketTest, FramesCrossTheDeviceBothWays) {
+  inNs([&] {
+    auto tap = Mox::make<TapPktSocket>("ktap3", TapSocket::tap);
+    ASSERT_TRUE(ns_->ip("link set ktap3 up"));
+    KernelSide kernel("ktap3");
+
+    // Agent to kernel: writev of both scatter entries.
+    auto pkt = Korva::globalPktManager()->newPkt();
+    const std::string outFrame = testFrame("to the kernel, fifty bytes or so of body.");
+    pkt->stringValueIs(outFrame.substr(6));
+    std::memcpy(pkt->newPrivateHeadData(6), outFrame.data(), 6);
+    EXPECT_EQ(tap->sendmsg(pkt), ssize_t(outFrame.size()));
+    char received[256];
+    ssize_t n = -1;
+    ASSERT_TRUE(Mox::runUntil(
+        [&] { return (n = recv(kernel.fd, received, sizeof received, 0)) >= 0; }, 5.0));
+    EXPECT_EQ(std::string(received, n), outFrame);
+
+    // Kernel to agent: the device delivers other traffic too (IPv6 once it is up), so read
+    // until this frame shows up.
+    const std::string inFrame = testFrame("to the agent, also about fifty bytes of body.");
+    sockaddr_ll out{};
+    out.sll_family = AF_PACKET;
+    out.sll_ifindex = kernel.index;
+    out.sll_halen = 6;
+    ASSERT_EQ(sendto(kernel.fd, inFrame.data(), inFrame.size(), 0,
+                     reinterpret_cast<sockaddr*>(&out), sizeof out),
+              ssize_t(inFrame.size()));
+    bool seen = false;
+    sockaddr_in from;
+    std::memset(&from, 0xAB, sizeof from);
+    ASSERT_TRUE(Mox::runUntil(
+        [&] {
+          while (auto frame = tap->recvPkt(&from)) seen = seen || frame->stringValue() == inFrame;
+          return seen;
+        },
+        5.0));
+    EXPECT_EQ(from.sin_family, 0) << "a device has no peer address: the buffer is zeroed";
+    EXPECT_EQ(from.sin_addr.s_addr, 0u);
+  });
+}
+
+}  // namespace
