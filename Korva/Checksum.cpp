@@ -3,6 +3,7 @@
 #include <Mox/Assert.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -40,54 +41,86 @@ using WordSummer = WordSums (*)(const U8* bytes, size_t len);
 
 #if defined(__x86_64__) || defined(__i386__)
 
-__attribute__((target("avx2"))) Mox::S64 signedLaneSum(__m256i lanes) {
-  alignas(32) std::int32_t parts[8];
-  _mm256_store_si256(reinterpret_cast<__m256i*>(parts), lanes);
-  Mox::S64 sum = 0;
-  for (std::int32_t part : parts) sum += part;
-  return sum;
-}
+#pragma GCC push_options
+#pragma GCC target("avx2")
 
-__attribute__((target("avx2"))) U64 u64LaneSum(__m256i lanes) {
-  alignas(32) U64 parts[4];
-  _mm256_store_si256(reinterpret_cast<__m256i*>(parts), lanes);
-  return parts[0] + parts[1] + parts[2] + parts[3];
-}
-
-// 64 bytes per step. vpmaddwd adds pairs of words into 32-bit lanes but treats words as
-// signed, so each word is biased by -32768 first (flipping its top bit) and the bias is
-// added back per block. A lane gains at most 2^16 in size per step, so blocks of 2^14 steps
-// cannot overflow it.
+// vpmaddwd adds pairs of words into 32-bit lanes but treats words as signed, so each word
+// is biased by -32768 first (flipping its top bit) and the bias is added back at the end.
+// Four accumulators take 128 bytes per step. A lane changes by at most 2^16 per step, so
+// after a block of 2^12 steps the four together still fit 31 bits; they are then merged
+// and widened to 64 bits. The last partial vector is read as the buffer's last 32 bytes
+// with those already added masked to zero.
 template <bool withByteTotal>
-__attribute__((target("avx2"))) WordSums sumWordsAvx2(const U8* bytes, size_t len) {
+WordSums sumWordsAvx2(const U8* bytes, size_t len) {
+  if (len < 32) return sumWordsPortable<withByteTotal>(bytes, len);
   const __m256i topBit = _mm256_set1_epi16(std::int16_t(0x8000));
   const __m256i ones = _mm256_set1_epi16(1);
   const __m256i zero = _mm256_setzero_si256();
-  constexpr size_t maxBlockSteps = size_t(1) << 14;
-  constexpr U64 biasPerStep = 32 * 32768;  // 32 words of 64 bytes
-  WordSums sums;
-  while (len >= 64) {
-    size_t steps = std::min(len / 64, maxBlockSteps);
-    __m256i wordsA = zero, wordsB = zero, bytesA = zero, bytesB = zero;
-    for (size_t i = 0; i < steps; ++i, bytes += 64) {
-      __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(bytes));
-      __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(bytes + 32));
-      wordsA = _mm256_add_epi32(wordsA, _mm256_madd_epi16(_mm256_xor_si256(a, topBit), ones));
-      wordsB = _mm256_add_epi32(wordsB, _mm256_madd_epi16(_mm256_xor_si256(b, topBit), ones));
-      if constexpr (withByteTotal) {
-        bytesA = _mm256_add_epi64(bytesA, _mm256_sad_epu8(a, zero));
-        bytesB = _mm256_add_epi64(bytesB, _mm256_sad_epu8(b, zero));
-      }
+  __m256i words[4] = {zero, zero, zero, zero};
+  __m256i wideWords = zero;  // four 64-bit lanes
+  __m256i byteTotals = zero;
+  U64 vectors = 0;
+
+#define KORVA_LOAD(at) _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at))
+  auto add = [&](__m256i& acc, __m256i v) {
+    acc = _mm256_add_epi32(acc, _mm256_madd_epi16(_mm256_xor_si256(v, topBit), ones));
+    if constexpr (withByteTotal)
+      byteTotals = _mm256_add_epi64(byteTotals, _mm256_sad_epu8(v, zero));
+  };
+  auto widen = [&] {
+    __m256i merged = _mm256_add_epi32(_mm256_add_epi32(words[0], words[1]),
+                                      _mm256_add_epi32(words[2], words[3]));
+    wideWords = _mm256_add_epi64(wideWords, _mm256_cvtepi32_epi64(_mm256_castsi256_si128(merged)));
+    wideWords =
+        _mm256_add_epi64(wideWords, _mm256_cvtepi32_epi64(_mm256_extracti128_si256(merged, 1)));
+    words[0] = words[1] = words[2] = words[3] = zero;
+  };
+  auto laneSum = [](__m256i lanes) {
+    __m128i pairs =
+        _mm_add_epi64(_mm256_castsi256_si128(lanes), _mm256_extracti128_si256(lanes, 1));
+    U64 sum;
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(&sum),
+                     _mm_add_epi64(pairs, _mm_unpackhi_epi64(pairs, pairs)));
+    return sum;
+  };
+
+  constexpr size_t maxBlockSteps = size_t(1) << 12;
+  for (;;) {
+    size_t steps = std::min(len / 128, maxBlockSteps);
+    for (size_t i = 0; i < steps; ++i, bytes += 128) {
+      add(words[0], KORVA_LOAD(bytes));
+      add(words[1], KORVA_LOAD(bytes + 32));
+      add(words[2], KORVA_LOAD(bytes + 64));
+      add(words[3], KORVA_LOAD(bytes + 96));
     }
-    len -= steps * 64;
-    sums.littleEndian += U64(signedLaneSum(wordsA) + signedLaneSum(wordsB)) + steps * biasPerStep;
-    if constexpr (withByteTotal) sums.byteTotal += u64LaneSum(bytesA) + u64LaneSum(bytesB);
+    len -= steps * 128;
+    vectors += steps * 4;
+    if (len < 128) break;  // the last few vectors still fit the block's accumulators
+    widen();
   }
-  WordSums tail = sumWordsPortable<withByteTotal>(bytes, len);
-  sums.littleEndian += tail.littleEndian;
-  sums.byteTotal += tail.byteTotal;
+  for (; len >= 32; len -= 32, bytes += 32, ++vectors) add(words[0], KORVA_LOAD(bytes));
+  if (len) {
+    // 32 zero bytes, then 32 bytes of ones: a window at `len` keeps the last `len` bytes.
+    static constexpr auto window = [] {
+      std::array<U8, 64> bytes{};
+      for (size_t i = 32; i < bytes.size(); ++i) bytes[i] = 0xFF;
+      return bytes;
+    }();
+    __m256i keepNew = KORVA_LOAD(window.data() + len);
+    add(words[0], _mm256_and_si256(KORVA_LOAD(bytes + len - 32), keepNew));
+    ++vectors;
+  }
+  widen();
+#undef KORVA_LOAD
+
+  constexpr U64 biasPerVector = 16 * 32768;
+  WordSums sums;
+  sums.littleEndian = laneSum(wideWords) + vectors * biasPerVector;
+  if constexpr (withByteTotal) sums.byteTotal = laneSum(byteTotals);
   return sums;
 }
+
+#pragma GCC pop_options
 
 bool haveAvx2() {
   __builtin_cpu_init();

@@ -1,18 +1,18 @@
 #pragma once
-// Network-order integers for header structures laid over packet bytes, and the Internet
-// checksum (RFC 1071) shared by every IP-family header.
+// Network-order integers for header structures laid over packet bytes, the Internet
+// checksum (RFC 1071) shared by every IP-family header, the pseudo-headers of the
+// transport checksums, and the transport header view that fills them in.
 //
 // A NetU16 holds its value in wire order and has alignment 1, so a packed header of them
 // can sit at any byte offset of a packet. value() / valueIs() convert to and from host
 // order.
 
+#include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
 #include <Korva/Pkt.h>
 #include <Mox/Types.h>
 
-#include <array>
 #include <bit>
-#include <cstring>
 #include <type_traits>
 
 namespace Korva {
@@ -89,6 +89,13 @@ IpChecksum ipChecksumCalc(const void* bytes, U32 len, U32 partial);
 // header's checksum field as it is.
 U16 ipChksum(const void* bytes, U32 len);
 
+// An IPv6 address from 16 wire-order bytes of a header.
+inline Ip6Addr addressAt(const U8* bytes) noexcept {
+  Ip6Addr address;
+  address.copyFromBuffer(bytes);
+  return address;
+}
+
 // The IPv4 pseudo-header of the UDP and TCP checksums (12 bytes).
 template <U8 Protocol>
 struct __attribute__((packed)) Ipv4PseudoHdr {
@@ -105,9 +112,6 @@ struct __attribute__((packed)) Ipv4PseudoHdr {
   void lenIs(U32 bytes) noexcept { len.valueIs(U16(bytes)); }
 };
 
-// An IPv6 address as 16 bytes in wire order.
-using Ip6AddrBytes = std::array<U8, 16>;
-
 // The IPv6 pseudo-header (RFC 8200, 40 bytes). `udpLen` is the upper-layer length for
 // every protocol.
 template <U8 Protocol>
@@ -119,9 +123,9 @@ struct __attribute__((packed)) Ipv6PseudoHdr {
   U8 zero = 0;
   U8 protocol = Protocol;
 
-  void addressesIs(const Ip6AddrBytes& source, const Ip6AddrBytes& destination) noexcept {
-    std::memcpy(src, source.data(), sizeof src);
-    std::memcpy(dst, destination.data(), sizeof dst);
+  void addressesIs(const Ip6Addr& source, const Ip6Addr& destination) noexcept {
+    source.copyToBuffer(src);
+    destination.copyToBuffer(dst);
   }
   void lenIs(U32 bytes) noexcept { udpLen.valueIs(bytes); }
 };
@@ -150,13 +154,14 @@ class TransportHdrWrapper : public HdrWrapper<Header> {
   const Address& ipDst() const noexcept { return ipDst_; }
   void ipDstIs(const Address& address) noexcept { ipDst_ = address; }
 
-  // The checksum of the header and what follows it, in wire order as the checksum field
-  // holds it.
+  // The checksum of the header and what follows it in the packet's first data entry, in
+  // wire order as the checksum field holds it.
   IpChecksum computedChecksum() const {
+    U32 available = this->pkt()->frontBytes() - this->offset();
     PseudoHdr pseudo;
     pseudo.addressesIs(ipSrc_, ipDst_);
-    pseudo.lenIs(Header::segmentBytes(*this->header(), this->pkt()->frontBytes() - this->offset()));
-    return this->header()->computedChecksum(pseudo);
+    pseudo.lenIs(Header::segmentBytes(*this->header(), available));
+    return this->header()->computedChecksum(pseudo, available);
   }
   U16 computedChecksumU16() const { return computedChecksum().value(); }
 

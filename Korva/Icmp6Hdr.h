@@ -7,6 +7,8 @@
 #include <Korva/EthAddr.h>
 #include <Korva/Pkt.h>
 
+#include <algorithm>
+
 namespace Korva {
 
 enum Icmp6Type : U8 {
@@ -40,9 +42,10 @@ struct __attribute__((packed)) Icmp6Hdr {
   NetU8 code;
   IpChecksum checksum;
 
-  // Over the upper-layer length the pseudo-header gives, from the header on.
-  IpChecksum computedChecksum(const Icmp6PseudoHdr& pseudo) const {
-    return pseudoHdrChecksum(pseudo, this, pseudo.udpLen.value());
+  // Over the upper-layer length the pseudo-header gives, from the header on, but at most
+  // `available` bytes.
+  IpChecksum computedChecksum(const Icmp6PseudoHdr& pseudo, U32 available = ~0u) const {
+    return pseudoHdrChecksum(pseudo, this, std::min(pseudo.udpLen.value(), available));
   }
   // A message runs to the end of the data available.
   static U32 segmentBytes(const Icmp6Hdr&, U32 available) noexcept { return available; }
@@ -91,6 +94,9 @@ struct __attribute__((packed)) Icmp6NeighborSolicitHdr {
   Icmp6Hdr icmp6;
   NetU32 reserved;
   U8 target[16] = {};
+
+  Ip6Addr targetAddr() const noexcept { return addressAt(target); }
+  void targetAddrIs(const Ip6Addr& address) noexcept { address.copyToBuffer(target); }
 };
 static_assert(sizeof(Icmp6NeighborSolicitHdr) == 24);
 
@@ -99,6 +105,9 @@ struct __attribute__((packed)) Icmp6NeighborAdvertHdr {
   Icmp6Hdr icmp6;
   NetU32 flagsAndReserved;
   U8 target[16] = {};
+
+  Ip6Addr targetAddr() const noexcept { return addressAt(target); }
+  void targetAddrIs(const Ip6Addr& address) noexcept { address.copyToBuffer(target); }
 
   bool router() const noexcept { return flagsAndReserved.flag(31); }
   void routerIs(bool v) noexcept { flagsAndReserved.flagIs(31, v); }
@@ -146,6 +155,9 @@ struct __attribute__((packed)) Icmp6PrefixInfoOption {
   NetU32 reserved2;
   U8 prefix[16] = {};
 
+  Ip6Addr prefixAddr() const noexcept { return addressAt(prefix); }
+  void prefixAddrIs(const Ip6Addr& address) noexcept { address.copyToBuffer(prefix); }
+
   bool onLink() const noexcept { return flags.flag(7); }
   void onLinkIs(bool v) noexcept { flags.flagIs(7, v); }
   bool autonomous() const noexcept { return flags.flag(6); }
@@ -172,7 +184,10 @@ struct __attribute__((packed)) Icmp6DnsServerOption {
   NetU32 lifetime;
 
   U32 addressCount() const noexcept { return length.value() > 1 ? (length.value() - 1u) / 2 : 0; }
-  const U8* address(U32 i) const noexcept { return reinterpret_cast<const U8*>(this + 1) + 16 * i; }
+  // Address i of addressCount(), from the bytes that follow the option in the packet.
+  Ip6Addr address(U32 i) const noexcept {
+    return addressAt(reinterpret_cast<const U8*>(this + 1) + 16 * i);
+  }
 };
 static_assert(sizeof(Icmp6DnsServerOption) == 8);
 
@@ -190,7 +205,7 @@ struct __attribute__((packed)) Icmp6DnsSuffixOption {
 };
 static_assert(sizeof(Icmp6DnsSuffixOption) == 8);
 
-using Icmp6HdrWrapper = TransportHdrWrapper<Icmp6Hdr, Icmp6PseudoHdr, Ip6AddrBytes>;
+using Icmp6HdrWrapper = TransportHdrWrapper<Icmp6Hdr, Icmp6PseudoHdr, Ip6Addr>;
 using Icmp6EchoHdrWrapper = HdrWrapper<Icmp6EchoHdr>;
 using Icmp6PacketTooBigHdrWrapper = HdrWrapper<Icmp6PacketTooBigHdr>;
 using Icmp6RouterSolicitHdrWrapper = HdrWrapper<Icmp6RouterSolicitHdr>;

@@ -3,6 +3,7 @@
 // its Pad1, PadN and router-alert options, and the view that ties the header to a packet.
 
 #include <Korva/Checksum.h>
+#include <Korva/IpHdr.h>  // the protocol numbers a next header holds
 #include <Korva/Pkt.h>
 
 namespace Korva {
@@ -18,6 +19,11 @@ struct __attribute__((packed)) Ip6Hdr {
   NetU8 hopLimit;
   U8 src[16] = {};
   U8 dst[16] = {};
+
+  Ip6Addr srcAddr() const noexcept { return addressAt(src); }
+  void srcAddrIs(const Ip6Addr& address) noexcept { address.copyToBuffer(src); }
+  Ip6Addr dstAddr() const noexcept { return addressAt(dst); }
+  void dstAddrIs(const Ip6Addr& address) noexcept { address.copyToBuffer(dst); }
 
   U8 version() const noexcept { return U8(versionTrafficClassAndFlowLabel.field(28, 4)); }
   void versionIs(U8 v) noexcept { versionTrafficClassAndFlowLabel.fieldIs(28, 4, v); }

@@ -2,6 +2,7 @@
 
 #include <Mox/Assert.h>
 
+#include <algorithm>
 #include <ostream>
 
 namespace Korva {
@@ -95,9 +96,9 @@ IpProtocolNumber IpHdr::protocolNum() const noexcept {
   }
 }
 
-IpChecksum IpHdr::computedChecksum() const {
+IpChecksum IpHdr::computedChecksum(U32 available) const {
   MOX_ASSERT((headerBytes() % 2) == 0);
-  return ipChecksumCalc(this, headerBytes(), 0);
+  return ipChecksumCalc(this, std::min(headerBytes(), available), 0);
 }
 
 Mox::Ptr<IpHdrWrapper> ipHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset) {

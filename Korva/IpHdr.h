@@ -103,9 +103,9 @@ struct __attribute__((packed)) IpHdr {
   IpProtocolNumber protocolNum() const noexcept;
   void protocolNumIs(IpProtocolNumber number) noexcept { proto.valueIs(number); }
 
-  // Over headerBytes() bytes of the header as laid in the packet; 0 for a header whose
-  // checksum field is right.
-  IpChecksum computedChecksum() const;
+  // Over headerBytes() bytes of the header as laid in the packet, but at most `available`;
+  // 0 for a header whose checksum field is right.
+  IpChecksum computedChecksum(U32 available = ~0u) const;
 };
 static_assert(sizeof(IpHdr) == 20);
 
@@ -126,7 +126,10 @@ static_assert(sizeof(IpRouterAlertOption) == 4);
 class IpHdrWrapper : public HdrWrapper<IpHdr> {
  public:
   using HdrWrapper::HdrWrapper;
-  IpChecksum computedChecksum() const { return header()->computedChecksum(); }
+  // A header length that overstates the bytes present gives a checksum that does not match.
+  IpChecksum computedChecksum() const {
+    return header()->computedChecksum(pkt()->frontBytes() - offset());
+  }
 };
 
 Mox::Ptr<IpHdrWrapper> ipHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset);

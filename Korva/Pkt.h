@@ -21,6 +21,7 @@
 
 #include <sys/uio.h>
 
+#include <cstdint>
 #include <new>
 #include <string>
 
@@ -40,6 +41,9 @@ class Pkt : public Mox::PtrInterface {
   ~Pkt() override;
   Pkt(const Pkt&) = delete;
   Pkt& operator=(const Pkt&) = delete;
+  // Packet objects are recycled per thread, like their buffers.
+  static void* operator new(size_t bytes);
+  static void operator delete(void* pkt, size_t bytes) noexcept;
 
   // --- the shared buffer ---
   const Mox::Ptr<SharedBuffer>& sharedBuffer() const noexcept { return sharedBuffer_; }
@@ -134,14 +138,38 @@ class Pkt::SharedBuffer : public Mox::PtrInterface {
   U32 headRoom() const noexcept { return U32(data_ - buffer_); }
   U32 tailRoom() const noexcept { return U32(buffer_ + size_ - (data_ + dataBytes_)); }
 
-  void newHeadData(U32 n);
-  void delHeadData(U32 n);
-  void newTailData(U32 n);
-  void delTailData(U32 n);
+  // Inline: they are on every packet's path.
+  void newHeadData(U32 n) {
+    data_ -= n;
+    dataBytes_ += n;
+    checkInvariant();
+  }
+  void delHeadData(U32 n) {
+    data_ += n;
+    dataBytes_ -= n;
+    checkInvariant();
+  }
+  void newTailData(U32 n) {
+    dataBytes_ += n;
+    checkInvariant();
+  }
+  void delTailData(U32 n) {
+    dataBytes_ -= n;
+    checkInvariant();
+  }
 
  private:
   explicit SharedBuffer(U32 size) noexcept;
-  void checkInvariant() const;
+  // Unsigned offsets: a pointer before the block wraps to a huge offset.
+  static bool ptrWithinRegion(const U8* p, const U8* base, U32 size) noexcept {
+    return uintptr_t(p) - uintptr_t(base) <= size;
+  }
+  void checkInvariant() const {
+    MOX_ASSERT_TEXT(ptrWithinRegion(data_, buffer_, size_),
+                    "ptrWithinRegion( data_, buffer_, size_ )");
+    MOX_ASSERT_TEXT(ptrWithinRegion(data_ + dataBytes_, buffer_, size_),
+                    "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )");
+  }
 
   U8* buffer_;
   U32 size_;

@@ -1,13 +1,15 @@
 #include <Korva/TcpHdr.h>
 
+#include <algorithm>
+
 namespace Korva {
 
-IpChecksum TcpHdr::computedChecksum(const TcpPseudoHdr& pseudo) const {
-  return pseudoHdrChecksum(pseudo, this, pseudo.len.value());
+IpChecksum TcpHdr::computedChecksum(const TcpPseudoHdr& pseudo, U32 available) const {
+  return pseudoHdrChecksum(pseudo, this, std::min<U32>(pseudo.len.value(), available));
 }
 
-IpChecksum TcpHdr::computedChecksum(const TcpPseudoHdrIpv6& pseudo) const {
-  return pseudoHdrChecksum(pseudo, this, pseudo.udpLen.value());
+IpChecksum TcpHdr::computedChecksum(const TcpPseudoHdrIpv6& pseudo, U32 available) const {
+  return pseudoHdrChecksum(pseudo, this, std::min(pseudo.udpLen.value(), available));
 }
 
 Mox::Ptr<TcpHdrWrapper> tcpHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset) {

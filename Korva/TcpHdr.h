@@ -52,17 +52,19 @@ struct __attribute__((packed)) TcpHdr {
   bool fin() const noexcept { return dataOffsetAndFlags.flag(0); }
   void finIs(bool v) noexcept { dataOffsetAndFlags.flagIs(0, v); }
 
-  // Over the segment length the pseudo-header gives, from the header on.
-  IpChecksum computedChecksum(const TcpPseudoHdr& pseudo) const;
-  IpChecksum computedChecksum(const TcpPseudoHdrIpv6& pseudo) const;
+  // Over the segment length the pseudo-header gives, from the header on, but at most
+  // `available` bytes.
+  IpChecksum computedChecksum(const TcpPseudoHdr& pseudo, U32 available = ~0u) const;
+  IpChecksum computedChecksum(const TcpPseudoHdrIpv6& pseudo, U32 available = ~0u) const;
 
-  // A segment carries no length of its own: it runs to the end of the data available.
+  // A segment carries no length of its own: it runs to the end of the data available
+  // (trim link-layer padding off a short frame first).
   static U32 segmentBytes(const TcpHdr&, U32 available) noexcept { return available; }
 };
 static_assert(sizeof(TcpHdr) == 20);
 
 using TcpHdrWrapper = TransportHdrWrapper<TcpHdr, TcpPseudoHdr, IpAddr>;
-using TcpHdrWrapperIpv6 = TransportHdrWrapper<TcpHdr, TcpPseudoHdrIpv6, Ip6AddrBytes>;
+using TcpHdrWrapperIpv6 = TransportHdrWrapper<TcpHdr, TcpPseudoHdrIpv6, Ip6Addr>;
 
 Mox::Ptr<TcpHdrWrapper> tcpHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset);
 Mox::Ptr<TcpHdrWrapperIpv6> tcpHdrWrapperIpv6Factory(Mox::Ptr<Pkt> pkt, U32 offset);

@@ -1,21 +1,25 @@
 #include <Korva/UdpHdr.h>
 
+#include <algorithm>
+
 namespace Korva {
 
 namespace {
 
-IpChecksum zeroSentAsOnes(IpChecksum sum) {
+template <class PseudoHdr>
+IpChecksum datagramChecksum(const UdpHdr& hdr, const PseudoHdr& pseudo, U32 available) {
+  IpChecksum sum = pseudoHdrChecksum(pseudo, &hdr, std::min<U32>(hdr.len.value(), available));
   return sum.value() ? sum : IpChecksum(0xFFFF);
 }
 
 }  // namespace
 
-IpChecksum UdpHdr::computedChecksum(const UdpPseudoHdr& pseudo) const {
-  return zeroSentAsOnes(pseudoHdrChecksum(pseudo, this, len.value()));
+IpChecksum UdpHdr::computedChecksum(const UdpPseudoHdr& pseudo, U32 available) const {
+  return datagramChecksum(*this, pseudo, available);
 }
 
-IpChecksum UdpHdr::computedChecksum(const UdpPseudoHdrIpv6& pseudo) const {
-  return zeroSentAsOnes(pseudoHdrChecksum(pseudo, this, len.value()));
+IpChecksum UdpHdr::computedChecksum(const UdpPseudoHdrIpv6& pseudo, U32 available) const {
+  return datagramChecksum(*this, pseudo, available);
 }
 
 Mox::Ptr<UdpHdrWrapper> udpHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset) {

@@ -15,10 +15,12 @@ struct __attribute__((packed)) UdpHdr {
   NetU16 len;  // header and payload
   IpChecksum checksum;
 
-  // Over `len` bytes from the header, which must lie contiguous in memory. A sum of 0 is
-  // sent as 0xFFFF: a zero field means that no checksum was computed.
-  IpChecksum computedChecksum(const UdpPseudoHdr& pseudo) const;
-  IpChecksum computedChecksum(const UdpPseudoHdrIpv6& pseudo) const;
+  // Over `len` bytes from the header, which must lie contiguous in memory, but at most
+  // `available` (a length field that overstates the datagram reads no further and gives a
+  // checksum that does not match). A sum of 0 is sent as 0xFFFF: a zero field means that
+  // no checksum was computed.
+  IpChecksum computedChecksum(const UdpPseudoHdr& pseudo, U32 available = ~0u) const;
+  IpChecksum computedChecksum(const UdpPseudoHdrIpv6& pseudo, U32 available = ~0u) const;
 
   // A datagram's length is its own `len` field.
   static U32 segmentBytes(const UdpHdr& hdr, U32) noexcept { return hdr.len.value(); }
@@ -35,7 +37,7 @@ class UdpHdrWrapperBase : public TransportHdrWrapper<UdpHdr, PseudoHdr, Address>
 };
 
 using UdpHdrWrapper = UdpHdrWrapperBase<UdpPseudoHdr, IpAddr>;
-using UdpHdrWrapperIpv6 = UdpHdrWrapperBase<UdpPseudoHdrIpv6, Ip6AddrBytes>;
+using UdpHdrWrapperIpv6 = UdpHdrWrapperBase<UdpPseudoHdrIpv6, Ip6Addr>;
 
 Mox::Ptr<UdpHdrWrapper> udpHdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset);
 Mox::Ptr<UdpHdrWrapperIpv6> udpHdrWrapperIpv6Factory(Mox::Ptr<Pkt> pkt, U32 offset);

@@ -22,7 +22,7 @@ void BM_IpChecksumCalc(benchmark::State& state) {
   }
   state.SetBytesProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_IpChecksumCalc)->Arg(1500)->Arg(65536);
+BENCHMARK(BM_IpChecksumCalc)->Arg(64)->Arg(256)->Arg(1500)->Arg(4096)->Arg(65536);
 
 void BM_IpChksum(benchmark::State& state) {
   auto bytes = buffer(size_t(state.range(0)));

@@ -113,6 +113,10 @@ TEST(IpHdr, WrapperChecksumsTheHeaderWithOptions) {
   EXPECT_EQ(wrapper->computedChecksum().value(), 0);
   EXPECT_EQ(hdr->checksum.nbo(), oneCall);
   EXPECT_EQ(hdr->payloadLen(), 10u);
+  hdr->headerBytesIs(60);  // more than the packet holds: no match, no read past it
+  pkt->delSharedTailData(10);
+  wrapper->handleHeader();
+  EXPECT_NE(wrapper->computedChecksum().value(), 0);
 }
 
 TEST(IpHdrDeathTest, Assertions) {

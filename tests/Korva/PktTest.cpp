@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -194,6 +195,20 @@ TEST(PktShallowCopy, PrivateHeadPrependsWithoutTouchingTheSharedBuffer) {
   EXPECT_EQ(copy->privateHeadBytes(), 0u);
 }
 
+TEST(PktShallowCopy, EntriesInUseGoStraightToWritev) {
+  PktPtr source = pktWith("payload");
+  PktPtr copy = Korva::globalPktManager()->newShallowCopy(source);
+  std::memcpy(copy->newPrivateHeadData(4), "hdr:", 4);
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
+  ASSERT_EQ(writev(fds[0], copy->iovecs(), copy->iovecCount()), 11);
+  char received[32];
+  ASSERT_EQ(read(fds[1], received, sizeof received), 11);
+  EXPECT_EQ(std::string(received, 11), "hdr:payload");
+  close(fds[0]);
+  close(fds[1]);
+}
+
 // --- the separate VLAN tag ---
 
 std::string untaggedFrame() {
@@ -307,6 +322,16 @@ TEST(PktDeathTest, BufferInvariantGuardsEveryChange) {
   pkt->newSharedHeadData(4);
   EXPECT_DEATH(pkt->delSharedHeadData(5), "ptrWithinRegion\\( data_, buffer_");
   EXPECT_DEATH(pkt->sharedBuffer()->newTailData(1), "ptrWithinRegion\\( data_ \\+ dataBytes_");
+}
+
+TEST(PktDeathTest, PrivateHeadAreaIsBounded) {
+  PktPtr pkt = pktWith("x");
+  pkt->newPrivateHeadData(60);
+  EXPECT_DEATH(pkt->newPrivateHeadData(5),
+               "Assertion \"n <= privateHeadAreaBytes - privateHeadBytes_\" failed");
+  pkt->newPrivateHeadData(4);
+  EXPECT_TRUE(pkt->guardsIntact());
+  EXPECT_EQ(pkt->bytes(), 65u);
 }
 
 TEST(PktDeathTest, OperationsNeedABuffer) {

@@ -90,11 +90,8 @@ TEST(TcpHdr, ChecksumMatchesKernelSegmentsOverIpv6) {
     for (const PktPtr& pkt : packets) {
       auto ip = Korva::ip6HdrWrapperFactory(pkt, 0);
       auto tcp = Korva::tcpHdrWrapperIpv6Factory(pkt, sizeof(Korva::Ip6Hdr));
-      Korva::Ip6AddrBytes src, dst;
-      std::memcpy(src.data(), ip->header()->src, 16);
-      std::memcpy(dst.data(), ip->header()->dst, 16);
-      tcp->ipSrcIs(src);
-      tcp->ipDstIs(dst);
+      tcp->ipSrcIs(ip->header()->srcAddr());
+      tcp->ipDstIs(ip->header()->dstAddr());
       expectKernelChecksum(*tcp);
     }
   });

@@ -87,11 +87,9 @@ TEST(UdpHdr, ChecksumMatchesKernelDatagramsOverIpv6) {
       ASSERT_EQ(ip->header()->nextHeader.value(), Korva::ipProtoUdp);
       EXPECT_EQ(ip->header()->payloadLen.value(), payloadSizes[i] + 8);
       auto udp = Korva::udpHdrWrapperIpv6Factory(packets[i], sizeof(Korva::Ip6Hdr));
-      Korva::Ip6AddrBytes src, dst;
-      std::memcpy(src.data(), ip->header()->src, 16);
-      std::memcpy(dst.data(), ip->header()->dst, 16);
-      udp->ipSrcIs(src);
-      udp->ipDstIs(dst);
+      udp->ipSrcIs(ip->header()->srcAddr());
+      udp->ipDstIs(ip->header()->dstAddr());
+      EXPECT_EQ(udp->ipDst(), Korva::Ip6Addr(KorvaTest::peerIpv6));
       expectKernelChecksum(*udp);
     }
   });
@@ -135,6 +133,13 @@ TEST(UdpHdr, ChecksumCoversTheLengthFieldOnly) {
   EXPECT_EQ(udp->computedChecksumU16(), whole);
   udp->ipDstIs(Korva::IpAddr(10, 0, 0, 3));
   EXPECT_NE(udp->computedChecksumU16(), whole);
+}
+
+TEST(UdpHdr, OverstatedLengthReadsNoFurtherThanThePacket) {
+  auto udp = datagram("abcdefgh");
+  udp->header()->checksum = udp->computedChecksum();
+  udp->header()->len.valueIs(60000);
+  EXPECT_NE(udp->computedChecksumU16(), Korva::UdpHdrWrapper::validChecksum());
 }
 
 TEST(UdpHdrDeathTest, HeaderMustFitTheFirstEntry) {
