@@ -286,6 +286,7 @@ bool UdpPam::doConnect() {
 void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   MOX_ASSERT_TEXT(mode() != Mode::disabled, "mode() != disabled()");
   MOX_ASSERT_TEXT(txPort() != U16(), "txPort() != U16()");
+  MOX_ASSERT(pkt);
   MOX_TRACE(trace, 9, name() << ": Sending pkt of size " << pkt->bytes());
   const bool v6 = ipv6En();
   msghdr msg{};
