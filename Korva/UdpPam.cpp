@@ -45,13 +45,50 @@ int descriptorOf(const UdpPam& pam) {
   return pam.fileDesc() ? pam.fileDesc()->descriptor() : -1;
 }
 
-// Sets one integer option at creation; a failure is traced and thrown with the step's name.
-void setSocketOption(const UdpPam& pam, int fd, int level, int option, int value,
-                     const char* failureTrace, const char* step) {
-  if (setsockopt(fd, level, option, &value, sizeof value) == 0) return;
+// One socket option set at creation: where it lives, and the words of its failure.
+struct OptionStep {
+  int level;
+  int option;
+  const char* failureTrace;
+  const char* step;
+};
+
+constexpr const char* kOptionFailure = "Failed to set socket option, errno: ";
+
+// Packet information, TTL and TOS of each received datagram.
+constexpr OptionStep kIpv4ReceiveInfo[] = {
+    {IPPROTO_IP, IP_PKTINFO, kOptionFailure, "setsockopt(IP_PKTINFO)"},
+    {IPPROTO_IP, IP_RECVTTL, kOptionFailure, "setsockopt(IP_RECVTTL)"},
+    {IPPROTO_IP, IP_RECVTOS, kOptionFailure, "setsockopt(IP_RECVTOS)"},
+};
+constexpr OptionStep kIpv6ReceiveInfo[] = {
+    {IPPROTO_IPV6, IPV6_RECVPKTINFO, kOptionFailure, "setsockopt(IPV6_RECVPKTINFO)"},
+    {IPPROTO_IPV6, IPV6_RECVHOPLIMIT, kOptionFailure, "setsockopt(IPV6_RECVHOPLIMIT)"},
+    {IPPROTO_IPV6, IPV6_RECVTCLASS, kOptionFailure, "setsockopt(IPV6_RECVTCLASS)"},
+};
+constexpr OptionStep kBroadcast{
+    SOL_SOCKET, SO_BROADCAST, "Failed to set broadcast flag, errno: ", "setsockopt(SO_BROADCAST)"};
+constexpr OptionStep kReuseAddr{
+    SOL_SOCKET, SO_REUSEADDR,
+    "Failed to set SO_REUSEADDR flag, errno: ", "setsockopt(SO_REUSEADDR)"};
+constexpr const char* kLoopFailure = "Failed to set IP_MULTICAST_LOOP flag, errno: ";
+constexpr OptionStep kIpv4MulticastLoop{IPPROTO_IP, IP_MULTICAST_LOOP, kLoopFailure,
+                                        "setsockopt(IP_MULTICAST_LOOP)"};
+constexpr OptionStep kIpv6MulticastLoop{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, kLoopFailure,
+                                        "setsockopt(IP_MULTICAST_LOOP)"};
+constexpr OptionStep kIpv4Tos{IPPROTO_IP, IP_TOS,
+                              "Failed to set IP_TOS, errno: ", "setsockopt(IP_TOS)"};
+constexpr OptionStep kIpv6Tos{IPPROTO_IPV6, IPV6_TCLASS,
+                              "Failed to set IP_TOS, errno: ", "setsockopt(IP_TOS)"};
+
+// Sets one option (an int, or a single byte where the kernel takes one); a failure is
+// traced and thrown with the step's name.
+template <class Value>
+void setSocketOption(const UdpPam& pam, int fd, const OptionStep& step, Value value) {
+  if (setsockopt(fd, step.level, step.option, &value, sizeof value) == 0) return;
   const int error = errno;
-  MOX_TRACE(trace, 0, pam.name() << ": " << failureTrace << error);
-  throw Mox::ErrnoException(error, step);
+  MOX_TRACE(trace, 0, pam.name() << ": " << step.failureTrace << error);
+  throw Mox::ErrnoException(error, step.step);
 }
 
 SocketAddress ipv4Address(IpAddr address, U16 port) {
@@ -166,46 +203,24 @@ void UdpPam::doNewSocket() {
     throw Mox::ErrnoException(error, "socket");
   }
   try {
-    if (v6) {
-      // Arrival interface and destination for clients and servers alike.
-      setSocketOption(*this, fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1,
-                      "Failed to set socket option, errno: ", "setsockopt(IPV6_RECVPKTINFO)");
-      setSocketOption(*this, fd, IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1,
-                      "Failed to set socket option, errno: ", "setsockopt(IPV6_RECVHOPLIMIT)");
-      setSocketOption(*this, fd, IPPROTO_IPV6, IPV6_RECVTCLASS, 1,
-                      "Failed to set socket option, errno: ", "setsockopt(IPV6_RECVTCLASS)");
-    } else {
-      setSocketOption(*this, fd, IPPROTO_IP, IP_PKTINFO, 1,
-                      "Failed to set socket option, errno: ", "setsockopt(IP_PKTINFO)");
-      setSocketOption(*this, fd, IPPROTO_IP, IP_RECVTTL, 1,
-                      "Failed to set socket option, errno: ", "setsockopt(IP_RECVTTL)");
-      setSocketOption(*this, fd, IPPROTO_IP, IP_RECVTOS, 1,
-                      "Failed to set socket option, errno: ", "setsockopt(IP_RECVTOS)");
+    // Arrival interface and destination for clients and servers alike.
+    for (const OptionStep& step : v6 ? kIpv6ReceiveInfo : kIpv4ReceiveInfo) {
+      setSocketOption(*this, fd, step, 1);
     }
-    setSocketOption(*this, fd, SOL_SOCKET, SO_BROADCAST, 1,
-                    "Failed to set broadcast flag, errno: ", "setsockopt(SO_BROADCAST)");
+    setSocketOption(*this, fd, kBroadcast, 1);
     // Loopback of our own multicast stays on only when asked for.
     if (!enableIpMulticastLoop()) {
-      setSocketOption(
-          *this, fd, v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_MULTICAST_LOOP : IP_MULTICAST_LOOP,
-          0, "Failed to set IP_MULTICAST_LOOP flag, errno: ", "setsockopt(IP_MULTICAST_LOOP)");
+      setSocketOption(*this, fd, v6 ? kIpv6MulticastLoop : kIpv4MulticastLoop, 0);
     }
     if (txTos().value() != 0) {
       MOX_TRACE(trace, 2, name() << ": TOS=" << unsigned(txTos().value()));
       if (v6) {
-        setSocketOption(*this, fd, IPPROTO_IPV6, IPV6_TCLASS, txTos().value(),
-                        "Failed to set IP_TOS, errno: ", "setsockopt(IP_TOS)");
+        setSocketOption(*this, fd, kIpv6Tos, int(txTos().value()));
       } else {
-        const U8 tos = txTos().value();
-        if (setsockopt(fd, IPPROTO_IP, IP_TOS, &tos, sizeof tos) != 0) {
-          const int error = errno;
-          MOX_TRACE(trace, 0, name() << ": Failed to set IP_TOS, errno: " << error);
-          throw Mox::ErrnoException(error, "setsockopt(IP_TOS)");
-        }
+        setSocketOption(*this, fd, kIpv4Tos, txTos().value());
       }
     }
-    setSocketOption(*this, fd, SOL_SOCKET, SO_REUSEADDR, 1,
-                    "Failed to set SO_REUSEADDR flag, errno: ", "setsockopt(SO_REUSEADDR)");
+    setSocketOption(*this, fd, kReuseAddr, 1);
   } catch (...) {
     close(fd);
     throw;
