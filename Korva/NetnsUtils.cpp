@@ -152,13 +152,15 @@ int setNsByName(const Mox::String8& name) {
 }
 
 int socketAt(int domain, int type, int protocol, const Mox::String8& name) {
+  // The empty name is the agent's own namespace, like the default one.
+  if (name.empty()) return socket(domain, type, protocol);
   const std::string path = runPath(name);
   struct stat target, own;
   const bool named = !path.empty() && stat(path.c_str(), &target) == 0;
   // The caller's own namespace (by name, or the default one before it has been named)
   // needs no worker thread.
   if ((named && stat(kThreadNs, &own) == 0 && sameFile(target, own)) ||
-      (!named && (name.empty() || name == DEFAULT_NS))) {
+      (!named && name == DEFAULT_NS)) {
     return socket(domain, type, protocol);
   }
   int fd = Mox::netnsSocketAt(domain, type, protocol, name.c_str());

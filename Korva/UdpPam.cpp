@@ -194,9 +194,7 @@ void UdpPam::handleNetNs() {
 
 void UdpPam::doNewSocket() {
   const bool v6 = ipv6En();
-  // An unnamed namespace is the agent's own.
-  const NamespaceName ns = netNs().value().empty() ? NamespaceName::defaultNamespace() : netNs();
-  const int fd = socketAt(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0, ns.value());
+  const int fd = socketAt(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0, netNs().value());
   if (fd < 0) {
     const int error = errno;
     MOX_TRACE(trace, 0, name() << ": Failed to open socket, errno: " << error);

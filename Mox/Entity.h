@@ -63,12 +63,16 @@ template <class N, class Fn>
 void Entity::notify(Fn&& fn) const {
   if (notifiees_.empty()) return;
   Ptr<const Entity> keepAlive(this);
+  // Ends the walk however it ends: a hook that throws must not leave the list in walk mode.
+  struct Walk {
+    const Entity* entity;
+    ~Walk() { entity->endWalk(); }
+  } walk{this};
   ++walks_;
   const size_t count = notifiees_.size();
   for (size_t i = 0; i < count; ++i) {
     if (auto* notifiee = dynamic_cast<N*>(notifiees_[i])) fn(*notifiee);
   }
-  endWalk();
 }
 
 }  // namespace Mox

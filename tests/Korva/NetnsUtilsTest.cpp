@@ -139,6 +139,10 @@ TEST_F(NetnsUtils, SocketAtOpensInTheNamedNamespaceWithoutMovingTheCaller) {
   ASSERT_GE(plain, 0);
   EXPECT_EQ(socketNsInode(plain), own);
   close(plain);
+  int unnamed = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, "");
+  ASSERT_GE(unnamed, 0);
+  EXPECT_EQ(socketNsInode(unnamed), own);
+  close(unnamed);
 }
 
 TEST_F(NetnsUtils, SocketAtAMissingNamespaceKeepsErrno) {
