@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -27,21 +26,18 @@ std::string hex(const void* bytes, size_t len) {
 }
 
 TEST(Icmp6Hdr, ChecksumMatchesKernelEchoRequests) {
-  std::string skipped = KorvaTest::inPrivateLink([](KorvaTest::LinkCapture& capture) {
-    int fd = socket(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6);  // the kernel computes the checksum
-    ASSERT_GE(fd, 0);
-    const KorvaTest::PeerAddress peer = KorvaTest::peerAddress(AF_INET6);
-    for (U16 seq = 1; seq <= 3; ++seq) {
-      Korva::Icmp6EchoHdr echo;
-      echo.icmp6.type.valueIs(Korva::icmp6EchoRequest);
-      echo.id.valueIs(0x4b56);
-      echo.sequence.valueIs(seq);
-      std::string message(reinterpret_cast<const char*>(&echo), sizeof echo);
-      message += std::string(seq * 7, char(0xF0 + seq));
-      ASSERT_GT(sendto(fd, message.data(), message.size(), 0, peer.get(), peer.length), 0);
-    }
-    close(fd);
-    auto packets = capture.packets(3, Korva::ipProtoIcmpv6);
+  std::vector<std::string> messages;
+  for (U16 seq = 1; seq <= 3; ++seq) {
+    Korva::Icmp6EchoHdr echo;
+    echo.icmp6.type.valueIs(Korva::icmp6EchoRequest);
+    echo.id.valueIs(0x4b56);
+    echo.sequence.valueIs(seq);
+    messages.emplace_back(reinterpret_cast<const char*>(&echo), sizeof echo);
+    messages.back() += std::string(seq * 7, char(0xF0 + seq));
+  }
+  std::string skipped = KorvaTest::inPrivateLink([&](KorvaTest::LinkCapture& link) {
+    // A raw ICMPv6 socket: the kernel computes the checksum.
+    auto packets = link.send(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6, 0, messages);
     ASSERT_EQ(packets.size(), 3u);
     for (const auto& pkt : packets) {
       KorvaTest::expectKernelChecksum(*KorvaTest::transportView(pkt, Korva::icmp6HdrWrapperFactory),

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <fstream>
 
@@ -16,21 +15,18 @@ namespace {
 using Korva::U16;
 
 TEST(IcmpHdr, ChecksumMatchesKernelEchoRequests) {
-  std::string skipped = KorvaTest::inPrivateLink([](KorvaTest::LinkCapture& capture) {
+  std::vector<std::string> messages;
+  for (U16 seq = 1; seq <= 3; ++seq) {
+    Korva::IcmpHdr echo;
+    echo.type.valueIs(Korva::icmpEchoRequest);
+    echo.sequenceIs(seq);
+    messages.emplace_back(reinterpret_cast<const char*>(&echo), sizeof echo);
+    messages.back() += std::string(seq * 11, char('a' + seq));  // odd and even lengths
+  }
+  std::string skipped = KorvaTest::inPrivateLink([&](KorvaTest::LinkCapture& link) {
     std::ofstream("/proc/sys/net/ipv4/ping_group_range") << "0 0";  // this namespace only
-    int fd = socket(AF_INET, SOCK_DGRAM, IPPROTO_ICMP);  // the kernel fills in the checksum
-    ASSERT_GE(fd, 0);
-    const KorvaTest::PeerAddress peer = KorvaTest::peerAddress(AF_INET);
-    for (U16 seq = 1; seq <= 3; ++seq) {
-      Korva::IcmpHdr echo;
-      echo.type.valueIs(Korva::icmpEchoRequest);
-      echo.sequenceIs(seq);
-      std::string message(reinterpret_cast<const char*>(&echo), sizeof echo);
-      message += std::string(seq * 11, char('a' + seq));  // odd and even lengths
-      ASSERT_GT(sendto(fd, message.data(), message.size(), 0, peer.get(), peer.length), 0);
-    }
-    close(fd);
-    auto packets = capture.packets(3, Korva::ipProtoIcmp);
+    // A ping socket: the kernel fills in the checksum.
+    auto packets = link.send(AF_INET, SOCK_DGRAM, IPPROTO_ICMP, 0, messages);
     ASSERT_EQ(packets.size(), 3u);
     for (size_t i = 0; i < packets.size(); ++i) {
       auto ip = Korva::ipHdrWrapperFactory(packets[i], 0);

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,9 +23,6 @@ namespace {
 using Korva::U16;
 using Korva::U32;
 using Korva::U8;
-
-constexpr const char* peerIpv4 = "10.199.0.2";
-constexpr const char* peerIpv6 = "fd00:199::2";
 
 // Moves this thread into a namespace of its own and opens the link there; returns its
 // descriptor, or -1 and why.
@@ -61,25 +59,24 @@ U8 ipProtocolOf(const Korva::Pkt& pkt) {
   return Korva::ipProtoUnknown;
 }
 
-}  // namespace
-
-PeerAddress peerAddress(int family, U16 port) {
-  PeerAddress peer;
+// An address behind the link.
+sockaddr_storage peerAddress(int family, U16 port) {
+  sockaddr_storage peer{};
   if (family == AF_INET) {
-    auto* addr = reinterpret_cast<sockaddr_in*>(&peer.storage);
+    auto* addr = reinterpret_cast<sockaddr_in*>(&peer);
     addr->sin_family = AF_INET;
     addr->sin_port = htons(port);
-    inet_pton(AF_INET, peerIpv4, &addr->sin_addr);
-    peer.length = sizeof *addr;
+    inet_pton(AF_INET, "10.199.0.2", &addr->sin_addr);
   } else {
-    auto* addr = reinterpret_cast<sockaddr_in6*>(&peer.storage);
+    auto* addr = reinterpret_cast<sockaddr_in6*>(&peer);
     addr->sin6_family = AF_INET6;
     addr->sin6_port = htons(port);
-    inet_pton(AF_INET6, peerIpv6, &addr->sin6_addr);
-    peer.length = sizeof *addr;
+    inet_pton(AF_INET6, "fd00:199::2", &addr->sin6_addr);
   }
   return peer;
 }
+
+}  // namespace
 
 std::string inPrivateLink(const std::function<void(LinkCapture&)>& body) {
   std::string reason;
@@ -95,24 +92,31 @@ std::string inPrivateLink(const std::function<void(LinkCapture&)>& body) {
   return reason;
 }
 
-std::vector<Mox::Ptr<Korva::Pkt>> LinkCapture::packets(size_t count, U8 protocol) {
-  auto matching = [&] {
-    std::vector<Mox::Ptr<Korva::Pkt>> found;
-    for (const auto& pkt : seen_) {
-      if (ipProtocolOf(*pkt) == protocol) found.push_back(pkt);
-    }
-    return found;
-  };
+std::vector<Mox::Ptr<Korva::Pkt>> LinkCapture::send(int family, int type, U8 protocol, U16 port,
+                                                    const std::vector<std::string>& messages,
+                                                    int flags) {
+  const sockaddr_storage peer = peerAddress(family, port);
+  const socklen_t peerLength = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+  for (const std::string& message : messages) {
+    const int fd = socket(family, type | SOCK_NONBLOCK, protocol);
+    // A connection attempt sends its SYN inside the call; nobody answers it.
+    EXPECT_TRUE(sendto(fd, message.data(), message.size(), flags,
+                       reinterpret_cast<const sockaddr*>(&peer), peerLength) >= 0 ||
+                errno == EINPROGRESS)
+        << std::strerror(errno);
+    close(fd);
+  }
+  std::vector<Mox::Ptr<Korva::Pkt>> packets;
   pollfd readable{fd_, POLLIN, 0};
-  while (matching().size() < count && poll(&readable, 1, 1000) == 1) {
+  while (packets.size() < messages.size() && poll(&readable, 1, 1000) == 1) {
     Mox::Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
     const U32 size = pkt->maxSharedData();
     const ssize_t got = read(fd_, pkt->newSharedHeadData(size), size);
     if (got < 0) break;
     pkt->delSharedTailData(size - U32(got));
-    seen_.push_back(pkt);
+    if (ipProtocolOf(*pkt) == protocol) packets.push_back(pkt);
   }
-  return matching();
+  return packets;
 }
 
 }  // namespace KorvaTest

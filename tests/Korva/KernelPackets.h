@@ -10,7 +10,6 @@
 #include <Korva/Pkt.h>
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <functional>
 #include <string>
@@ -19,25 +18,18 @@
 
 namespace KorvaTest {
 
-struct PeerAddress {
-  sockaddr_storage storage{};
-  socklen_t length = 0;
-  const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
-};
-// An address behind the link in `family` (AF_INET or AF_INET6), at `port`.
-PeerAddress peerAddress(int family, Korva::U16 port = 0);
-
-// The packets that leave on the link.
+// The link, where packets to the addresses behind it come out.
 class LinkCapture {
  public:
   explicit LinkCapture(int fd) : fd_(fd) {}
-  // The packets of IP protocol `protocol` seen so far, waiting at most a second for at
-  // least `count` of them.
-  std::vector<Mox::Ptr<Korva::Pkt>> packets(size_t count, Korva::U8 protocol);
+  // Sends each message to port `port` of the address behind the link from a fresh
+  // socket(family, type, protocol), and returns the packets of IP protocol `protocol` that
+  // came out, waiting at most a second for one per message.
+  std::vector<Mox::Ptr<Korva::Pkt>> send(int family, int type, Korva::U8 protocol, Korva::U16 port,
+                                         const std::vector<std::string>& messages, int flags = 0);
 
  private:
   int fd_;
-  std::vector<Mox::Ptr<Korva::Pkt>> seen_;
 };
 
 // Runs `body` inside the namespace. Returns "" when it ran, or why the namespace could not

@@ -67,14 +67,6 @@ TEST(ProtocolText, SequenceReadsAPrefixOrNothing) {
 
 // --- PktSocket over a UDP socket on loopback ---
 
-sockaddr_in loopback(U16 port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
 // A bound UDP socket owned by a PktSocket, and a plain peer socket bound beside it.
 class UdpPktSocket : public ::testing::Test {
  protected:
@@ -87,7 +79,9 @@ class UdpPktSocket : public ::testing::Test {
 
   static int boundUdpSocket(sockaddr_in* address) {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    *address = loopback(0);
+    *address = sockaddr_in{};
+    address->sin_family = AF_INET;
+    address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof *address;
     EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(address), length), 0);
     EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(address), &length), 0);
@@ -97,6 +91,7 @@ class UdpPktSocket : public ::testing::Test {
     ASSERT_EQ(sendto(peer_, bytes.data(), bytes.size(), 0,
                      reinterpret_cast<const sockaddr*>(&address_), sizeof address_),
               ssize_t(bytes.size()));
+    ASSERT_TRUE(SocketTest::waitReadable(*sock_));
   }
 
   Mox::Ptr<PktSocket> sock_;
@@ -105,29 +100,21 @@ class UdpPktSocket : public ::testing::Test {
   sockaddr_in peerAddress_{};
 };
 
-TEST_F(UdpPktSocket, ReceivesADatagramTrimmedWithItsSource) {
+TEST_F(UdpPktSocket, ReceivesNothingSilentlyThenADatagramTrimmedThenFailsOnAnEmptyOne) {
+  sockaddr_in from{};
+  CaptureStderr();
+  EXPECT_FALSE(sock_->recvPkt(&from));
+  EXPECT_EQ(GetCapturedStderr(), "");
+
   const std::string payload = "a datagram of some forty-odd bytes, no more";
   peerSends(payload);
-  ASSERT_TRUE(SocketTest::waitReadable(*sock_));
-  sockaddr_in from{};
   Mox::Ptr<Korva::Pkt> pkt = sock_->recvPkt(&from);
   ASSERT_TRUE(pkt);
   EXPECT_EQ(pkt->stringValue(), payload);
   EXPECT_EQ(from.sin_port, peerAddress_.sin_port);
   EXPECT_EQ(from.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
-}
 
-TEST_F(UdpPktSocket, ReceiveOnAnEmptySocketIsEmptyAndSilent) {
-  CaptureStderr();
-  sockaddr_in from{};
-  EXPECT_FALSE(sock_->recvPkt(&from));
-  EXPECT_EQ(GetCapturedStderr(), "");
-}
-
-TEST_F(UdpPktSocket, AnEmptyDatagramThrowsWithTheTapWording) {
   peerSends("");
-  ASSERT_TRUE(SocketTest::waitReadable(*sock_));
-  sockaddr_in from{};
   try {
     sock_->recvPkt(&from);
     ADD_FAILURE() << "a zero-length read returned";

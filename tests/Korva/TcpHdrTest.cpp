@@ -6,53 +6,39 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <fstream>
-#include <set>
 
 namespace {
 
 using Korva::TcpHdr;
 using PktPtr = Mox::Ptr<Korva::Pkt>;
 
-// Per family, two connection attempts to the link's peer, which nobody answers: a plain SYN
-// (with its options) and, with TCP Fast Open allowed without a cookie, a SYN carrying data
-// of odd length.
+// Per family, two connection attempts, which nobody answers: with TCP Fast Open allowed
+// without a cookie, a SYN with its options only and a SYN carrying data of odd length.
 TEST(TcpHdr, ChecksumMatchesKernelSegments) {
-  std::string skipped = KorvaTest::inPrivateLink([](KorvaTest::LinkCapture& capture) {
+  std::string skipped = KorvaTest::inPrivateLink([](KorvaTest::LinkCapture& link) {
     std::ofstream("/proc/sys/net/ipv4/tcp_fastopen") << 5;  // this namespace only
-    const std::string data = "data carried on the SYN, odd length";
+    const std::vector<std::string> data = {"", "data carried on the SYN, odd length"};
     for (int family : {AF_INET, AF_INET6}) {
-      const KorvaTest::PeerAddress peer = KorvaTest::peerAddress(family, 179);
-      int plain = socket(family, SOCK_STREAM | SOCK_NONBLOCK, 0);
-      connect(plain, peer.get(), peer.length);
-      int withData = socket(family, SOCK_STREAM | SOCK_NONBLOCK, 0);
-      sendto(withData, data.data(), data.size(), MSG_FASTOPEN, peer.get(), peer.length);
-      close(plain);
-      close(withData);
-    }
-    auto packets = capture.packets(4, Korva::ipProtoTcp);
-    ASSERT_GE(packets.size(), 4u);
-    std::set<int> familiesWithData;
-    for (const PktPtr& pkt : packets) {
-      auto check = [&](auto& tcp) {
-        const TcpHdr& hdr = *tcp.header();
-        EXPECT_TRUE(hdr.syn());
-        EXPECT_EQ(hdr.dstPort.value(), 179);
-        EXPECT_GT(hdr.headerBytes(), 20u);  // MSS and other options
-        if (pkt->frontBytes() - tcp.offset() > hdr.headerBytes()) {
-          familiesWithData.insert(pkt->rawByte(0) >> 4);
+      auto packets = link.send(family, SOCK_STREAM, IPPROTO_TCP, 179, data, MSG_FASTOPEN);
+      ASSERT_EQ(packets.size(), 2u);
+      for (size_t i = 0; i < packets.size(); ++i) {
+        auto check = [&](auto& tcp) {
+          const TcpHdr& hdr = *tcp.header();
+          EXPECT_TRUE(hdr.syn());
+          EXPECT_EQ(hdr.dstPort.value(), 179);
+          EXPECT_GT(hdr.headerBytes(), 20u);  // MSS and other options
+          EXPECT_EQ(packets[i]->frontBytes() - tcp.offset() - hdr.headerBytes(), data[i].size());
+          KorvaTest::expectKernelChecksum(tcp, 0);
+        };
+        if (family == AF_INET) {
+          check(*KorvaTest::transportView(packets[i], Korva::tcpHdrWrapperFactory));
+        } else {
+          check(*KorvaTest::transportView(packets[i], Korva::tcpHdrWrapperIpv6Factory));
         }
-        KorvaTest::expectKernelChecksum(tcp, 0);
-      };
-      if ((pkt->rawByte(0) >> 4) == 4) {
-        check(*KorvaTest::transportView(pkt, Korva::tcpHdrWrapperFactory));
-      } else {
-        check(*KorvaTest::transportView(pkt, Korva::tcpHdrWrapperIpv6Factory));
       }
     }
-    EXPECT_EQ(familiesWithData, (std::set<int>{4, 6})) << "a checksum over data went unchecked";
   });
   if (!skipped.empty()) GTEST_SKIP() << "no private namespace (" << skipped << ")";
 }

@@ -3,8 +3,8 @@
 #include "KernelPackets.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <random>
@@ -17,31 +17,26 @@ using Korva::U8;
 using PktPtr = Mox::Ptr<Korva::Pkt>;
 
 TEST(UdpHdr, ChecksumMatchesKernelDatagrams) {
-  const U32 payloadSizes[] = {0, 1, 2, 3, 64, 999, 1400};
-  const size_t count = std::size(payloadSizes);
-  std::string skipped = KorvaTest::inPrivateLink([&](KorvaTest::LinkCapture& capture) {
-    std::mt19937 rng(768);
+  std::mt19937 rng(768);
+  std::vector<std::string> payloads;
+  for (U32 size : {0, 1, 2, 3, 64, 999, 1400}) {
+    payloads.emplace_back(size, '\0');
+    for (char& c : payloads.back()) c = char(rng());
+  }
+  std::string skipped = KorvaTest::inPrivateLink([&](KorvaTest::LinkCapture& link) {
     for (int family : {AF_INET, AF_INET6}) {
-      int tx = socket(family, SOCK_DGRAM, 0);
-      const KorvaTest::PeerAddress peer = KorvaTest::peerAddress(family, 4000);
-      for (U32 size : payloadSizes) {
-        std::string payload(size, '\0');
-        for (char& c : payload) c = char(rng());
-        ASSERT_EQ(sendto(tx, payload.data(), size, 0, peer.get(), peer.length), ssize_t(size));
-      }
-      close(tx);
-    }
-    auto packets = capture.packets(2 * count, Korva::ipProtoUdp);
-    ASSERT_EQ(packets.size(), 2 * count);
-    for (size_t i = 0; i < packets.size(); ++i) {
-      auto check = [&](auto& udp) {
-        EXPECT_EQ(udp.header()->len.value(), payloadSizes[i % count] + 8);
-        KorvaTest::expectKernelChecksum(udp, udp.validChecksum());
-      };
-      if (i < count) {
-        check(*KorvaTest::transportView(packets[i], Korva::udpHdrWrapperFactory));
-      } else {
-        check(*KorvaTest::transportView(packets[i], Korva::udpHdrWrapperIpv6Factory));
+      auto packets = link.send(family, SOCK_DGRAM, IPPROTO_UDP, 4000, payloads);
+      ASSERT_EQ(packets.size(), payloads.size());
+      for (size_t i = 0; i < packets.size(); ++i) {
+        auto check = [&](auto& udp) {
+          EXPECT_EQ(udp.header()->len.value(), payloads[i].size() + 8);
+          KorvaTest::expectKernelChecksum(udp, udp.validChecksum());
+        };
+        if (family == AF_INET) {
+          check(*KorvaTest::transportView(packets[i], Korva::udpHdrWrapperFactory));
+        } else {
+          check(*KorvaTest::transportView(packets[i], Korva::udpHdrWrapperIpv6Factory));
+        }
       }
     }
   });
