@@ -25,16 +25,12 @@ struct HdrField {
 };
 
 // A row for the accessor pair `field()` / `fieldIs()` of `Hdr`.
-#define KORVA_HDR_FIELD(Hdr, field, byte, bytes, shift, width)                                     \
-  KorvaTest::HdrField<Hdr> {                                                                       \
-#field, [](Hdr & h,                                                                            \
-               Mox::U32 v) { h.field##Is(v); },                                                    \
-                                             [](const Hdr& h) { return Mox::U32(h.field()); },     \
-                                                                                            byte,  \
-                                                                                            bytes, \
-                                                                                            shift, \
-                                                                                            width  \
-  }
+// clang-format off
+#define KORVA_HDR_FIELD(Hdr, field, byte, bytes, shift, width)                            \
+  KorvaTest::HdrField<Hdr>{#field, [](Hdr& h, Mox::U32 v) { h.field##Is(v); },          \
+                           [](const Hdr& h) { return Mox::U32(h.field()); },            \
+                           byte, bytes, shift, width}
+// clang-format on
 
 template <class Hdr>
 void expectFieldsRoundTrip(std::initializer_list<HdrField<Hdr>> fields) {

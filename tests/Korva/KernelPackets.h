@@ -44,7 +44,9 @@ Mox::Ptr<View> transportView(const Mox::Ptr<Korva::Pkt>& pkt,
                              Mox::Ptr<View> (*factory)(Mox::Ptr<Korva::Pkt>, Korva::U32)) {
   Mox::Ptr<View> view;
   if constexpr (std::is_same_v<std::decay_t<decltype(view->ipSrc())>, Korva::IpAddr>) {
-    const auto* ip = Korva::ipHdrWrapperFactory(pkt, 0)->header();
+    auto ipView = Korva::ipHdrWrapperFactory(pkt, 0);
+    EXPECT_EQ(ipView->computedChecksum().value(), 0);  // the kernel's IPv4 header
+    const auto* ip = ipView->header();
     view = factory(pkt, ip->headerBytes());
     view->ipSrcIs(ip->srcAddr());
     view->ipDstIs(ip->dstAddr());

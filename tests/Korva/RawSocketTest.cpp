@@ -70,7 +70,6 @@ TEST_F(RawSocketTest, IpSocketsExchangeAPacketOverLoopback) {
     EXPECT_EQ(manager->name(), "RawSocket::Manager");
     auto receiver = manager->newIpSocket("lo", Protocol(kTestProtocol), 0);
     auto sender = manager->newIpSocket("lo", Protocol(kTestProtocol), 0);
-    EXPECT_EQ(receiver->kind(), Korva::RawSocket::ip);
     EXPECT_TRUE(receiver->fileDescriptor()->nonBlocking());
 
     const std::string payload = "raw payload";
@@ -173,7 +172,6 @@ TEST_F(EthSocketTest, ReceivesAnIpv4FrameArrivingOnItsDevice) {
     // The packet socket and the look-up socket, which stays open by design.
     EXPECT_EQ(SocketTest::openDescriptorCount(), before + 2);
     EXPECT_EQ(sock->kind(), Korva::RawSocket::ethernet);
-    EXPECT_EQ(sock->device(), "kva");
     EXPECT_TRUE(sock->protocol().isAny());
 
     sockaddr_ll bound{};
