@@ -64,16 +64,18 @@ class RawSocketTest : public ::testing::Test {
   std::unique_ptr<ScopedNs> ns_;
 };
 
-TEST_F(RawSocketTest, IpSocketsExchangeAPacketOverLoopback) {
+TEST_F(RawSocketTest, IpSocketsExchangePacketsOverLoopback) {
   inNs([] {
     auto manager = Korva::RawSocketManagerFactory();
     EXPECT_EQ(manager->name(), "RawSocket::Manager");
     auto receiver = manager->newIpSocket("lo", Protocol(kTestProtocol), 0);
-    auto sender = manager->newIpSocket("lo", Protocol(kTestProtocol), 0);
     EXPECT_TRUE(receiver->fileDescriptor()->nonBlocking());
+    EXPECT_EQ(intOption(receiver->descriptor(), SOL_SOCKET, SO_PROTOCOL), kTestProtocol);
+    EXPECT_EQ(intOption(receiver->descriptor(), IPPROTO_IP, IP_HDRINCL), 0);
 
     const std::string payload = "raw payload";
     CaptureStderr();
+    auto sender = manager->newIpSocket("lo", Protocol(kTestProtocol), 0);
     EXPECT_EQ(sender->sendPkt(packetOf(payload), IpAddr(127, 0, 0, 1)), ssize_t(payload.size()));
     ASSERT_TRUE(waitReadable(*receiver));
     sockaddr_in from{};
@@ -86,29 +88,20 @@ TEST_F(RawSocketTest, IpSocketsExchangeAPacketOverLoopback) {
     EXPECT_EQ(pkt->stringValue().substr(20), payload);
     EXPECT_EQ(from.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
     EXPECT_FALSE(receiver->recvPkt(&from)) << "only one packet was sent";
-  });
-}
 
-TEST_F(RawSocketTest, AnyProtocolIsIpprotoRawAndOnlyOptionBitZeroIncludesTheHeader) {
-  inNs([] {
-    IpSocket any("", Protocol(Protocol::any), 0);
-    EXPECT_EQ(intOption(any.descriptor(), SOL_SOCKET, SO_PROTOCOL), IPPROTO_RAW);
-    EXPECT_EQ(any.protocol().value(), IPPROTO_RAW);
-
-    IpSocket receiver("", Protocol(kTestProtocol), 0);
-    EXPECT_EQ(intOption(receiver.descriptor(), SOL_SOCKET, SO_PROTOCOL), kTestProtocol);
-    EXPECT_EQ(intOption(receiver.descriptor(), IPPROTO_IP, IP_HDRINCL), 0);
-
-    // The sender's packet starts with a header of its own: source 127.0.0.9, TTL 7.
-    IpSocket sender("", Protocol(kTestProtocol), IpSocket::headerIncluded);
+    // Option bit 0: the packet starts with the sender's own header (from 127.0.0.9, TTL 7).
+    auto own = manager->newIpSocket("lo", Protocol(kTestProtocol), IpSocket::headerIncluded);
     std::string header("\x45\0\0\x1e\0\0\0\0\x07\xfd\0\0\x7f\0\0\x09\x7f\0\0\x01", 20);
-    ASSERT_GT(sender.sendPkt(packetOf(header + "own header"), IpAddr(127, 0, 0, 1)), 0);
-    ASSERT_TRUE(waitReadable(receiver));
-    sockaddr_in from{};
-    auto pkt = receiver.recvPkt(&from);
+    ASSERT_GT(own->sendPkt(packetOf(header + "own header"), IpAddr(127, 0, 0, 1)), 0);
+    ASSERT_TRUE(waitReadable(*receiver));
+    pkt = receiver->recvPkt(&from);
     ASSERT_TRUE(pkt);
     EXPECT_EQ(from.sin_addr.s_addr, IpAddr(127, 0, 0, 9).valueNbo());
     EXPECT_EQ(pkt->rawByte(8), 7) << "the TTL the caller wrote";
+
+    IpSocket any("", Protocol(Protocol::any), 0);
+    EXPECT_EQ(intOption(any.descriptor(), SOL_SOCKET, SO_PROTOCOL), IPPROTO_RAW);
+    EXPECT_EQ(any.protocol().value(), IPPROTO_RAW);
   });
 }
 
