@@ -1,5 +1,7 @@
 #include <Korva/EthHdr.h>
 
+#include "HdrTestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,15 +13,13 @@ using Korva::U16;
 using Korva::U32;
 using Korva::U8;
 
-// A frame from the EtherType fields (outer first) with room for an IP header behind.
+// A frame from the EtherType fields (outer first), a TCI in front of every inner one, with
+// room for an IP header behind.
 std::string frameWithTypes(std::initializer_list<U16> types) {
   std::string frame(12, '\x11');
-  bool outer = true;
   for (U16 type : types) {
-    if (!outer) frame.append("\x20\x05", 2);  // a TCI in front of every inner type
-    frame.push_back(char(type >> 8));
-    frame.push_back(char(type));
-    outer = false;
+    if (frame.size() > 12) frame.append("\x20\x05", 2);
+    frame += {char(type >> 8), char(type)};
   }
   return frame + std::string(20, '\0');
 }
@@ -52,29 +52,23 @@ TEST(EthHdr, WrapperFindsIpHeaderBehindItsOffset) {
   auto tag = Korva::eth8021QHdrWrapperFactory(pkt, 3 + 14);
   EXPECT_EQ(tag->ipHdrOffset(), 4u);
   EXPECT_EQ(tag->header()->vlanId(), 5);
-  EXPECT_EQ(tag->header()->priority(), 1);
   EXPECT_THROW(Korva::ethHdrWrapperFactory(nullptr, 0), Mox::RangeException);
 }
 
-TEST(EthHdr, TagFieldsShareOneWord) {
-  Korva::Eth8021QHdr tag;
-  tag.vlanIdIs(4095);
-  tag.priorityIs(7);
-  EXPECT_FALSE(tag.dropEligible());
-  tag.dropEligibleIs(true);
-  tag.vlanIdIs(0x123);
-  EXPECT_EQ(tag.tci.value(), 0xF123);
-  tag.priorityIs(0);
-  EXPECT_EQ(tag.tci.value(), 0x1123);
-}
-
-TEST(EthHdr, SnapDefaultsAndOui) {
-  Korva::Eth8022SnapHdr snap;
-  snap.ouiValueIs(0x00000C);
-  snap.protocolId.valueIs(0x2000);
-  U8 expected[] = {0xAA, 0xAA, 0x03, 0x00, 0x00, 0x0C, 0x20, 0x00};
-  EXPECT_EQ(std::memcmp(&snap, expected, sizeof expected), 0);
-  EXPECT_EQ(snap.ouiValue(), 0x0Cu);
+TEST(EthHdr, FieldsRoundTrip) {
+  using Korva::Eth8021QHdr;
+  using Korva::Eth8022SnapHdr;
+  KorvaTest::expectFieldsRoundTrip<Eth8021QHdr>({
+      KORVA_HDR_FIELD(Eth8021QHdr, priority, 0, 2, 13, 3),
+      KORVA_HDR_FIELD(Eth8021QHdr, dropEligible, 0, 2, 12, 1),
+      KORVA_HDR_FIELD(Eth8021QHdr, vlanId, 0, 2, 0, 12),
+  });
+  KorvaTest::expectFieldsRoundTrip<Eth8022SnapHdr>({
+      KORVA_HDR_FIELD(Eth8022SnapHdr, ouiValue, 3, 3, 0, 24),
+  });
+  const Eth8022SnapHdr snap;
+  const U8 snapDefault[] = {0xAA, 0xAA, 0x03, 0, 0, 0, 0, 0};
+  EXPECT_EQ(std::memcmp(&snap, snapDefault, sizeof snap), 0);
 }
 
 TEST(EthHdrDeathTest, WrapperMustFitTheFirstEntry) {

@@ -5,7 +5,9 @@
 // never moves).
 
 #include <Korva/NetnsUtils.h>
+#include <Korva/PktSocket.h>
 #include <Mox/Activity.h>
+#include <Mox/Exception.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -72,6 +74,23 @@ inline int openDescriptorCount() {
   int count = 0;
   for (int fd = 0; fd < 4096; ++fd) count += fcntl(fd, F_GETFD) != -1;
   return count;
+}
+
+// Runs the thread's event loop until the socket's descriptor reports readable, or 5 s pass.
+inline bool waitReadable(const Korva::PktSocket& sock) {
+  const Mox::U32 before = sock.fileDescriptor()->readableCount();
+  return Mox::runUntil([&] { return sock.fileDescriptor()->readableCount() > before; }, 5.0);
+}
+
+// Runs `step`, which must fail with `expected` as a Mox::ErrnoException of empty message.
+inline void expectErrnoFailure(const std::function<void()>& step, int expected) {
+  try {
+    step();
+    ADD_FAILURE() << "no failure, expected errno " << expected;
+  } catch (const Mox::ErrnoException& e) {
+    EXPECT_EQ(e.errorNumber(), expected);
+    EXPECT_STREQ(e.what(), "");
+  }
 }
 
 }  // namespace SocketTest

@@ -6,9 +6,7 @@
 
 #include <linux/capability.h>
 #include <linux/if_packet.h>
-#include <linux/if_tun.h>
 #include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -61,29 +59,10 @@ class TapSocketTest : public ::testing::Test {
   std::unique_ptr<ScopedNs> ns_;
 };
 
-TEST_F(TapSocketTest, CreatesTheDeviceInTheCallersNamespace) {
-  inNs([&] {
-    TapSocket tap("ktap0", TapSocket::tun);
-    EXPECT_EQ(tap.type(), TapSocket::tun);
-    EXPECT_TRUE(tap.fileDescriptor()->nonBlocking());
-    EXPECT_NE(if_nametoindex("ktap0"), 0u);
-    // Every type makes a TAP device without packet information.
-    ifreq request{};
-    ASSERT_EQ(ioctl(tap.descriptor(), TUNGETIFF, &request), 0);
-    EXPECT_EQ(request.ifr_flags & (IFF_TAP | IFF_TUN | IFF_NO_PI), IFF_TAP | IFF_NO_PI);
-  });
-  EXPECT_FALSE(ns_->ip("link show ktap0")) << "the device goes with its descriptor";
-}
-
-TEST_F(TapSocketTest, AnInvalidNameNamesTheIoctlAndTheKernelHint) {
+TEST_F(TapSocketTest, AFailedIoctlNamesItselfWithTheKernelHintAndCloses) {
   inNs([] {
     EXPECT_EQ(setupFailureText([] { TapSocket("bad/name", TapSocket::tap); }),
               std::string("ioctl TUNSETIFF: ") + std::strerror(EINVAL) + kKernelHint);
-  });
-}
-
-TEST_F(TapSocketTest, ABusyDeviceNamesTheIoctlAndTheKernelHint) {
-  inNs([] {
     TapSocket first("ktap1", TapSocket::tap);
     const int before = SocketTest::openDescriptorCount();
     EXPECT_EQ(setupFailureText([] { TapSocket("ktap1", TapSocket::tap); }),
@@ -100,32 +79,23 @@ TEST_F(TapSocketTest, MissingPermissionGivesTheChmodHint) {
   });
 }
 
-// A packet socket on the TAP device: the kernel's side of the frames.
-struct KernelSide {
-  explicit KernelSide(const char* device) : index(int(if_nametoindex(device))) {
-    fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(kEtherType));
-    sockaddr_ll local{};
-    local.sll_family = AF_PACKET;
-    local.sll_protocol = htons(kEtherType);
-    local.sll_ifindex = index;
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local), 0);
-  }
-  ~KernelSide() { close(fd); }
-
-  static constexpr Mox::U16 kEtherType = 0x88B5;  // local experimental
-  int index;
-  int fd;
-};
-
 std::string testFrame(const std::string& body) {
   return std::string("\x02\x00\x00\x00\x00\x01\x02\x00\x00\x00\x00\x02\x88\xB5", 14) + body;
 }
 
+// Every type makes a TAP device without packet information: Ethernet frames cross as they are.
 TEST_F(TapSocketTest, FramesCrossTheDeviceBothWays) {
   inNs([&] {
-    auto tap = Mox::make<TapPktSocket>("ktap3", TapSocket::tap);
+    auto tap = Mox::make<TapPktSocket>("ktap3", TapSocket::tun);
+    EXPECT_TRUE(tap->fileDescriptor()->nonBlocking());
     ASSERT_TRUE(ns_->ip("link set ktap3 up"));
-    KernelSide kernel("ktap3");
+    // A packet socket on the device, for the frames' type only, is the kernel's side.
+    sockaddr_ll link{};
+    link.sll_family = AF_PACKET;
+    link.sll_protocol = htons(0x88B5);  // local experimental
+    link.sll_ifindex = int(if_nametoindex("ktap3"));
+    const int kernel = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, link.sll_protocol);
+    ASSERT_EQ(bind(kernel, reinterpret_cast<sockaddr*>(&link), sizeof link), 0);
 
     // Agent to kernel: writev of both scatter entries.
     auto pkt = Korva::globalPktManager()->newPkt();
@@ -135,20 +105,17 @@ TEST_F(TapSocketTest, FramesCrossTheDeviceBothWays) {
     EXPECT_EQ(tap->sendmsg(pkt), ssize_t(outFrame.size()));
     char received[256];
     ssize_t n = -1;
-    ASSERT_TRUE(Mox::runUntil(
-        [&] { return (n = recv(kernel.fd, received, sizeof received, 0)) >= 0; }, 5.0));
+    ASSERT_TRUE(
+        Mox::runUntil([&] { return (n = recv(kernel, received, sizeof received, 0)) >= 0; }, 5.0));
     EXPECT_EQ(std::string(received, n), outFrame);
 
     // Kernel to agent: the device delivers other traffic too (IPv6 once it is up), so read
     // until this frame shows up.
     const std::string inFrame = testFrame("to the agent, also about fifty bytes of body.");
-    sockaddr_ll out{};
-    out.sll_family = AF_PACKET;
-    out.sll_ifindex = kernel.index;
-    out.sll_halen = 6;
-    ASSERT_EQ(sendto(kernel.fd, inFrame.data(), inFrame.size(), 0,
-                     reinterpret_cast<sockaddr*>(&out), sizeof out),
+    ASSERT_EQ(sendto(kernel, inFrame.data(), inFrame.size(), 0, reinterpret_cast<sockaddr*>(&link),
+                     sizeof link),
               ssize_t(inFrame.size()));
+    close(kernel);
     bool seen = false;
     sockaddr_in from;
     std::memset(&from, 0xAB, sizeof from);
@@ -161,6 +128,7 @@ TEST_F(TapSocketTest, FramesCrossTheDeviceBothWays) {
     EXPECT_EQ(from.sin_family, 0) << "a device has no peer address: the buffer is zeroed";
     EXPECT_EQ(from.sin_addr.s_addr, 0u);
   });
+  EXPECT_FALSE(ns_->ip("link show ktap3")) << "the device goes with its descriptor";
 }
 
 }  // namespace
