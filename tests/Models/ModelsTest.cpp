@@ -87,7 +87,10 @@ TEST(ModelsNotify, ScalarsNotifyOnlyOnRealChange) {
   counters->limitIs(7);
   counters->limitDel();
   EXPECT_EQ(counters->limit(), 100u);
-  EXPECT_EQ(recorder.take(), (Events{"hits", "limit", "limit"}));
+  EXPECT_EQ(counters->mode(), Counters::Mode::connecting);
+  counters->modeIs(Counters::Mode::connected);
+  counters->modeIs(Counters::Mode::connected);
+  EXPECT_EQ(recorder.take(), (Events{"hits", "limit", "limit", "mode"}));
 }
 
 TEST(ModelsNotify, MapNotifiesPerKeyOnRealChange) {
@@ -210,7 +213,6 @@ TEST(ModelsNotify, ChildEntitiesAreMadeOncePerKey) {
   auto dir = dirFactory("dir");
   LeafWatcher watcher(dir.get());
   auto a = dir->newLeaf("a");
-  EXPECT_EQ(a->name(), "a");
   EXPECT_EQ(dir->newLeaf("a"), a);  // present: the same child, no hook
   dir->newLeaf("b");
   EXPECT_EQ(dir->leaf("a"), a);
@@ -234,14 +236,12 @@ TEST(ModelsNotify, ChildEntitiesAreMadeOncePerKey) {
 
 TEST(ModelsDerived, NotifieeOfDerivedEntityHearsBaseAndOwnHooks) {
   auto special = specialFactory("s", 3);
-  EXPECT_EQ(special->name(), "s");
   EXPECT_EQ(special->weight(), 3u);
   Recorder recorder(special.get());
   special->hitsInc();
   special->extraIs("more");
   special->extraIs("more");
   EXPECT_EQ(recorder.take(), (Events{"hits", "extra"}));
-  EXPECT_EQ(recorder.notifier(), special.get());
 }
 
 // Hand-written behaviour derives from the generated class and overrides its virtual setters.
@@ -277,7 +277,6 @@ class OnHandWatcher : public OnHand::Notifiee {
 
 TEST(ModelsDerived, ModelEntityOnAHandWrittenBase) {
   auto onHand = onHandFactory("hand", 9);
-  EXPECT_EQ(onHand->name(), "hand");
   EXPECT_EQ(onHand->size(), 9u);
   OnHandWatcher watcher(onHand.get());
   onHand->poke();
@@ -309,7 +308,6 @@ TEST(ModelsBounds, MessagesNameTheTypeAndTheBound) {
             "Desc::typeId > Expr @Shapes.mox:" + modelLineOf("entity Desc(") + " not allowed");
   EXPECT_EQ(rangeMessage([] { descFactory(126, "Et")->minPartIs(0); }),
             "Desc::minPart < 1 not allowed");
-  EXPECT_EQ(PartKey::max(), 3u);
   EXPECT_EQ(Ttl().value(), 1u);  // a bounded value starts at its minimum
 }
 
@@ -347,6 +345,10 @@ TEST(ModelsText, EnumerationUsesItsTextTable) {
   std::ostringstream os;
   os << Source::evpn;
   EXPECT_EQ(os.str(), "evpn");
+  // Nested in an entity, with a text of its own.
+  EXPECT_EQ(valueToStrep(Counters::Mode::connected), "up");
+  EXPECT_EQ(Mox::valueFromText<Counters::Mode>("idle", "bad"), Counters::Mode::idle);
+  EXPECT_EQ(rangeMessage([] { Mox::valueFromText<Counters::Mode>("down", "bad"); }), "bad");
 }
 
 TEST(ModelsText, CompositeValueForm) {
@@ -360,7 +362,6 @@ TEST(ModelsText, CompositeValueForm) {
   Entry parsed;
   parsed.stringValueIs(text);
   EXPECT_EQ(parsed, entry);
-  EXPECT_EQ(valueToStrep(Label("a'b")), "'a\\'b'");
   EXPECT_EQ(Label("a'b").stringValue(), "a'b");
 }
 
@@ -395,34 +396,9 @@ Entry randomEntry(std::mt19937& random) {
                Part(byte(random) % 33, byte(random) % 2, static_cast<char>(byte(random))));
 }
 
-TEST(ModelsText, RandomValuesRoundTrip) {
-  std::mt19937 random(20261121);
-  for (int i = 0; i < 2000; ++i) {
-    const Entry entry = randomEntry(random);
-    Entry parsed;
-    parsed.stringValueIs(entry.stringValue());
-    ASSERT_EQ(parsed, entry) << entry;
-  }
-}
-
-TEST(ModelsText, NestedEnumeration) {
-  auto counters = countersFactory("c");
-  EXPECT_EQ(counters->mode(), Counters::Mode::connecting);
-  Recorder recorder(counters.get());
-  counters->modeIs(Counters::Mode::connected);
-  counters->modeIs(Counters::Mode::connected);
-  EXPECT_EQ(recorder.take(), (Events{"mode"}));
-  EXPECT_EQ(valueToStrep(counters->mode()), "up");
-  EXPECT_EQ(Mox::valueFromText<Counters::Mode>("idle", "bad"), Counters::Mode::idle);
-  EXPECT_EQ(rangeMessage([] { Mox::valueFromText<Counters::Mode>("down", "bad"); }), "bad");
-}
-
 TEST(ModelsText, FlagsOfAnIntegerValue) {
-  EXPECT_EQ(rangeMessage([] { Options(16); }), "Options::value > 0xf not allowed");
   Options options(0x5);
-  EXPECT_TRUE(options.txTtl());
-  EXPECT_FALSE(options.txDs());
-  EXPECT_TRUE(options.rxMinTtl());
+  EXPECT_TRUE(options.txTtl() && !options.txDs() && options.rxMinTtl());
   options.txTtlIs(false);
   options.md5AuthIs(true);
   EXPECT_EQ(options.value(), 0xcu);
@@ -461,7 +437,7 @@ TEST(ModelsOrder, LexicographicByAttributesInModelOrder) {
   EXPECT_LT(Source::evpn, Source::cli);
 }
 
-TEST(ModelsHash, EqualValuesHashEqualAndOthersSpread) {
+TEST(ModelsText, RandomValuesRoundTripAndHashEqual) {
   std::mt19937 random(11);
   std::set<Mox::U32> hashes;
   std::set<Entry> entries;
@@ -469,12 +445,12 @@ TEST(ModelsHash, EqualValuesHashEqualAndOthersSpread) {
     const Entry entry = randomEntry(random);
     Entry copy;
     copy.stringValueIs(entry.stringValue());
-    ASSERT_EQ(copy.hash(), entry.hash());
+    ASSERT_EQ(copy, entry) << entry;
     ASSERT_EQ(std::hash<Entry>()(copy), entry.hash());
     entries.insert(entry);
     hashes.insert(entry.hash());
   }
-  EXPECT_GE(hashes.size() + 5, entries.size());
+  EXPECT_GE(hashes.size() + 5, entries.size());  // different values spread
   // Each attribute takes part in the hash.
   const Entry base = entryOf(1, "x");
   Entry other = base;
