@@ -41,12 +41,5 @@ TEST(NetnsModel, EachEntityNotifiesOnlyWhenItsNamespaceChanges) {
   EXPECT_EQ(factoryWatcher.seen, (std::vector<std::string>{"mgmt", ""}));
 }
 
-TEST(NetnsModel, NamespaceNameTextIsAStringAttribute) {
-  const NamespaceName name("ns 'one'");
-  EXPECT_EQ(valueToStrep(name), "'ns \\'one\\''");
-  EXPECT_EQ(Mox::valueFromText<NamespaceName>(valueToStrep(name), "bad"), name);
-  EXPECT_LT(NamespaceName("a"), NamespaceName("b"));
-}
-
 }  // namespace
 }  // namespace Korva

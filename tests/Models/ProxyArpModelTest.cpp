@@ -66,6 +66,7 @@ TEST_F(ProxyArpModel, TextFormOrderAndHash) {
 TEST(IntfIdNoLogCollModel, FlagPerInterface) {
   Korva::IntfIdMgr::ensureInitialized();
   auto coll = Korva::intfIdNoLogCollFactory();
+  EXPECT_EQ(coll->name(), "IntfIdNoLogColl");
   const IntfId et1("Ethernet1");
   EXPECT_FALSE(coll->newIntfId(et1, false));
   EXPECT_FALSE(coll->newIntfId(et1, true));  // present: kept

@@ -1,6 +1,5 @@
 #include <Mox/Trace.h>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -9,14 +8,12 @@
 #include <cstdlib>
 #include <fstream>
 #include <regex>
-#include <sstream>
 
 extern char** environ;
 
 namespace {
 
 using Mox::traceLevelsFor;
-using ::testing::ElementsAre;
 
 // Started again as a child by TraceFile below: write a few lines, then leave before any
 // test runs.
