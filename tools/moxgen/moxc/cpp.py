@@ -653,6 +653,11 @@ class Emitter:
     def mutator(self, a):
         return "virtual " if a.virtual else ""
 
+    def changed(self, a):
+        """What a scalar setter runs after a real change: the handler, then the hooks."""
+        call = [f"{a.handler}();"] if a.handler else []
+        return call + [self.notify(a)]
+
     def notify(self, a, key=None):
         arg = "" if key is None else key
         capture = "" if key is None else "&"
@@ -680,7 +685,8 @@ class Emitter:
             c(f"  {check}")
         c(f"  if ({a.name}_ == {a.name}) return;")
         c(f"  {a.name}_ = {a.name};")
-        c(f"  {self.notify(a)}")
+        for line in self.changed(a):
+            c(f"  {line}")
         c("}")
         c()
         if a.counter:
@@ -690,14 +696,16 @@ class Emitter:
             if check:
                 c(f"  {check}")
             c(f"  {a.name}_ += delta;")
-            c(f"  {self.notify(a)}")
+            for line in self.changed(a):
+                c(f"  {line}")
             c("}")
             c()
         default = f"{t}({a.default})" if a.default else f"{t}()"
         c(f"void {e.name}::{a.name}Del() {{")
         c(f"  if ({a.name}_ == {default}) return;")
         c(f"  {a.name}_ = {default};")
-        c(f"  {self.notify(a)}")
+        for line in self.changed(a):
+            c(f"  {line}")
         c("}")
         c()
 

@@ -51,6 +51,7 @@ class Attr:
     key_member: Optional[str] = None  # the value's attribute that is its key
     counter: bool = False
     virtual: bool = False
+    handler: Optional[str] = None  # member the setters call after a real change
     min: Optional[Bound] = None
     max: Optional[Bound] = None
     default: Optional[str] = None
@@ -364,6 +365,8 @@ class Parser:
                 if not attr.key:
                     self.error(number, f"'{word}' needs an index type: {attr.name} : T[Index]")
                 attr.kind = word
+            elif word == "handler" and words:
+                attr.handler = words.pop(0)
             elif word in ("key", "min", "max", "factory") and words:
                 value = words.pop(0)
                 if word == "key":
@@ -384,6 +387,8 @@ class Parser:
             self.error(number, "counters are integer attributes")
         if (attr.min or attr.max) and (attr.kind != "scalar" or attr.type not in INTEGER_TYPES):
             self.error(number, "min and max belong to integer attributes")
+        if attr.handler and attr.kind != "scalar":
+            self.error(number, "handlers belong to scalar attributes")
         if attr.default and attr.kind != "scalar":
             self.error(number, "collections start empty and take no default")
         return attr

@@ -113,6 +113,8 @@ class Errors(unittest.TestCase):
          "collections start empty and take no default"),
         ("namespace A\nentity E(name : Name)\n  x : U8 key k\n", 3,
          "'key' belongs to keyed collections"),
+        ("namespace A\nentity E(name : Name)\n  x : U8[U8] handler handleX\n", 3,
+         "handlers belong to scalar attributes"),
         ("namespace A\nentity E(name : Name) : Other\n", 2,
          "base 'Other' is not in this model: give its constructor arguments, as in ': Base(name)'"),
         ("namespace A\nentity B(id : U8)\nentity E(name : Name) : B\n", 3,

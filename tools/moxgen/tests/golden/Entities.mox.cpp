@@ -271,6 +271,20 @@ void Status::leafNotify(const Mox::Name& key) const {
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(key); });
 }
 
+void Status::modeIs(Mox::U8 mode) {
+  if (mode_ == mode) return;
+  mode_ = mode;
+  handleMode();
+  notify<Notifiee>([](Notifiee& notifiee) { notifiee.onMode(); });
+}
+
+void Status::modeDel() {
+  if (mode_ == Mox::U8()) return;
+  mode_ = Mox::U8();
+  handleMode();
+  notify<Notifiee>([](Notifiee& notifiee) { notifiee.onMode(); });
+}
+
 Mox::Ptr<Status> statusFactory(const Mox::Name& name) {
   return Mox::Ptr<Status>(new Status(name));
 }

@@ -118,7 +118,14 @@ class Status : public Mox::Entity {
   // Runs the onLeaf(key) hooks without a change.
   void leafNotify(const Mox::Name& key) const;
 
+  // Acted on by the entity itself before its notifiees hear of it.
+  Mox::U8 mode() const { return mode_; }
+  virtual void modeIs(Mox::U8 mode);
+  // Back to the default value.
+  virtual void modeDel();
+
   U32 total() const;
+  virtual void handleMode();
 
  protected:
   explicit Status(const Mox::Name& name);
@@ -135,6 +142,7 @@ class Status : public Mox::Entity {
   std::map<Mox::U32, Values::Part> pending_;
   PendingMetadata pendingMetadata_;
   std::map<Mox::Name, Mox::Ptr<Leaf>> leaf_;
+  Mox::U8 mode_{};
 };
 
 // Watches one Status; each hook runs after a real change of its attribute.
@@ -154,6 +162,7 @@ class Status::Notifiee : public Mox::Entity::NotifieeBase {
   virtual void onSaved(Mox::U16) {}
   virtual void onPending(Mox::U32) {}
   virtual void onLeaf(const Mox::Name&) {}
+  virtual void onMode() {}
 
  protected:
   Notifiee() = default;

@@ -1,0 +1,54 @@
+// Attributes with a handler: the entity's own member runs after each real change, before
+// the notifiees' hooks, and a handler that throws keeps the hooks from running.
+
+#include <ModelTest/Handlers.mox.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace ModelTest {
+
+void Switch::handleState() {
+  handledInc();
+  if (refuse()) throw Mox::RangeException("refused");
+}
+
+namespace {
+
+struct Recorder : Switch::Notifiee {
+  explicit Recorder(Switch* entity) { notifierIs(entity); }
+  void onState() override { events.push_back("state " + std::to_string(notifier()->state())); }
+  void onHandled() override { events.push_back("handled"); }
+  std::vector<std::string> events;
+};
+
+using Events = std::vector<std::string>;
+
+TEST(ModelHandler, RunsOnRealChangesBeforeTheHooks) {
+  Mox::Ptr<Switch> entity = switchFactory("switch");
+  Recorder recorder(entity.get());
+  entity->stateIs(3);
+  entity->stateIs(3);
+  entity->stateDel();
+  entity->stateDel();
+  EXPECT_EQ(recorder.events, (Events{"handled", "state 3", "handled", "state 0"}));
+  EXPECT_EQ(entity->handled(), 2u);
+}
+
+TEST(ModelHandler, AThrowingHandlerKeepsTheValueAndSkipsTheHooks) {
+  Mox::Ptr<Switch> entity = switchFactory("switch");
+  Recorder recorder(entity.get());
+  entity->refuseIs(true);
+  EXPECT_THROW(entity->stateIs(7), Mox::RangeException);
+  EXPECT_EQ(entity->state(), 7);
+  EXPECT_EQ(recorder.events, (Events{"handled"}));
+  // The entity stays usable: later changes notify as usual.
+  entity->refuseIs(false);
+  entity->stateIs(8);
+  EXPECT_EQ(recorder.events, (Events{"handled", "handled", "state 8"}));
+}
+
+}  // namespace
+}  // namespace ModelTest
