@@ -68,64 +68,67 @@ std::string rangeMessage(F&& f) {
 
 // --- notification -------------------------------------------------------------------------
 
-TEST(ModelsNotify, ScalarsNotifyOnlyOnRealChange) {
-  auto counters = countersFactory("c");
-  Recorder recorder(counters.get());
-  counters->hitsIs(5);
-  counters->hitsIs(5);
-  counters->hitsInc(0);
-  counters->hitsInc(2);
-  counters->missesInc();
-  EXPECT_EQ(recorder.take(), (Events{"hits", "hits", "misses"}));
-  EXPECT_EQ(counters->hits(), 7u);
-  EXPECT_EQ(counters->misses(), 1u);
+class ModelsNotify : public ::testing::Test {
+ protected:
+  Mox::Ptr<Counters> counters_ = countersFactory("c");
+  Recorder recorder_{counters_.get()};
+};
 
-  counters->hitsDel();
-  counters->hitsDel();
-  EXPECT_EQ(counters->hits(), 0u);
-  counters->limitDel();  // already at its model default
-  counters->limitIs(7);
-  counters->limitDel();
-  EXPECT_EQ(counters->limit(), 100u);
-  EXPECT_EQ(recorder.take(), (Events{"hits", "limit", "limit"}));
+TEST_F(ModelsNotify, ScalarsNotifyOnlyOnRealChange) {
+  counters_->hitsIs(5);
+  counters_->hitsIs(5);
+  counters_->hitsInc(0);
+  counters_->hitsInc(2);
+  counters_->missesInc();
+  EXPECT_EQ(recorder_.take(), (Events{"hits", "hits", "misses"}));
+  EXPECT_EQ(counters_->hits(), 7u);
+  EXPECT_EQ(counters_->misses(), 1u);
+
+  counters_->hitsDel();
+  counters_->hitsDel();
+  EXPECT_EQ(counters_->hits(), 0u);
+  counters_->limitDel();  // already at its model default
+  counters_->limitIs(7);
+  counters_->limitDel();
+  EXPECT_EQ(counters_->limit(), 100u);
+  EXPECT_EQ(counters_->mode(), Counters::Mode::connecting);
+  counters_->modeIs(Counters::Mode::connected);
+  counters_->modeIs(Counters::Mode::connected);
+  EXPECT_EQ(recorder_.take(), (Events{"hits", "limit", "limit", "mode"}));
 }
 
-TEST(ModelsNotify, MapNotifiesPerKeyOnRealChange) {
-  auto counters = countersFactory("c");
-  Recorder recorder(counters.get());
-  counters->entryIs(Label("b"), entryOf(1, "x"));
-  counters->entryIs(Label("b"), entryOf(1, "x"));
-  counters->entryIs(Label("a"), entryOf(2, "y"));
-  counters->entryIs(Label("b"), entryOf(3, "z"));
+TEST_F(ModelsNotify, MapNotifiesPerKeyOnRealChange) {
+  counters_->entryIs(Label("b"), entryOf(1, "x"));
+  counters_->entryIs(Label("b"), entryOf(1, "x"));
+  counters_->entryIs(Label("a"), entryOf(2, "y"));
+  counters_->entryIs(Label("b"), entryOf(3, "z"));
   // newX keeps what is there and answers it.
-  EXPECT_EQ(counters->newEntry(Label("a"), entryOf(0, "ignored")), entryOf(2, "y"));
-  EXPECT_EQ(counters->newEntry(Label("c"), entryOf(0, "c")), entryOf(0, "c"));
-  counters->entryDel(Label("absent"));
-  counters->entryNotify(Label("a"));
-  EXPECT_EQ(recorder.take(), (Events{"entry b", "entry a", "entry b", "entry c", "entry a"}));
+  EXPECT_EQ(counters_->newEntry(Label("a"), entryOf(0, "ignored")), entryOf(2, "y"));
+  EXPECT_EQ(counters_->newEntry(Label("c"), entryOf(0, "c")), entryOf(0, "c"));
+  counters_->entryDel(Label("absent"));
+  counters_->entryNotify(Label("a"));
+  EXPECT_EQ(recorder_.take(), (Events{"entry b", "entry a", "entry b", "entry c", "entry a"}));
 
-  EXPECT_EQ(counters->entry(Label("b")), entryOf(3, "z"));
-  EXPECT_EQ(counters->entry(Label("absent")), Entry());
+  EXPECT_EQ(counters_->entry(Label("b")), entryOf(3, "z"));
+  EXPECT_EQ(counters_->entry(Label("absent")), Entry());
   std::vector<std::string> keys;
-  for (const auto& [key, entry] : counters->entryColl()) keys.push_back(key.value());
+  for (const auto& [key, entry] : counters_->entryColl()) keys.push_back(key.value());
   EXPECT_EQ(keys, (std::vector<std::string>{"a", "b", "c"}));
 
-  counters->entryDel(Label("b"));
-  counters->entryDelAll();
-  EXPECT_EQ(counters->entrySize(), 0u);
-  EXPECT_EQ(recorder.take(), (Events{"entry b", "entry a", "entry c"}));
+  counters_->entryDel(Label("b"));
+  counters_->entryDelAll();
+  EXPECT_EQ(counters_->entrySize(), 0u);
+  EXPECT_EQ(recorder_.take(), (Events{"entry b", "entry a", "entry c"}));
 }
 
-TEST(ModelsNotify, CollectionKeyedByValueAttribute) {
-  auto counters = countersFactory("c");
-  Recorder recorder(counters.get());
-  counters->entryByKeyIs(entryOf(2, "first"));
-  counters->entryByKeyIs(entryOf(2, "second"));  // same key: replaces
-  counters->newEntryByKey(entryOf(2, "third"));  // present: kept
-  counters->entryByKeyDel(PartKey(1));
-  EXPECT_EQ(counters->entryByKeySize(), 1u);
-  EXPECT_EQ(counters->entryByKey(PartKey(2)).label(), Label("second"));
-  EXPECT_EQ(recorder.take(), (Events{"entryByKey 2", "entryByKey 2"}));
+TEST_F(ModelsNotify, CollectionKeyedByValueAttribute) {
+  counters_->entryByKeyIs(entryOf(2, "first"));
+  counters_->entryByKeyIs(entryOf(2, "second"));  // same key: replaces
+  counters_->newEntryByKey(entryOf(2, "third"));  // present: kept
+  counters_->entryByKeyDel(PartKey(1));
+  EXPECT_EQ(counters_->entryByKeySize(), 1u);
+  EXPECT_EQ(counters_->entryByKey(PartKey(2)).label(), Label("second"));
+  EXPECT_EQ(recorder_.take(), (Events{"entryByKey 2", "entryByKey 2"}));
 }
 
 // A notifiee that changes the collection from inside its hook sees each removal once.
@@ -139,62 +142,57 @@ class Deleter : public Counters::Notifiee {
   std::vector<Mox::U32> seen;
 };
 
-TEST(ModelsNotify, HooksMayChangeTheCollectionTheyWatch) {
-  auto counters = countersFactory("c");
-  for (Mox::U32 key : {1, 2, 3, 5}) counters->flagIs(key, true);
-  Deleter deleter(counters.get());
-  counters->flagDelAll();
-  EXPECT_EQ(counters->flagSize(), 0u);
+TEST_F(ModelsNotify, HooksMayChangeTheCollectionTheyWatch) {
+  for (Mox::U32 key : {1, 2, 3, 5}) counters_->flagIs(key, true);
+  Deleter deleter(counters_.get());
+  counters_->flagDelAll();
+  EXPECT_EQ(counters_->flagSize(), 0u);
   // Removing 1 deletes 2 from the hook, whose hook deletes 3 (then the absent 4); 5 is
   // still removed once, and its hook finds no 6.
   EXPECT_EQ(deleter.seen, (std::vector<Mox::U32>{1, 2, 3, 5}));
 }
 
-TEST(ModelsNotify, ArrayEndsAtItsLastEntry) {
-  auto counters = countersFactory("c");
-  Recorder recorder(counters.get());
-  counters->slotIs(PartKey(2), Label("two"));
-  counters->slotIs(PartKey(0), Label("zero"));
-  counters->slotIs(PartKey(1), Label());  // default over default: no change
-  EXPECT_EQ(counters->slotSize(), 3u);
-  EXPECT_EQ(counters->slot(PartKey(1)), Label());
-  EXPECT_EQ(counters->slot(PartKey(3)), Label());
-  counters->slotDel(PartKey(2));
-  EXPECT_EQ(counters->slotSize(), 1u);
-  counters->slotDel(PartKey(3));
-  counters->slotIs(PartKey(3), Label("three"));
-  counters->slotDelAll();
-  EXPECT_EQ(counters->slotSize(), 0u);
-  EXPECT_EQ(recorder.take(), (Events{"slot 2", "slot 0", "slot 2", "slot 3", "slot 0", "slot 3"}));
+TEST_F(ModelsNotify, ArrayEndsAtItsLastEntry) {
+  counters_->slotIs(PartKey(2), Label("two"));
+  counters_->slotIs(PartKey(0), Label("zero"));
+  counters_->slotIs(PartKey(1), Label());  // default over default: no change
+  EXPECT_EQ(counters_->slotSize(), 3u);
+  EXPECT_EQ(counters_->slot(PartKey(1)), Label());
+  EXPECT_EQ(counters_->slot(PartKey(3)), Label());
+  counters_->slotDel(PartKey(2));
+  EXPECT_EQ(counters_->slotSize(), 1u);
+  counters_->slotDel(PartKey(3));
+  counters_->slotIs(PartKey(3), Label("three"));
+  counters_->slotDelAll();
+  EXPECT_EQ(counters_->slotSize(), 0u);
+  EXPECT_EQ(recorder_.take(), (Events{"slot 2", "slot 0", "slot 2", "slot 3", "slot 0", "slot 3"}));
 
   auto other = countersFactory("other");
-  counters->packetIs(65535, other);
-  EXPECT_EQ(counters->packetSize(), 65536u);
-  EXPECT_EQ(counters->packet(65535), other);
-  counters->packetDelAll();
+  counters_->packetIs(65535, other);
+  EXPECT_EQ(counters_->packetSize(), 65536u);
+  EXPECT_EQ(counters_->packet(65535), other);
+  counters_->packetDelAll();
   EXPECT_EQ(other->references(), 1u);
 }
 
-TEST(ModelsNotify, QueueIsFirstInFirstOutBySequence) {
-  auto counters = countersFactory("c");
-  Recorder recorder(counters.get());
-  EXPECT_EQ(counters->pendingDeq(), Entry());
-  EXPECT_EQ(counters->pendingEnq(entryOf(0, "a")), 1u);
-  EXPECT_EQ(counters->pendingEnq(entryOf(0, "b")), 2u);
-  EXPECT_EQ(counters->pendingEnq(entryOf(0, "c")), 3u);
-  EXPECT_EQ(counters->pendingMetadata(), (Mox::QueueMetadata{1, 4}));
-  EXPECT_EQ(counters->pendingDeq().label(), Label("a"));
-  EXPECT_EQ(counters->pendingMetadata().head, 2u);
-  counters->pendingDel(2);
-  EXPECT_EQ(counters->pendingMetadata(), (Mox::QueueMetadata{3, 4}));
-  counters->pendingIs(3, entryOf(0, "c"));  // unchanged
-  counters->pendingIs(9, entryOf(0, "i"));
-  EXPECT_EQ(counters->pendingEnq(entryOf(0, "j")), 10u);
-  EXPECT_EQ(counters->pending(9).label(), Label("i"));
-  EXPECT_EQ(counters->pendingDeq().label(), Label("c"));
-  counters->pendingDelAll();
-  EXPECT_EQ(counters->pendingMetadata(), (Mox::QueueMetadata{11, 11}));
-  EXPECT_EQ(recorder.take(),
+TEST_F(ModelsNotify, QueueIsFirstInFirstOutBySequence) {
+  EXPECT_EQ(counters_->pendingDeq(), Entry());
+  EXPECT_EQ(counters_->pendingEnq(entryOf(0, "a")), 1u);
+  EXPECT_EQ(counters_->pendingEnq(entryOf(0, "b")), 2u);
+  EXPECT_EQ(counters_->pendingEnq(entryOf(0, "c")), 3u);
+  EXPECT_EQ(counters_->pendingMetadata(), (Mox::QueueMetadata{1, 4}));
+  EXPECT_EQ(counters_->pendingDeq().label(), Label("a"));
+  EXPECT_EQ(counters_->pendingMetadata().head, 2u);
+  counters_->pendingDel(2);
+  EXPECT_EQ(counters_->pendingMetadata(), (Mox::QueueMetadata{3, 4}));
+  counters_->pendingIs(3, entryOf(0, "c"));  // unchanged
+  counters_->pendingIs(9, entryOf(0, "i"));
+  EXPECT_EQ(counters_->pendingEnq(entryOf(0, "j")), 10u);
+  EXPECT_EQ(counters_->pending(9).label(), Label("i"));
+  EXPECT_EQ(counters_->pendingDeq().label(), Label("c"));
+  counters_->pendingDelAll();
+  EXPECT_EQ(counters_->pendingMetadata(), (Mox::QueueMetadata{11, 11}));
+  EXPECT_EQ(recorder_.take(),
             (Events{"pending 1", "pending 2", "pending 3", "pending 1", "pending 2", "pending 9",
                     "pending 10", "pending 3", "pending 9", "pending 10"}));
 }
@@ -206,11 +204,10 @@ class LeafWatcher : public Dir::Notifiee {
   std::vector<std::string> seen;
 };
 
-TEST(ModelsNotify, ChildEntitiesAreMadeOncePerKey) {
+TEST_F(ModelsNotify, ChildEntitiesAreMadeOncePerKey) {
   auto dir = dirFactory("dir");
   LeafWatcher watcher(dir.get());
   auto a = dir->newLeaf("a");
-  EXPECT_EQ(a->name(), "a");
   EXPECT_EQ(dir->newLeaf("a"), a);  // present: the same child, no hook
   dir->newLeaf("b");
   EXPECT_EQ(dir->leaf("a"), a);
@@ -234,14 +231,12 @@ TEST(ModelsNotify, ChildEntitiesAreMadeOncePerKey) {
 
 TEST(ModelsDerived, NotifieeOfDerivedEntityHearsBaseAndOwnHooks) {
   auto special = specialFactory("s", 3);
-  EXPECT_EQ(special->name(), "s");
   EXPECT_EQ(special->weight(), 3u);
   Recorder recorder(special.get());
   special->hitsInc();
   special->extraIs("more");
   special->extraIs("more");
   EXPECT_EQ(recorder.take(), (Events{"hits", "extra"}));
-  EXPECT_EQ(recorder.notifier(), special.get());
 }
 
 // Hand-written behaviour derives from the generated class and overrides its virtual setters.
@@ -277,7 +272,6 @@ class OnHandWatcher : public OnHand::Notifiee {
 
 TEST(ModelsDerived, ModelEntityOnAHandWrittenBase) {
   auto onHand = onHandFactory("hand", 9);
-  EXPECT_EQ(onHand->name(), "hand");
   EXPECT_EQ(onHand->size(), 9u);
   OnHandWatcher watcher(onHand.get());
   onHand->poke();
@@ -309,7 +303,6 @@ TEST(ModelsBounds, MessagesNameTheTypeAndTheBound) {
             "Desc::typeId > Expr @Shapes.mox:" + modelLineOf("entity Desc(") + " not allowed");
   EXPECT_EQ(rangeMessage([] { descFactory(126, "Et")->minPartIs(0); }),
             "Desc::minPart < 1 not allowed");
-  EXPECT_EQ(PartKey::max(), 3u);
   EXPECT_EQ(Ttl().value(), 1u);  // a bounded value starts at its minimum
 }
 
@@ -347,10 +340,14 @@ TEST(ModelsText, EnumerationUsesItsTextTable) {
   std::ostringstream os;
   os << Source::evpn;
   EXPECT_EQ(os.str(), "evpn");
+  // Nested in an entity, with a text of its own.
+  EXPECT_EQ(valueToStrep(Counters::Mode::connected), "up");
+  EXPECT_EQ(Mox::valueFromText<Counters::Mode>("idle", "bad"), Counters::Mode::idle);
+  EXPECT_EQ(rangeMessage([] { Mox::valueFromText<Counters::Mode>("down", "bad"); }), "bad");
 }
 
-TEST(ModelsText, CompositeValueForm) {
-  Entry entry(PartKey(3), Label("it's"), Source::cli, 0.5, Part(4, false, '/'));
+TEST(ModelsText, CompositeValueFormAndFailedParseChangesNothing) {
+  const Entry entry(PartKey(3), Label("it's"), Source::cli, 0.5, Part(4, false, '/'));
   const std::string text =
       "Value('ModelTest::Entry', ** {'key': 3, 'label': 'it\\'s', 'source': command line, "
       "'weight': 0.5, 'part': Value('ModelTest::Part', ** {'size': 4, 'zeroBased': False, "
@@ -360,28 +357,19 @@ TEST(ModelsText, CompositeValueForm) {
   Entry parsed;
   parsed.stringValueIs(text);
   EXPECT_EQ(parsed, entry);
-  EXPECT_EQ(valueToStrep(Label("a'b")), "'a\\'b'");
   EXPECT_EQ(Label("a'b").stringValue(), "a'b");
-}
 
-TEST(ModelsText, FailedParseChangesNothing) {
-  const Entry before = entryOf(1, "keep");
-  const std::string good = before.stringValue();
-  for (const std::string& bad :
-       {good.substr(0, good.size() - 1), std::string("Value('ModelTest::Part', ** {})"),
-        // A bound is part of parsing: key 4 is out of range.
-        std::string("Value('ModelTest::Entry', ** {'key': 4, 'label': 'k', 'source': evpn, "
-                    "'weight': 0, 'part': Value('ModelTest::Part', ** {'size': 8, "
-                    "'zeroBased': True, 'separator': '.'})})")}) {
-    Entry entry = before;
-    EXPECT_THROW(entry.stringValueIs(bad), Mox::RangeException) << bad;
-    EXPECT_EQ(entry, before);
+  std::string keyOutOfRange = text;  // a bound is part of parsing
+  keyOutOfRange.replace(keyOutOfRange.find("'key': 3"), 8, "'key': 4");
+  for (const std::string& bad : {text.substr(0, text.size() - 1), keyOutOfRange,
+                                 std::string("Value('ModelTest::Part', ** {})")}) {
+    EXPECT_THROW(parsed.stringValueIs(bad), Mox::RangeException) << bad;
     Mox::TextIter it = bad.data();
-    EXPECT_THROW(sequenceToValue(it, bad.data() + bad.size(), &entry), Mox::RangeException);
+    EXPECT_THROW(sequenceToValue(it, bad.data() + bad.size(), &parsed), Mox::RangeException);
     EXPECT_EQ(it, bad.data());
-    EXPECT_EQ(entry, before);
+    EXPECT_EQ(parsed, entry);
   }
-  EXPECT_EQ(rangeMessage([&] { Entry().stringValueIs(good + " "); }), "Invalid Entry");
+  EXPECT_EQ(rangeMessage([&] { parsed.stringValueIs(text + " "); }), "Invalid Entry");
 }
 
 Entry randomEntry(std::mt19937& random) {
@@ -395,34 +383,9 @@ Entry randomEntry(std::mt19937& random) {
                Part(byte(random) % 33, byte(random) % 2, static_cast<char>(byte(random))));
 }
 
-TEST(ModelsText, RandomValuesRoundTrip) {
-  std::mt19937 random(20261121);
-  for (int i = 0; i < 2000; ++i) {
-    const Entry entry = randomEntry(random);
-    Entry parsed;
-    parsed.stringValueIs(entry.stringValue());
-    ASSERT_EQ(parsed, entry) << entry;
-  }
-}
-
-TEST(ModelsText, NestedEnumeration) {
-  auto counters = countersFactory("c");
-  EXPECT_EQ(counters->mode(), Counters::Mode::connecting);
-  Recorder recorder(counters.get());
-  counters->modeIs(Counters::Mode::connected);
-  counters->modeIs(Counters::Mode::connected);
-  EXPECT_EQ(recorder.take(), (Events{"mode"}));
-  EXPECT_EQ(valueToStrep(counters->mode()), "up");
-  EXPECT_EQ(Mox::valueFromText<Counters::Mode>("idle", "bad"), Counters::Mode::idle);
-  EXPECT_EQ(rangeMessage([] { Mox::valueFromText<Counters::Mode>("down", "bad"); }), "bad");
-}
-
 TEST(ModelsText, FlagsOfAnIntegerValue) {
-  EXPECT_EQ(rangeMessage([] { Options(16); }), "Options::value > 0xf not allowed");
   Options options(0x5);
-  EXPECT_TRUE(options.txTtl());
-  EXPECT_FALSE(options.txDs());
-  EXPECT_TRUE(options.rxMinTtl());
+  EXPECT_TRUE(options.txTtl() && !options.txDs() && options.rxMinTtl());
   options.txTtlIs(false);
   options.md5AuthIs(true);
   EXPECT_EQ(options.value(), 0xcu);
@@ -461,7 +424,7 @@ TEST(ModelsOrder, LexicographicByAttributesInModelOrder) {
   EXPECT_LT(Source::evpn, Source::cli);
 }
 
-TEST(ModelsHash, EqualValuesHashEqualAndOthersSpread) {
+TEST(ModelsText, RandomValuesRoundTripAndHashEqual) {
   std::mt19937 random(11);
   std::set<Mox::U32> hashes;
   std::set<Entry> entries;
@@ -469,12 +432,12 @@ TEST(ModelsHash, EqualValuesHashEqualAndOthersSpread) {
     const Entry entry = randomEntry(random);
     Entry copy;
     copy.stringValueIs(entry.stringValue());
-    ASSERT_EQ(copy.hash(), entry.hash());
+    ASSERT_EQ(copy, entry) << entry;
     ASSERT_EQ(std::hash<Entry>()(copy), entry.hash());
     entries.insert(entry);
     hashes.insert(entry.hash());
   }
-  EXPECT_GE(hashes.size() + 5, entries.size());
+  EXPECT_GE(hashes.size() + 5, entries.size());  // different values spread
   // Each attribute takes part in the hash.
   const Entry base = entryOf(1, "x");
   Entry other = base;

@@ -67,20 +67,22 @@ class Recorder : public Bell {
 
 class Entity : public ::testing::Test {
  protected:
+  std::unique_ptr<Recorder> recorder(std::string label) {
+    return std::make_unique<Recorder>(std::move(label), &calls_, door_.get());
+  }
+
   bool destroyed_ = false;
   Mox::Ptr<Door> door_ = Mox::make<Door>("front", &destroyed_);
   Calls calls_;
 };
 
 TEST_F(Entity, NotifieeHoldsItsNotifier) {
-  EXPECT_EQ(door_->name(), "front");
-  auto a = std::make_unique<Recorder>("a", &calls_, door_.get());
+  auto a = recorder("a");
   EXPECT_EQ(door_->references(), 2u);
   bool otherDestroyed = false;
   Mox::Ptr<Door> other = Mox::make<Door>("back", &otherDestroyed);
   a->notifierIs(other.get());
   EXPECT_EQ(door_->notifieeCount(), 0u);
-  EXPECT_EQ(other->notifieeCount(), 1u);
   EXPECT_EQ(door_->references(), 1u);
   EXPECT_EQ(a->notifier(), other.get());
   a.reset();
@@ -89,10 +91,7 @@ TEST_F(Entity, NotifieeHoldsItsNotifier) {
 }
 
 TEST_F(Entity, DetachSelfAndDeleteAnotherDuringNotification) {
-  auto a = std::make_unique<Recorder>("a", &calls_, door_.get());
-  auto b = std::make_unique<Recorder>("b", &calls_, door_.get());
-  auto c = std::make_unique<Recorder>("c", &calls_, door_.get());
-  auto d = std::make_unique<Recorder>("d", &calls_, door_.get());
+  auto a = recorder("a"), b = recorder("b"), c = recorder("c"), d = recorder("d");
   b->reaction = [&] {
     b->notifierIs(nullptr);
     c.reset();               // not yet notified in this walk: must not be called
@@ -106,39 +105,24 @@ TEST_F(Entity, DetachSelfAndDeleteAnotherDuringNotification) {
   EXPECT_THAT(calls_, ElementsAre("d"));
 }
 
-TEST_F(Entity, AttachedDuringNotificationHearsFromTheNextOne) {
-  auto a = std::make_unique<Recorder>("a", &calls_, door_.get());
+TEST_F(Entity, AttachedOrReattachedDuringNotificationHearsFromTheNextOne) {
+  auto a = recorder("a"), b = recorder("b");
   std::unique_ptr<Recorder> late;
   a->reaction = [&] {
-    if (!late) late = std::make_unique<Recorder>("late", &calls_, door_.get());
-  };
-  door_->open();
-  EXPECT_THAT(calls_, ElementsAre("a"));
-  door_->open();
-  EXPECT_THAT(calls_, ElementsAre("a", "a", "late"));
-  EXPECT_EQ(door_->notifieeCount(), 2u);
-}
-
-TEST_F(Entity, ReattachedDuringNotificationIsNotCalledTwice) {
-  auto a = std::make_unique<Recorder>("a", &calls_, door_.get());
-  auto b = std::make_unique<Recorder>("b", &calls_, door_.get());
-  bool moved = false;
-  a->reaction = [&] {
-    if (std::exchange(moved, true)) return;
+    if (late) return;
+    late = recorder("late");
     b->notifierIs(nullptr);
     b->notifierIs(door_.get());  // moves to the end of the list
   };
   door_->open();
   EXPECT_THAT(calls_, ElementsAre("a"));
-  EXPECT_EQ(door_->notifieeCount(), 2u);
-  calls_.clear();
   door_->open();
-  EXPECT_THAT(calls_, ElementsAre("a", "b"));
+  EXPECT_THAT(calls_, ElementsAre("a", "a", "late", "b"));
+  EXPECT_EQ(door_->notifieeCount(), 3u);
 }
 
 TEST_F(Entity, LastReferenceDroppedDuringNotification) {
-  auto a = std::make_unique<Recorder>("a", &calls_, door_.get());
-  auto b = std::make_unique<Recorder>("b", &calls_, door_.get());
+  auto a = recorder("a"), b = recorder("b");
   Door* door = door_.get();
   bool destroyedDuringWalk = true;
   a->reaction = [&] {
@@ -154,9 +138,7 @@ TEST_F(Entity, LastReferenceDroppedDuringNotification) {
 }
 
 TEST_F(Entity, NestedNotificationDetachesSafely) {
-  auto a = std::make_unique<Recorder>("a", &calls_, door_.get());
-  auto b = std::make_unique<Recorder>("b", &calls_, door_.get());
-  auto c = std::make_unique<Recorder>("c", &calls_, door_.get());
+  auto a = recorder("a"), b = recorder("b"), c = recorder("c");
   bool nested = false;
   a->reaction = [&] {
     if (std::exchange(nested, true)) return;

@@ -46,11 +46,6 @@ void writeByte(int fd) {
   ASSERT_EQ(write(fd, "x", 1), 1);
 }
 
-void readByte(int fd) {
-  char byte;
-  ASSERT_EQ(read(fd, &byte, 1), 1);
-}
-
 // Counts notifications and runs an optional action from inside them.
 struct Counter : FileDescriptor::Notifiee {
   explicit Counter(const Ptr<FileDescriptor>& fd) { notifierIs(fd); }
@@ -78,6 +73,7 @@ class FileDescriptorTest : public ::testing::Test {
     pipe_[0] = -1;
     return fd;
   }
+  void writeByte() { ::writeByte(pipe_[1]); }
   void turns(int count) {
     for (int i = 0; i < count; ++i) Mox::runOnce();
   }
@@ -87,93 +83,73 @@ class FileDescriptorTest : public ::testing::Test {
 
 // --- ownership ---
 
-TEST_F(FileDescriptorTest, TakesOverAsNonBlockingAndClosesOnDestruction) {
-  const int raw = pipe_[0];
-  ASSERT_FALSE(fcntl(raw, F_GETFL) & O_NONBLOCK);
+TEST_F(FileDescriptorTest, TakesOverAsNonBlockingAndClosesWhatItLetsGo) {
+  const int first = pipe_[0], second = pipe_[1];
+  ASSERT_FALSE(fcntl(first, F_GETFL) & O_NONBLOCK);
   auto fd = readEnd();
-  EXPECT_EQ(fd->descriptor(), raw);
   EXPECT_TRUE(fd->nonBlocking());
-  EXPECT_TRUE(fcntl(raw, F_GETFL) & O_NONBLOCK);
-  fd = nullptr;
-  EXPECT_FALSE(isOpen(raw));
-}
-
-TEST_F(FileDescriptorTest, TakingAnotherDescriptorClosesTheFirst) {
-  const int first = pipe_[0];
-  auto fd = readEnd();
-  const int second = pipe_[1];
+  EXPECT_TRUE(fcntl(first, F_GETFL) & O_NONBLOCK);
   fd->descriptorIs(second);
   pipe_[1] = -1;
   EXPECT_FALSE(isOpen(first));
   EXPECT_EQ(fd->descriptor(), second);
-  fd->descriptorIs(-1);
+  fd = nullptr;
   EXPECT_FALSE(isOpen(second));
-  EXPECT_EQ(fd->descriptor(), -1);
-  EXPECT_FALSE(fd->nonBlocking());
 }
 
-TEST_F(FileDescriptorTest, BadDescriptorThrowsNamingTheStep) {
-  auto fd = Mox::make<FileDescriptor>("bad");
-  try {
-    fd->descriptorIs(1 << 20);
-    FAIL() << "no exception";
-  } catch (const Mox::ErrnoException& e) {
-    EXPECT_STREQ(e.what(), "fcntl(O_NONBLOCK)");
-    EXPECT_EQ(e.errorNumber(), EBADF);
-  }
-  EXPECT_EQ(fd->descriptor(), -1);
-}
-
-TEST_F(FileDescriptorTest, UnwatchableDescriptorIsClosedAndReported) {
+// A refused descriptor is closed, leaves the object empty and names the failing step.
+TEST_F(FileDescriptorTest, RefusedDescriptorThrowsNamingTheStep) {
   // epoll refuses regular files (and memfds) with EPERM.
   const int file = memfd_create("korva-fd-test", MFD_CLOEXEC);
   ASSERT_GE(file, 0);
-  auto fd = Mox::make<FileDescriptor>("file");
-  try {
-    fd->descriptorIs(file);
-    FAIL() << "no exception";
-  } catch (const Mox::ErrnoException& e) {
-    EXPECT_STREQ(e.what(), "epoll_ctl(EPOLL_CTL_ADD)");
-    EXPECT_EQ(e.errorNumber(), EPERM);
+  const struct {
+    int descriptor;
+    const char* step;
+    int error;
+  } cases[] = {{1 << 20, "fcntl(O_NONBLOCK)", EBADF}, {file, "epoll_ctl(EPOLL_CTL_ADD)", EPERM}};
+  for (const auto& c : cases) {
+    auto fd = Mox::make<FileDescriptor>("refused");
+    try {
+      fd->descriptorIs(c.descriptor);
+      ADD_FAILURE() << "no exception for " << c.step;
+    } catch (const Mox::ErrnoException& e) {
+      EXPECT_STREQ(e.what(), c.step);
+      EXPECT_EQ(e.errorNumber(), c.error);
+    }
+    EXPECT_EQ(fd->descriptor(), -1);
   }
   EXPECT_FALSE(isOpen(file));
-  EXPECT_EQ(fd->descriptor(), -1);
 }
 
 // --- readiness ---
 
-TEST_F(FileDescriptorTest, LevelTriggeredCountsEveryTurnUntilRead) {
+TEST_F(FileDescriptorTest, LevelCountsEveryTurnUntilReadEdgeOncePerArrival) {
   auto fd = readEnd();
   Counter counter(fd);
   turns(2);
   EXPECT_EQ(fd->readableCount(), 0u);
-  writeByte(pipe_[1]);
+  writeByte();
   turns(3);
-  EXPECT_EQ(fd->readableCount(), 3u);
   EXPECT_EQ(counter.readable, 3);
-  readByte(fd->descriptor());
+  char byte;
+  ASSERT_EQ(read(fd->descriptor(), &byte, 1), 1);
   turns(2);
   EXPECT_EQ(fd->readableCount(), 3u);
-  EXPECT_EQ(fd->writableCount(), 0u);
-}
-
-TEST_F(FileDescriptorTest, EdgeTriggeredCountsOncePerArrival) {
-  auto fd = readEnd();
   fd->edgeTriggeredIs(true);
   EXPECT_FALSE(fd->levelTriggered());
-  writeByte(pipe_[1]);
-  turns(3);
-  EXPECT_EQ(fd->readableCount(), 1u);
-  writeByte(pipe_[1]);
-  turns(3);
-  EXPECT_EQ(fd->readableCount(), 2u);
+  for (unsigned expected : {4u, 5u}) {
+    writeByte();
+    turns(3);
+    EXPECT_EQ(fd->readableCount(), expected);
+  }
   // Back to level: the unread bytes are reported again at once.
   fd->edgeTriggeredIs(false);
   turns(2);
-  EXPECT_EQ(fd->readableCount(), 4u);
+  EXPECT_EQ(fd->readableCount(), 7u);
+  EXPECT_EQ(fd->writableCount(), 0u);
 }
 
-TEST_F(FileDescriptorTest, WritableOnlyWhileSwitchedOn) {
+TEST_F(FileDescriptorTest, WritableOnlyWhileSwitchedOnAndRearmedWhenSwitchedOnAgain) {
   int pair[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
   auto fd = Mox::make<FileDescriptor>("socket", pair[0]);
@@ -183,47 +159,26 @@ TEST_F(FileDescriptorTest, WritableOnlyWhileSwitchedOn) {
   EXPECT_EQ(fd->writableCount(), 0u);
   fd->notifyOnWritableIs(true);
   turns(2);
-  EXPECT_EQ(fd->writableCount(), 2u);
   EXPECT_EQ(counter.writable, 2);
   fd->notifyOnWritableIs(false);
   turns(2);
   EXPECT_EQ(fd->writableCount(), 2u);
-  EXPECT_EQ(fd->readableCount(), 0u);
-}
-
-TEST_F(FileDescriptorTest, EdgeTriggeredWritableRearmsWhenSwitchedOnAgain) {
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  auto fd = Mox::make<FileDescriptor>("socket", pair[0]);
-  auto peer = Mox::make<FileDescriptor>("peer", pair[1]);
   fd->edgeTriggeredIs(true);
-  fd->notifyOnWritableIs(true);
-  turns(3);
-  EXPECT_EQ(fd->writableCount(), 1u);
-  fd->notifyOnWritableIs(false);
-  fd->notifyOnWritableIs(true);
-  turns(3);
-  EXPECT_EQ(fd->writableCount(), 2u);
-}
-
-TEST_F(FileDescriptorTest, ReadableOffLeavesTheLoop) {
-  auto& manager = *Mox::ActivityManagerConfig::current();
-  const size_t before = manager.watchedDescriptorCount();
-  auto fd = readEnd();
-  EXPECT_EQ(manager.watchedDescriptorCount(), before + 1);
-  writeByte(pipe_[1]);
-  fd->notifyOnReadableIs(false);
-  EXPECT_EQ(manager.watchedDescriptorCount(), before);
-  turns(2);
+  for (int expected : {3, 4}) {
+    fd->notifyOnWritableIs(true);
+    turns(3);
+    EXPECT_EQ(fd->writableCount(), unsigned(expected));
+    fd->notifyOnWritableIs(false);
+  }
   EXPECT_EQ(fd->readableCount(), 0u);
-  fd->notifyOnReadableIs(true);
-  turns(1);
-  EXPECT_EQ(fd->readableCount(), 1u);
 }
 
 TEST_F(FileDescriptorTest, KernelWatchesExactlyWhatIsAskedFor) {
+  auto& manager = *Mox::ActivityManagerConfig::current();
+  const size_t before = manager.watchedDescriptorCount();
   auto fd = readEnd();
   const int raw = fd->descriptor();
+  EXPECT_EQ(manager.watchedDescriptorCount(), before + 1);
   EXPECT_EQ(kernelWatchedEvents(raw), EPOLLIN | EPOLLRDHUP);
   fd->notifyOnWritableIs(true);
   EXPECT_EQ(kernelWatchedEvents(raw), EPOLLIN | EPOLLRDHUP | EPOLLOUT);
@@ -233,8 +188,15 @@ TEST_F(FileDescriptorTest, KernelWatchesExactlyWhatIsAskedFor) {
   EXPECT_EQ(kernelWatchedEvents(raw), long(EPOLLOUT | EPOLLET));
   fd->notifyOnWritableIs(false);
   EXPECT_EQ(kernelWatchedEvents(raw), -1);
+  EXPECT_EQ(manager.watchedDescriptorCount(), before);
+  // What arrived while nothing was watched is reported once watched again.
+  writeByte();
+  turns(2);
+  EXPECT_EQ(fd->readableCount(), 0u);
   fd->notifyOnReadableIs(true);
   EXPECT_EQ(kernelWatchedEvents(raw), long(EPOLLIN | EPOLLRDHUP | EPOLLET));
+  turns(2);
+  EXPECT_EQ(fd->readableCount(), 1u);
   fd->descriptorIs(-1);
   EXPECT_EQ(kernelWatchedEvents(raw), -1);
 }
@@ -251,25 +213,19 @@ TEST_F(FileDescriptorTest, HangUpIsReportedAsReadable) {
 
 // --- notifiees ---
 
-TEST_F(FileDescriptorTest, NotifieeDetachingItselfMissesOnlyLaterNotifications) {
+TEST_F(FileDescriptorTest, NotifieesDetachedDuringNotificationMissOnlyWhatComesAfter) {
   auto fd = readEnd();
-  Counter leaver(fd), stayer(fd);
-  leaver.onReadable = [&] { leaver.notifierIs(nullptr); };
-  writeByte(pipe_[1]);
+  Counter leaver(fd), stayer(fd), dropped(fd);
+  leaver.onReadable = [&] {
+    leaver.notifierIs(nullptr);
+    dropped.notifierIs(nullptr);  // not yet notified in this turn: must not be
+  };
+  writeByte();
   turns(2);
   EXPECT_EQ(leaver.readable, 1);
   EXPECT_EQ(stayer.readable, 2);
+  EXPECT_EQ(dropped.readable, 0);
   EXPECT_EQ(fd->notifieeCount(), 1u);
-}
-
-TEST_F(FileDescriptorTest, NotifieeDetachingAnotherStopsItAtOnce) {
-  auto fd = readEnd();
-  Counter first(fd), second(fd);
-  first.onReadable = [&] { second.notifierIs(nullptr); };
-  writeByte(pipe_[1]);
-  turns(1);
-  EXPECT_EQ(first.readable, 1);
-  EXPECT_EQ(second.readable, 0);
 }
 
 TEST_F(FileDescriptorTest, DescriptorDestroyedByAnEarlierReactorOfTheSameTurnIsSkipped) {
@@ -290,8 +246,8 @@ TEST_F(FileDescriptorTest, DescriptorDestroyedByAnEarlierReactorOfTheSameTurnIsS
   };
   onA.onReadable = [&] { destroy(b, onB); };
   onB.onReadable = [&] { destroy(a, onA); };
-  writeByte(pipe_[1]);
-  writeByte(other[1]);
+  writeByte();
+  ::writeByte(other[1]);
   turns(1);
   EXPECT_EQ(onA.readable + onB.readable, 1);
   ASSERT_TRUE(replacement);
@@ -308,7 +264,7 @@ TEST_F(FileDescriptorTest, ReactorDroppingTheLastReferenceEndsCleanly) {
     fd = nullptr;
     counter->notifierIs(nullptr);
   };
-  writeByte(pipe_[1]);
+  writeByte();
   turns(1);
   EXPECT_EQ(counter->readable, 1);
   EXPECT_FALSE(isOpen(raw));
