@@ -80,6 +80,9 @@ ActivityManagerConfig::~ActivityManagerConfig() {
 void ActivityManagerConfig::run() {
   while (!stopRequested_.load(std::memory_order_relaxed)) turn(kNever);
   stopRequested_.store(false, std::memory_order_relaxed);
+  // A stop() made from a reactor or before run() leaves its wake-up unread; consume it so
+  // the next run or turn does not take an extra turn for it.
+  drainWakeup();
 }
 
 void ActivityManagerConfig::stop() noexcept {
