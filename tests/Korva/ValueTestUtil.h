@@ -1,5 +1,5 @@
 #pragma once
-// Helpers shared by the address test suites.
+// Helpers shared by the value-type test suites.
 
 #include <Mox/Exception.h>
 #include <Mox/Types.h>
@@ -9,12 +9,12 @@
 
 namespace KorvaTest {
 
-// The RangeException text `f` raises, or "no exception".
-template <class F>
-std::string rangeFailure(F&& f) {
+// The text of the `E` that `f` raises, or "no exception".
+template <class E = Mox::RangeException, class F>
+std::string failureText(F&& f) {
   try {
     f();
-  } catch (const Mox::RangeException& e) {
+  } catch (const E& e) {
     return e.what();
   }
   return "no exception";
@@ -25,14 +25,23 @@ std::string rangeFailure(F&& f) {
 template <class T>
 std::string parseFailure(std::string_view text, const T& before = T()) {
   T value = before;
-  std::string failure = rangeFailure([&] { value.stringValueIs(text); });
+  std::string failure = failureText([&] { value.stringValueIs(text); });
   if (failure != "no exception" && !(value == before)) return "value changed: " + failure;
   return failure;
 }
 
-// The hash mix applied independently of the library: the six steps as written out.
+// `text` read by stringValueIs, for types without a text constructor.
+template <class T>
+T parsed(std::string_view text) {
+  T value;
+  value.stringValueIs(text);
+  return value;
+}
+
+// Thomas Wang's 32-bit integer hash in its shift-and-add spelling, written independently of
+// the library's mix.
 inline Mox::U32 referenceMix(Mox::U32 w) {
-  w = (w << 15) - w - 1;
+  w = ~w + (w << 15);
   w = w ^ (w >> 12);
   w = w + (w << 2);
   w = w ^ (w >> 4);
