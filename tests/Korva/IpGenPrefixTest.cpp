@@ -21,6 +21,7 @@ using Korva::IpGenAddrWithMask;
 using Korva::IpGenPrefix;
 using Korva::IpGenPrefixBase;
 using Korva::Prefix;
+using KorvaTest::expectPredicate;
 using KorvaTest::failureText;
 using KorvaTest::parseFailure;
 
@@ -162,19 +163,17 @@ TEST(IpGenPrefixPredicates, ContainsAndOverlapsWithinTheFamily) {
 }
 
 TEST(IpGenPrefixPredicates, Validity) {
+  using P = IpGenPrefix;
   EXPECT_TRUE(IpGenPrefix(Prefix(IpAddr(1, 2, 3, 4), Prefix::nullPrefixLen)).validAsPrefix());
   EXPECT_TRUE(IpGenPrefix(Ip6Prefix::nullPrefix()).validAsPrefix());
   EXPECT_FALSE(IpGenPrefix().validAsPrefix());
-  EXPECT_TRUE(prefix("0.0.0.0/0").isDefaultRoutePrefix());
-  EXPECT_TRUE(prefix("::/0").isDefaultRoutePrefix());
-  EXPECT_FALSE(prefix("10.0.0.0/8").isDefaultRoutePrefix());
-  EXPECT_TRUE(prefix("::1").isHost());
-  EXPECT_FALSE(prefix("::/64").isHost());
-  EXPECT_TRUE(prefix("224.0.0.0/4").isMulticast());
-  EXPECT_TRUE(prefix("127.0.0.0/8").isLoopback());
-  EXPECT_TRUE(prefix("fe80::/64").isLinkLocal());
-  EXPECT_TRUE(prefix("::/0").isUnspecified());
-  EXPECT_TRUE(prefix("240.0.0.0/4").isReserved());
+  expectPredicate<P>(&P::isDefaultRoutePrefix, {"0.0.0.0/0", "::/0"}, {"10.0.0.0/8"});
+  expectPredicate<P>(&P::isHost, {"1.2.3.4", "::1"}, {"::/64"});
+  expectPredicate<P>(&P::isMulticast, {"224.0.0.0/4"});
+  expectPredicate<P>(&P::isLoopback, {"127.0.0.0/8"});
+  expectPredicate<P>(&P::isLinkLocal, {"fe80::/64"});
+  expectPredicate<P>(&P::isUnspecified, {"::/0"});
+  expectPredicate<P>(&P::isReserved, {"240.0.0.0/4"});
 }
 
 TEST(IpGenPrefixPredicates, ConstructorsAndConversions) {
@@ -300,18 +299,19 @@ TEST(IpGenPrefixFailures, ReaderTexts) {
 }
 
 TEST(IpGenPrefixFailures, ConstructorTexts) {
-  EXPECT_EQ(failureText([] { IpGenPrefix(IpAddr(10, 1, 1, 1), 33); }),
-            "Invalid IPv4 Prefix Length");
-  EXPECT_EQ(failureText([] { IpGenPrefix(IpAddr(10, 1, 1, 1), 24); }),
-            "Invalid prefix - Non-zero after prefix length");
-  EXPECT_EQ(failureText([] { IpGenPrefix(Ip6Addr("2001:db8::1"), 64); }),
-            "Invalid prefix - Non-zero after prefix length");
-  EXPECT_EQ(failureText([] { IpGenPrefix(Ip6Addr("2001:db8::"), 129); }),
-            "Invalid IPv6 Prefix Length");
-  EXPECT_EQ(failureText([] { IpGenPrefix(gen("2001:db8::"), 129); }), "Invalid IPv6 Prefix Length");
-  EXPECT_EQ(failureText([] { IpGenPrefix(gen("10.0.0.0"), 33); }), "Invalid IPv4 Prefix Length");
-  EXPECT_EQ(failureText([] { IpGenAddrWithMask(IpAddr(), 33); }), "Invalid IPv4 Prefix Length");
-  EXPECT_EQ(failureText([] { IpGenAddrWithMask(Ip6Addr(), 129); }), "Invalid IPv6 Prefix Length");
+  const std::pair<void (*)(), const char*> cases[] = {
+      {[] { IpGenPrefix(IpAddr(10, 1, 1, 1), 33); }, "Invalid IPv4 Prefix Length"},
+      {[] { IpGenPrefix(gen("10.0.0.0"), 33); }, "Invalid IPv4 Prefix Length"},
+      {[] { IpGenAddrWithMask(IpAddr(), 33); }, "Invalid IPv4 Prefix Length"},
+      {[] { IpGenPrefix(Ip6Addr("2001:db8::"), 129); }, "Invalid IPv6 Prefix Length"},
+      {[] { IpGenPrefix(gen("2001:db8::"), 129); }, "Invalid IPv6 Prefix Length"},
+      {[] { IpGenAddrWithMask(Ip6Addr(), 129); }, "Invalid IPv6 Prefix Length"},
+      {[] { IpGenPrefix(IpAddr(10, 1, 1, 1), 24); },
+       "Invalid prefix - Non-zero after prefix length"},
+      {[] { IpGenPrefix(Ip6Addr("2001:db8::1"), 64); },
+       "Invalid prefix - Non-zero after prefix length"},
+  };
+  for (const auto& [construct, message] : cases) EXPECT_EQ(failureText(construct), message);
   EXPECT_NO_THROW(IpGenAddrWithMask(gen("10.1.1.1"), 24));
 }
 

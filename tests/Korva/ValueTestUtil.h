@@ -4,6 +4,10 @@
 #include <Mox/Exception.h>
 #include <Mox/Types.h>
 
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <source_location>
 #include <string>
 #include <string_view>
 
@@ -36,6 +40,17 @@ T parsed(std::string_view text) {
   T value;
   value.stringValueIs(text);
   return value;
+}
+
+// `predicate` holds for the values read from each text of `yes` and for none of `no`;
+// failures name the caller's line.
+template <class T>
+void expectPredicate(bool (T::*predicate)() const, std::initializer_list<const char*> yes,
+                     std::initializer_list<const char*> no = {},
+                     std::source_location where = std::source_location::current()) {
+  ::testing::ScopedTrace trace(where.file_name(), where.line(), "");
+  for (const char* text : yes) EXPECT_TRUE((T(text).*predicate)()) << text;
+  for (const char* text : no) EXPECT_FALSE((T(text).*predicate)()) << text;
 }
 
 // Thomas Wang's 32-bit integer hash in its shift-and-add spelling, written independently of
