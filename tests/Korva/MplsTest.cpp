@@ -224,28 +224,27 @@ TEST(MplsOperationImplicitNull, PushDropsThemPopAndSwapEmptyTheStack) {
 
 // --- smush ---
 
-TEST(MplsSmush, MergesTheInnerPushBelow) {
-  MplsLabelOperation outer = push({16}, false, true);
-  EXPECT_EQ(outer.smush(push({17, 18}, true)),
-            SmushResult(SmushError(0), BoundedMplsLabelStackResult()));
-  EXPECT_EQ(outer, push({16, 17, 18}, true, true));
-}
-
-TEST(MplsSmush, ReportsWhatItCouldNotTakeOver) {
-  MplsLabelOperation outer = push({16}, true);
-  SmushResult result = outer.smush(push({17}, true, true));
-  EXPECT_TRUE(result.smushError.badControlWord());
-  EXPECT_TRUE(result.smushError.badEntropyLabel());
-  EXPECT_TRUE(result.stackResult.success());
-  EXPECT_EQ(outer, push({16, 17}, true));
-}
-
-TEST(MplsSmush, StackRefusalLeavesTheStackButKeepsTheFlags) {
-  MplsLabelOperation outer = push({10, 11, 12, 13, 14});
-  SmushResult result = outer.smush(push({20, 21}, true));
-  EXPECT_EQ(result.stackResult.stackError(), Error::STACK_FULL);
-  EXPECT_EQ(result.smushError, SmushError());
-  EXPECT_EQ(outer, push({10, 11, 12, 13, 14}, true));
+// The inner push goes below the outer one; flags the outer push cannot take over are
+// reported, and a refused stack is left alone while the flags still move.
+TEST(MplsSmush, MergesTheInnerPushBelowAndReportsWhatItCouldNotTakeOver) {
+  struct Case {
+    MplsLabelOperation outer, inner;
+    U32 smushError;
+    Error stackError;
+    MplsLabelOperation after;
+  };
+  const std::vector<U32> five = {10, 11, 12, 13, 14};
+  Case cases[] = {
+      {push({16}, false, true), push({17, 18}, true), 0, Error::SUCCESS,
+       push({16, 17, 18}, true, true)},
+      {push({16}, true), push({17}, true, true), 3, Error::SUCCESS, push({16, 17}, true)},
+      {push(five), push({20, 21}, true), 0, Error::STACK_FULL, push(five, true)},
+  };
+  for (Case& c : cases) {
+    EXPECT_EQ(c.outer.smush(c.inner),
+              SmushResult(SmushError(c.smushError), BoundedMplsLabelStackResult(c.stackError)));
+    EXPECT_EQ(c.outer, c.after);
+  }
 }
 
 TEST(MplsSmush, OnlyPushes) {
@@ -263,6 +262,7 @@ TEST(MplsSmush, ErrorBitsAreBounded) {
   SmushError error;
   error.badEntropyLabelIs(true);
   EXPECT_EQ(error.value(), 2u);
+  EXPECT_TRUE(SmushError(1).badControlWord());
   std::ostringstream os;
   os << error;
   EXPECT_EQ(os.str(), "SmushError(badEntropyLabel)");
