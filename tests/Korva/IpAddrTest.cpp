@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cctype>
 #include <random>
 #include <sstream>
@@ -197,14 +196,10 @@ TEST(IpAddrOrder, RelationsAgreeWithHostNumbers) {
 }
 
 TEST(PrefixOrder, MoreSpecificFirst) {
-  std::vector<Prefix> prefixes = {prefix("11.0.0.0/8"),  prefix("10.0.0.0/8"),
-                                  prefix("10.1.0.0/16"), prefix("0.0.0.0/0"),
-                                  prefix("10.1.2.3/32"), prefix("9.0.0.0/8")};
-  std::sort(prefixes.begin(), prefixes.end());
-  std::vector<std::string> texts;
-  for (const Prefix& p : prefixes) texts.push_back(p.stringValue());
-  EXPECT_EQ(texts, (std::vector<std::string>{"9.0.0.0/8", "10.1.2.3/32", "10.1.0.0/16",
-                                             "10.0.0.0/8", "11.0.0.0/8", "0.0.0.0/0"}));
+  EXPECT_EQ(KorvaTest::sortedTexts<Prefix>({"11.0.0.0/8", "10.0.0.0/8", "10.1.0.0/16", "0.0.0.0/0",
+                                            "10.1.2.3/32", "9.0.0.0/8"}),
+            (std::vector<std::string>{"9.0.0.0/8", "10.1.2.3/32", "10.1.0.0/16", "10.0.0.0/8",
+                                      "11.0.0.0/8", "0.0.0.0/0"}));
   const Prefix p = prefix("10.0.0.0/8");
   EXPECT_FALSE(p < p);
   EXPECT_TRUE(p <= p);

@@ -98,17 +98,12 @@ TEST(IpGenPrefixBaseParse, GenericForm) {
 // --- order ---
 
 TEST(IpGenPrefixOrder, FamilyThenMoreSpecificFirst) {
-  std::vector<IpGenPrefix> prefixes;
-  for (const char* text : {"2001:db8::/32", "10.0.0.0/8", "::/0", "10.1.0.0/16", "11.0.0.0/8",
-                           "2001:db8:1::/48", "0.0.0.0/0"}) {
-    prefixes.push_back(prefix(text));
-  }
-  std::sort(prefixes.begin(), prefixes.end());
-  std::vector<std::string> texts;
-  for (const IpGenPrefix& p : prefixes) texts.push_back(p.stringValue());
-  EXPECT_EQ(texts, (std::vector<std::string>{"10.1.0.0/16", "10.0.0.0/8", "11.0.0.0/8", "0.0.0.0/0",
-                                             "2001:db8:1::/48", "2001:db8::/32", "::/0"}));
-  EXPECT_FALSE(prefixes[0] < prefixes[0]);
+  EXPECT_EQ(
+      KorvaTest::sortedTexts<IpGenPrefix>({"2001:db8::/32", "10.0.0.0/8", "::/0", "10.1.0.0/16",
+                                           "11.0.0.0/8", "2001:db8:1::/48", "0.0.0.0/0"}),
+      (std::vector<std::string>{"10.1.0.0/16", "10.0.0.0/8", "11.0.0.0/8", "0.0.0.0/0",
+                                "2001:db8:1::/48", "2001:db8::/32", "::/0"}));
+  EXPECT_FALSE(prefix("::/0") < prefix("::/0"));
   const IpGenPrefixBase a(gen("10.0.0.0"), 8), b(gen("10.0.0.0"), 16), c(gen("::"), 0);
   EXPECT_LT(IpGenPrefixBase(), a);
   EXPECT_LT(a, b);

@@ -6,10 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <initializer_list>
 #include <source_location>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace KorvaTest {
 
@@ -51,6 +53,16 @@ void expectPredicate(bool (T::*predicate)() const, std::initializer_list<const c
   ::testing::ScopedTrace trace(where.file_name(), where.line(), "");
   for (const char* text : yes) EXPECT_TRUE((T(text).*predicate)()) << text;
   for (const char* text : no) EXPECT_FALSE((T(text).*predicate)()) << text;
+}
+
+// The texts read as `T`, sorted by its order and printed again.
+template <class T>
+std::vector<std::string> sortedTexts(std::initializer_list<const char*> texts) {
+  std::vector<T> values(texts.begin(), texts.end());
+  std::sort(values.begin(), values.end());
+  std::vector<std::string> printed;
+  for (const T& value : values) printed.push_back(value.stringValue());
+  return printed;
 }
 
 // Thomas Wang's 32-bit integer hash in its shift-and-add spelling, written independently of
