@@ -10,8 +10,12 @@
 #include <sstream>
 #include <unordered_set>
 
+#include "ValueTestUtil.h"
+
 namespace Korva {
 namespace {
+
+using KorvaTest::failureText;
 
 EthAddr randomEthAddr(std::mt19937_64& rng) {
   U64 bits = rng();
@@ -20,41 +24,34 @@ EthAddr randomEthAddr(std::mt19937_64& rng) {
   return EthAddr::fromBuffer(bytes);
 }
 
-std::string failureText(auto&& action) {
-  try {
-    action();
-  } catch (const Mox::RangeException& e) {
-    return e.what();
-  }
-  return "no exception";
-}
-
 // --- parse ---
 
-TEST(EthAddrParse, AllThreeSeparatorsGiveTheSameAddress) {
-  const EthAddr expected(0x0011, 0x2233, 0x4455);
-  EXPECT_EQ(EthAddr("00:11:22:33:44:55"), expected);
-  EXPECT_EQ(EthAddr("00-11-22-33-44-55"), expected);
-  EXPECT_EQ(EthAddr("0011.2233.4455"), expected);
-  EXPECT_EQ(EthAddr("0:11:22:33:44:55"), expected);
-  EXPECT_EQ(EthAddr("11.2233.4455"), expected);
+TEST(EthAddrParse, SeparatorsCaseAndDigitCounts) {
+  const std::pair<const char*, EthAddr> cases[] = {
+      {"00:11:22:33:44:55", EthAddr(0x0011, 0x2233, 0x4455)},
+      {"00-11-22-33-44-55", EthAddr(0x0011, 0x2233, 0x4455)},
+      {"0011.2233.4455", EthAddr(0x0011, 0x2233, 0x4455)},
+      {"11.2233.4455", EthAddr(0x0011, 0x2233, 0x4455)},
+      {"AA:bb:Cc:dD:0:1", EthAddr(0xaabb, 0xccdd, 0x0001)},
+      // Only the value is limited, not the number of digits.
+      {"00000000000000000000ff:1:2:3:4:5", EthAddr(0xff01, 0x0203, 0x0405)},
+      {"000000000000000ffff.1.2", EthAddr(0xffff, 0x0001, 0x0002)},
+  };
+  for (const auto& [text, expected] : cases) EXPECT_EQ(EthAddr(text), expected) << text;
 }
 
-TEST(EthAddrParse, DigitsOfEitherCaseAndAnyCount) {
-  EXPECT_EQ(EthAddr("AA:bb:Cc:dD:0:1"), EthAddr(0xaabb, 0xccdd, 0x0001));
-  EXPECT_EQ(EthAddr("0:1:2:3:4:5"), EthAddr(0x0001, 0x0203, 0x0405));
-  // Only the value is limited, not the number of digits.
-  EXPECT_EQ(EthAddr("00000000000000000000ff:1:2:3:4:5"), EthAddr(0xff01, 0x0203, 0x0405));
-  EXPECT_EQ(EthAddr("000000000000000ffff.1.2"), EthAddr(0xffff, 0x0001, 0x0002));
-}
-
-TEST(EthAddrParse, SequenceToValueStopsAfterTheLastField) {
+TEST(EthAddrParse, SequenceStopsAfterTheLastFieldOrLeavesAllAlone) {
   const std::string text = "00:11:22:33:44:55 rest";
   Mox::TextIter it = text.data();
   EthAddr addr;
   sequenceToValue(it, text.data() + text.size(), &addr);
   EXPECT_EQ(addr, EthAddr(0x0011, 0x2233, 0x4455));
   EXPECT_EQ(std::string(it), " rest");
+  const std::string bad = "00:11:22:33:44";
+  it = bad.data();
+  EXPECT_THROW(sequenceToValue(it, bad.data() + bad.size(), &addr), Mox::RangeException);
+  EXPECT_EQ(it, bad.data());
+  EXPECT_EQ(addr, EthAddr(0x0011, 0x2233, 0x4455));
 }
 
 TEST(EthAddrParse, RoundTripsRandomAddressesThroughEveryForm) {
@@ -86,21 +83,15 @@ TEST(EthAddrParse, AgreesWithGlibcEtherAtonAndNtoa) {
 
 // --- print ---
 
-TEST(EthAddrPrint, ColonAndDottedForms) {
+TEST(EthAddrPrint, ColonFormMatchesPrintfAndDottedForm) {
   EthAddr addr(0x0a1b, 0x2c3d, 0x4e5f);
-  EXPECT_EQ(addr.stringValue(), "0a:1b:2c:3d:4e:5f");
-  EXPECT_EQ(valueToStrep(addr), "0a:1b:2c:3d:4e:5f");
   EXPECT_EQ(addr.displayString(), "0a1b.2c3d.4e5f");
   std::ostringstream os;
   os << addr;
   EXPECT_EQ(os.str(), "0a:1b:2c:3d:4e:5f");
-  EXPECT_EQ(EthAddr().stringValue(), "00:00:00:00:00:00");
-}
-
-TEST(EthAddrPrint, MatchesPrintfFormat) {
   std::mt19937_64 rng(7);
   for (int i = 0; i < 1000; ++i) {
-    EthAddr addr = randomEthAddr(rng);
+    addr = randomEthAddr(rng);
     char text[32];
     std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", addr.byte(0), addr.byte(1),
                   addr.byte(2), addr.byte(3), addr.byte(4), addr.byte(5));
@@ -112,7 +103,6 @@ TEST(EthAddrPrint, MatchesPrintfFormat) {
 
 TEST(EthAddrAccess, WordsAndBytesShareWireOrder) {
   EthAddr addr(0x0011, 0x2233, 0x4455);
-  EXPECT_EQ(addr.word(1), 0x2233);
   EXPECT_EQ(addr.byte(2), 0x22);
   EXPECT_EQ(addr.oui(), 0x001122u);
   EXPECT_EQ(addr.station(), 0x334455u);
@@ -123,10 +113,6 @@ TEST(EthAddrAccess, WordsAndBytesShareWireOrder) {
   addr.byteDel(1);
   addr.wordDel(1);
   EXPECT_EQ(addr, EthAddr(0xfe00, 0x0000, 0xabcd));
-  unsigned char buffer[6];
-  addr.copyToBuffer(buffer);
-  EXPECT_EQ(EthAddr::fromBuffer(buffer), addr);
-  EXPECT_EQ(buffer[0], 0xfe);
 }
 
 TEST(EthAddrAccess, Eui64InsertsFfFfAndKeepsTheLocalBit) {
@@ -136,40 +122,24 @@ TEST(EthAddrAccess, Eui64InsertsFfFfAndKeepsTheLocalBit) {
 
 TEST(EthAddrAccess, IpMulticastGroupsMapToTheirLow23Bits) {
   EXPECT_EQ(ipMcastMacAddr(IpAddr("239.129.1.2")), EthAddr("01:00:5e:01:01:02"));
-  EXPECT_EQ(ipMcastMacAddr(IpAddr("224.0.0.1")), EthAddr("01:00:5e:00:00:01"));
-  EXPECT_EQ(ipMcastMacAddr(IpAddr("224.255.255.255")), EthAddr("01:00:5e:7f:ff:ff"));
   std::mt19937 rng(23);
   for (int i = 0; i < 10000; ++i) {
     unsigned char group[4] = {U8(224 + rng() % 16), U8(rng()), U8(rng()), U8(rng())};
     IpAddr addr(group[0], group[1], group[2], group[3]);
     const unsigned char expected[6] = {0x01, 0x00, 0x5e, U8(group[1] & 0x7f), group[2], group[3]};
     ASSERT_EQ(ipMcastMacAddr(addr), EthAddr::fromBuffer(expected));
-    ASSERT_TRUE(ipMcastMacAddr(addr).isMulticast());
   }
 }
 
 // --- predicates ---
 
 TEST(EthAddrPredicates, BroadcastUnicastMulticast) {
-  EthAddr broadcast("ff:ff:ff:ff:ff:ff");
-  EXPECT_TRUE(broadcast.isBroadcast());
-  EXPECT_FALSE(broadcast.isUnicast());
-  EXPECT_FALSE(broadcast.isMulticast());
-
-  EthAddr group("01:00:5e:00:00:01");
-  EXPECT_TRUE(group.isMulticast());
-  EXPECT_FALSE(group.isUnicast());
-  EXPECT_FALSE(group.isIp6Multicast());
-
-  EthAddr ip6Group("33:33:00:00:00:01");
-  EXPECT_TRUE(ip6Group.isIp6Multicast());
-  EXPECT_TRUE(ip6Group.isMulticast());
-
-  EthAddr station("00:11:22:33:44:55");
-  EXPECT_TRUE(station.isUnicast());
-  EXPECT_FALSE(station.isMulticast());
-  EXPECT_FALSE(station.isBroadcast());
-  EXPECT_FALSE(EthAddr("ff:ff:ff:ff:ff:fe").isBroadcast());
+  const char *broadcast = "ff:ff:ff:ff:ff:ff", *group = "01:00:5e:00:00:01",
+             *ip6Group = "33:33:00:00:00:01", *station = "00:11:22:33:44:55";
+  KorvaTest::expectPredicate<EthAddr>(&EthAddr::isBroadcast, {broadcast}, {"ff:ff:ff:ff:ff:fe"});
+  KorvaTest::expectPredicate<EthAddr>(&EthAddr::isUnicast, {station}, {broadcast, group});
+  KorvaTest::expectPredicate<EthAddr>(&EthAddr::isMulticast, {group, ip6Group}, {broadcast});
+  KorvaTest::expectPredicate<EthAddr>(&EthAddr::isIp6Multicast, {ip6Group}, {group});
 }
 
 // --- order ---
@@ -188,37 +158,21 @@ TEST(EthAddrOrder, FollowsTheBytesInWireOrder) {
     ASSERT_EQ(a > b, bytewise > 0);
     ASSERT_EQ(a >= b, bytewise >= 0);
     ASSERT_EQ(a == b, bytewise == 0);
-    ASSERT_EQ(a != b, bytewise != 0);
   }
-  EXPECT_LT(EthAddr("00:00:00:00:00:ff"), EthAddr("00:00:00:00:01:00"));
 }
 
 // --- hash ---
 
-// The mix written out step by step, independently of the library's constexpr version.
-U32 referenceMix(U32 w) {
-  w = (w << 15) - w - 1;
-  w ^= w >> 12;
-  w = (w << 2) + w;
-  w ^= w >> 4;
-  w = (w << 11) + (w << 3) + w;
-  w ^= w >> 16;
-  return w;
-}
-
-TEST(EthAddrHash, KnownValues) {
+TEST(EthAddrHash, FoldsTheWordsThenMixes) {
+  // Known values, worked out apart from the library.
   EXPECT_EQ(EthAddr("00:11:22:33:44:55").hash(), 0x5f36b40fu);
   EXPECT_EQ(EthAddr("ff:ff:ff:ff:ff:ff").hash(), 0x4d7a068au);
   EXPECT_EQ(EthAddr().hash(), 0xcaa3caa3u);
-  EXPECT_EQ(EthAddr("01:00:5e:00:00:01").hash(), 0x9e0b482bu);
-}
-
-TEST(EthAddrHash, FoldsTheWordsThenMixes) {
   std::mt19937_64 rng(13);
   for (int i = 0; i < 10000; ++i) {
     EthAddr a = randomEthAddr(rng);
     U32 folded = U32(a.word(0) ^ a.word(1)) << 16 | a.word(2);
-    ASSERT_EQ(a.hash(), referenceMix(folded));
+    ASSERT_EQ(a.hash(), KorvaTest::referenceMix(folded));
     ASSERT_EQ(std::hash<EthAddr>()(a), a.hash());
   }
 }
@@ -226,36 +180,13 @@ TEST(EthAddrHash, FoldsTheWordsThenMixes) {
 // --- failures ---
 
 TEST(EthAddrFailures, MalformedTextsAndValueIsKept) {
-  const char* bad[] = {"00:11:22:33:44",
-                       "00:11-22:33:44:55",
-                       "001122334455",
-                       "00:11:22:33:44:100",
-                       "00:11:22:33:44:55:66",
-                       "",
-                       ":11:22:33:44:55",
-                       "00:11:22:33:44:",
-                       "00_11_22_33_44_55",
-                       " 00:11:22:33:44:55",
-                       "00:11:22:33:44:55 ",
-                       "0011.2233.44556",
-                       "0011.2233",
-                       "10000.0.0",
-                       "00:11:22:33:44:g5",
-                       "0011.2233.4455.6677"};
-  for (const char* text : bad) {
-    EthAddr addr(0x0102, 0x0304, 0x0506);
-    EXPECT_EQ(failureText([&] { addr.stringValueIs(text); }), "Invalid EthAddr") << text;
-    EXPECT_EQ(addr, EthAddr(0x0102, 0x0304, 0x0506)) << text;
+  for (const char* text :
+       {"00:11:22:33:44", "00:11-22:33:44:55", "001122334455", "00:11:22:33:44:100",
+        "00:11:22:33:44:55:66", "", ":11:22:33:44:55", "00:11:22:33:44:", "00_11_22_33_44_55",
+        " 00:11:22:33:44:55", "00:11:22:33:44:55 ", "0011.2233.44556", "0011.2233", "10000.0.0",
+        "00:11:22:33:44:g5", "0011.2233.4455.6677"}) {
+    EXPECT_EQ(KorvaTest::parseFailure(text, EthAddr(1, 2, 3)), "Invalid EthAddr") << text;
   }
-}
-
-TEST(EthAddrFailures, SequenceToValueLeavesIteratorAndValue) {
-  const std::string text = "00:11:22:33:44";
-  Mox::TextIter it = text.data();
-  EthAddr addr(1, 2, 3);
-  EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &addr), Mox::RangeException);
-  EXPECT_EQ(it, text.data());
-  EXPECT_EQ(addr, EthAddr(1, 2, 3));
 }
 
 TEST(EthAddrFailures, IndexesOutOfRange) {
@@ -270,15 +201,15 @@ TEST(EthAddrFailures, IndexesOutOfRange) {
 
 TEST(Eui64, ParsesAndPrintsEightBytes) {
   Eui64 id("00:11:22:33:44:55:66:77");
-  EXPECT_EQ(id.stringValue(), "00:11:22:33:44:55:66:77");
   EXPECT_EQ(Eui64("0011.2233.4455.6677"), id);
   EXPECT_EQ(Eui64("0-11-22-33-44-55-66-77"), id);
   EXPECT_EQ(id.word(3), 0x6677);
-  EXPECT_EQ(id.byte(1), 0x11);
   id.wordIs(0, 0xabcd);
   EXPECT_EQ(valueToStrep(id), "ab:cd:22:33:44:55:66:77");
   id.byteDelAll();
   EXPECT_EQ(id, Eui64());
+  EXPECT_LT(Eui64("00:00:00:00:00:00:00:ff"), Eui64("00:00:00:00:00:00:01:00"));
+  EXPECT_GT(Eui64("01:00:00:00:00:00:00:00"), Eui64("00:ff:ff:ff:ff:ff:ff:ff"));
 }
 
 TEST(Eui64, RoundTripsRandomValues) {
@@ -297,18 +228,12 @@ TEST(Eui64, RoundTripsRandomValues) {
 }
 
 TEST(Eui64, FailuresKeepTheValue) {
-  Eui64 id("01:02:03:04:05:06:07:08");
+  const Eui64 before("01:02:03:04:05:06:07:08");
   // The shared reader reports its own failures in Ethernet terms; leftovers are Eui64's.
-  EXPECT_EQ(failureText([&] { id.stringValueIs("00:11:22:33:44:55"); }), "Invalid EthAddr");
-  EXPECT_EQ(failureText([&] { id.stringValueIs("00:11:22:33:44:55:66:77:88"); }), "Invalid Eui64");
-  EXPECT_EQ(failureText([&] { id.stringValueIs("0011.2233.4455.6677 "); }), "Invalid Eui64");
-  EXPECT_EQ(failureText([&] { id.byte(8); }), "Eui64::byte: index out of range");
-  EXPECT_EQ(id, Eui64("01:02:03:04:05:06:07:08"));
-}
-
-TEST(Eui64, OrderFollowsTheBytes) {
-  EXPECT_LT(Eui64("00:00:00:00:00:00:00:ff"), Eui64("00:00:00:00:00:00:01:00"));
-  EXPECT_GT(Eui64("01:00:00:00:00:00:00:00"), Eui64("00:ff:ff:ff:ff:ff:ff:ff"));
+  EXPECT_EQ(KorvaTest::parseFailure("00:11:22:33:44:55", before), "Invalid EthAddr");
+  EXPECT_EQ(KorvaTest::parseFailure("00:11:22:33:44:55:66:77:88", before), "Invalid Eui64");
+  EXPECT_EQ(KorvaTest::parseFailure("0011.2233.4455.6677 ", before), "Invalid Eui64");
+  EXPECT_EQ(failureText([&] { before.byte(8); }), "Eui64::byte: index out of range");
 }
 
 }  // namespace

@@ -1,14 +1,13 @@
 #include <Korva/IntfIdDesc.h>
 #include <Korva/KorvaUtils.h>
-#include <Mox/Exception.h>
 #include <Mox/Trace.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <set>
 
 #include "Korva/IntfIdTestSupport.h"
+#include "ValueTestUtil.h"
 
 namespace {
 
@@ -18,28 +17,18 @@ using Korva::IntfIdPart;
 using Korva::ShortPrefix;
 using Korva::U64;
 using Korva::U8;
-
-std::string rangeError(auto fn) {
-  try {
-    fn();
-    return "no exception";
-  } catch (const Mox::RangeException& e) {
-    return e.what();
-  }
-}
+using KorvaTest::failureText;
 
 // --- model values ---
 
 TEST(IntfIdDescValues, KeysAndShortPrefixRefuseOutOfRange) {
-  EXPECT_EQ(Korva::IntfIdPartKey(3).value(), 3);
-  EXPECT_EQ(rangeError([] { Korva::IntfIdPartKey(4); }),
+  EXPECT_EQ(failureText([] { Korva::IntfIdPartKey(4); }),
             "IntfIdPartKey::value < IntfIdPartKey::min or > IntfIdPartKey::max not allowed");
-  EXPECT_EQ(Korva::SubIntfIdKey(2).value(), 2);
-  EXPECT_EQ(rangeError([] { Korva::SubIntfIdKey(3); }),
+  EXPECT_EQ(failureText([] { Korva::SubIntfIdKey(3); }),
             "SubIntfIdKey::value < SubIntfIdKey::min or > SubIntfIdKey::max not allowed");
   EXPECT_EQ(ShortPrefix("Tun00").bytes(), 5u);
-  EXPECT_EQ(rangeError([] { ShortPrefix("Tunnel"); }), "ShortPrefix::bytes > 5 not allowed");
-  EXPECT_EQ(rangeError([] { Korva::IntfIdDesc(127, "Bad", 1); }),
+  EXPECT_EQ(failureText([] { ShortPrefix("Tunnel"); }), "ShortPrefix::bytes > 5 not allowed");
+  EXPECT_EQ(failureText([] { Korva::IntfIdDesc(127, "Bad", 1); }),
             "IntfIdDesc::typeId > Expr @IntfIdDesc.mox:66 not allowed");
 }
 
@@ -53,12 +42,6 @@ TEST(IntfIdDescValues, PartTextRoundTrips) {
   Korva::sequenceToValue(it, text.data() + text.size(), &read);
   EXPECT_EQ(read, part);
   EXPECT_EQ(it, text.data() + text.size());
-
-  ShortPrefix prefix;
-  const std::string quoted = Korva::valueToStrep(ShortPrefix("Et"));
-  it = quoted.data();
-  Korva::sequenceToValue(it, quoted.data() + quoted.size(), &prefix);
-  EXPECT_EQ(prefix, ShortPrefix("Et"));
 }
 
 // --- field access ---
@@ -74,7 +57,6 @@ TEST_F(IntfIdDescTest, GenericFieldsFollowTheLayout) {
   EXPECT_EQ(GenericIntfId::typeId(id), 1);
   EXPECT_EQ(GenericIntfId::subType(id), 0);
   EXPECT_EQ(GenericIntfId::part(id, 0), 100u);
-  EXPECT_EQ(GenericIntfId::part(id, 1), 1u);
   EXPECT_EQ(GenericIntfId::part(id, 2), 3u);
   EXPECT_EQ(GenericIntfId::part(id, 3), 0u);
   EXPECT_EQ(GenericIntfId::parts(id), 3);
@@ -83,7 +65,6 @@ TEST_F(IntfIdDescTest, GenericFieldsFollowTheLayout) {
   EXPECT_EQ(GenericIntfId::partIs(id, 2, 7).stringValue(), "Ethernet7/1.100");
   EXPECT_EQ(GenericIntfId::partIs(id, 0, 0).stringValue(), "Ethernet3/1");
   EXPECT_THROW(GenericIntfId::partIs(id, 1, 1024), Mox::RangeException);
-  EXPECT_EQ(GenericIntfId(std::string_view("Vlan5")), IntfId("Vlan5"));
 }
 
 TEST_F(IntfIdDescTest, TypeIdReplacementDropsTheUpperWord) {
@@ -96,10 +77,7 @@ TEST_F(IntfIdDescTest, TypeIdReplacementDropsTheUpperWord) {
   EXPECT_EQ(po.stringValue(), "Port-Channel7");  // the dot part now leads
   // Type ids with bit 6 set widen as a signed quantity.
   EXPECT_EQ(GenericIntfId::typeIdIs(vlan, 100).upper(), 0xFFFFFFFFu);
-}
-
-TEST_F(IntfIdDescTest, PrintingAnUnregisteredLayoutThrows) {
-  EXPECT_THROW(IntfId(U64(99) << 25).stringValue(), Mox::RangeException);
+  EXPECT_THROW(IntfId(U64(99) << 25).stringValue(), Mox::RangeException);  // no such layout
 }
 
 // --- plugins ---
@@ -172,15 +150,11 @@ TEST_F(IntfIdRegistration, TrieIsRebuiltOnEveryChange) {
   add(41, "Ethernets");
   add(42, "Tunnelx");
   add(43, "V");
-  EXPECT_EQ(IntfId("Eth1").stringValue(), "Eth1");
-  EXPECT_EQ(IntfId("Ethernets2").stringValue(), "Ethernets2");
-  EXPECT_EQ(IntfId("Tunnelx3").stringValue(), "Tunnelx3");
-  EXPECT_EQ(IntfId("V4").stringValue(), "V4");
-  EXPECT_EQ(IntfId("Ethernet5").stringValue(), "Ethernet5");
-  EXPECT_EQ(IntfId("Tunnel6").stringValue(), "Tunnel6");
-  EXPECT_EQ(IntfId("Vlan7").stringValue(), "Vlan7");
+  for (const char* name :
+       {"Eth1", "Ethernets2", "Tunnelx3", "V4", "Ethernet5", "Tunnel6", "Vlan7"}) {
+    EXPECT_EQ(IntfId(name).stringValue(), name);
+  }
   EXPECT_EQ(GenericIntfId::typeId(IntfId("Ethernets2")), 41);
-
   mgr->intfIdDescDel(41);
   EXPECT_THROW(IntfId("Ethernets2"), Mox::RangeException);
   EXPECT_EQ(IntfId("Eth1").stringValue(), "Eth1");
@@ -211,18 +185,12 @@ TEST_F(IntfIdRegistration, RegistrationIsTraced) {
   EXPECT_TRUE(capture.contains("Most unique character position "));
 }
 
-TEST_F(IntfIdRegistration, TakenTypeIdAbortsWithBothPrefixes) {
+TEST_F(IntfIdRegistration, ConflictsAbortWithTheirAssertionTexts) {
   EXPECT_DEATH(mgr->newIntfIdDesc(1, "Ether", 1),
                "typeId 1 prefix Ether already in use with prefix Ethernet\n"
                "Assertion \"0\" failed in Korva/IntfIdDesc.cpp");
-}
-
-TEST_F(IntfIdRegistration, TypeId127IsRefused) {
   EXPECT_DEATH(mgr->intfIdDescDel(127),
                "Assertion \"typeId <= intfIdDescMaxTypeId\\(\\)\" failed in Korva/IntfIdDesc.cpp");
-}
-
-TEST_F(IntfIdRegistration, ShortPrefixLongerThanLongPrefixAborts) {
   auto desc = add(46, "Ab");
   EXPECT_DEATH(
       desc->shortPrefixIs(ShortPrefix("Abc")),

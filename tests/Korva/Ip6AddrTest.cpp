@@ -1,4 +1,5 @@
 #include <Korva/Ip6Addr.h>
+#include <Korva/ValueHash.h>
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -7,21 +8,19 @@
 #include <cstring>
 #include <random>
 #include <sstream>
-#include <unordered_set>
 #include <vector>
 
-#include "IpTestUtil.h"
+#include "ValueTestUtil.h"
 
 namespace {
 
 using Korva::Ip6Addr;
-using Korva::Ip6AddrU8Key;
 using Korva::Ip6AddrWithFullMask;
 using Korva::Ip6AddrWithMask;
 using Korva::Ip6Prefix;
-using Korva::Ip6PrefixLen;
+using KorvaTest::expectPredicate;
+using KorvaTest::failureText;
 using KorvaTest::parseFailure;
-using KorvaTest::rangeFailure;
 using Mox::U32;
 
 Ip6Addr ip6(std::string_view text) {
@@ -44,48 +43,17 @@ in6_addr toIn6(const Ip6Addr& a) {
   return raw;
 }
 
-// MurmurHash3 x86_32 written out from the published algorithm, byte by byte.
-U32 referenceMurmur3(const unsigned char* data, size_t len, U32 seed) {
-  auto rotl = [](U32 x, int r) { return (x << r) | (x >> (32 - r)); };
-  U32 h = seed;
-  size_t i = 0;
-  for (; i + 4 <= len; i += 4) {
-    U32 k = data[i] | data[i + 1] << 8 | data[i + 2] << 16 | U32(data[i + 3]) << 24;
-    k = rotl(k * 0xcc9e2d51, 15) * 0x1b873593;
-    h = rotl(h ^ k, 13) * 5 + 0xe6546b64;
-  }
-  U32 k = 0;
-  for (size_t j = len - i; j > 0; --j) k = k << 8 | data[i + j - 1];
-  if (len > i) h ^= rotl(k * 0xcc9e2d51, 15) * 0x1b873593;
-  h ^= static_cast<U32>(len);
-  h = (h ^ (h >> 16)) * 0x85ebca6b;
-  h = (h ^ (h >> 13)) * 0xc2b2ae35;
-  return h ^ (h >> 16);
-}
-
-U32 referenceMurmur3(std::string_view text, U32 seed) {
-  return referenceMurmur3(reinterpret_cast<const unsigned char*>(text.data()), text.size(), seed);
-}
-
 // --- parse ---
 
-TEST(Ip6AddrParse, CompressedAndFullForms) {
-  EXPECT_EQ(ip6("::"), Ip6Addr());
-  EXPECT_EQ(ip6("::1"), Korva::ip6AddrLoopback);
-  EXPECT_EQ(ip6("1::"), Ip6Addr(1, 0, 0, 0, 0, 0, 0, 0));
-  EXPECT_EQ(ip6("1:2:3:4:5:6:7:8"), Ip6Addr(1, 2, 3, 4, 5, 6, 7, 8));
-  EXPECT_EQ(ip6("1::8"), Ip6Addr(1, 0, 0, 0, 0, 0, 0, 8));
-  EXPECT_EQ(ip6("1:2:3::6:7:8"), Ip6Addr(1, 2, 3, 0, 0, 6, 7, 8));
-  EXPECT_EQ(ip6("0000:0000:0000:0000:0000:0000:0000:0001"), Korva::ip6AddrLoopback);
-  EXPECT_EQ(ip6("FE80::1"), ip6("fe80::1"));
-  EXPECT_EQ(ip6("fe80::AbCd").u16(7), 0xabcd);
-}
-
-TEST(Ip6AddrParse, DottedTail) {
-  EXPECT_EQ(ip6("::ffff:10.1.2.3"), Ip6Addr(0, 0, 0, 0, 0, 0xffff, 0x0a01, 0x0203));
-  EXPECT_EQ(ip6("1:2:3:4:5:6:255.255.255.255"), Ip6Addr(1, 2, 3, 4, 5, 6, 0xffff, 0xffff));
-  EXPECT_EQ(ip6("::1.2.3.4"), Ip6Addr(0, 0, 0, 0, 0, 0, 0x0102, 0x0304));
-  EXPECT_EQ(ip6("64:ff9b::001.002.003.004"), Ip6Addr(0x64, 0xff9b, 0, 0, 0, 0, 0x0102, 0x0304));
+TEST(Ip6AddrParse, CompressedFullAndDottedForms) {
+  const std::pair<const char*, Ip6Addr> cases[] = {
+      {"1:2:3:4:5:6:7:8", Ip6Addr(1, 2, 3, 4, 5, 6, 7, 8)},
+      {"0000:0000:0000:0000:0000:0000:0000:0001", Korva::ip6AddrLoopback},
+      {"FE80::AbCd", Ip6Addr(0xfe80, 0, 0, 0, 0, 0, 0, 0xabcd)},
+      {"1:2:3:4:5:6:255.255.255.255", Ip6Addr(1, 2, 3, 4, 5, 6, 0xffff, 0xffff)},
+      {"64:ff9b::001.002.003.004", Ip6Addr(0x64, 0xff9b, 0, 0, 0, 0, 0x0102, 0x0304)},
+  };
+  for (const auto& [text, expected] : cases) EXPECT_EQ(ip6(text), expected) << text;
 }
 
 TEST(Ip6AddrParse, SequenceLeavesTheRestToTheCaller) {
@@ -95,6 +63,11 @@ TEST(Ip6AddrParse, SequenceLeavesTheRestToTheCaller) {
   Korva::sequenceToValue(it, text.data() + text.size(), &a);
   EXPECT_EQ(a, Ip6Addr(0x2001, 0xdb8, 0, 0, 0, 0, 0, 1));
   EXPECT_EQ(std::string_view(it), "/64 rest");
+  Ip6Prefix p;
+  it = text.data();
+  Korva::sequenceToValue(it, text.data() + text.size(), &p);
+  EXPECT_EQ(p.stringValue(), "2001:db8::1/64");  // a prefix is read without a host-bit check
+  EXPECT_EQ(std::string_view(it), " rest");
 }
 
 TEST(Ip6AddrParse, RandomRoundTrip) {
@@ -127,31 +100,9 @@ bool edgeGapWithEightColons(std::string_view text) {
 TEST(Ip6AddrParse, AgreesWithInetPton) {
   std::mt19937 rng(12);
   const std::string alphabet = "0123456789abcdefABCDEF::::::.../ g";
-  std::vector<std::string> inputs = {"",
-                                     "::",
-                                     ":::",
-                                     ":1::",
-                                     "1:",
-                                     "::1:",
-                                     "1::2::3",
-                                     "1:2:3:4:5:6:7",
-                                     "1:2:3:4:5:6:7:8:9",
-                                     "12345::",
-                                     "::ffff:10.1.2.300",
-                                     "::1.2.3",
-                                     "::1.2.3.4.5",
-                                     "1:2:3:4:5:6:7::",
-                                     "::1:2:3:4:5:6:7",
-                                     "1.2.3.4",
-                                     "::ffff:1.2.3.4:1",
-                                     "fffff::",
-                                     "::0.0.0.0",
-                                     "1:2:3:4:5:6:1.2.3.4",
-                                     "1::1.2.3.4",
-                                     " ::1",
-                                     "::1 ",
-                                     "::g",
-                                     "1:2:3:4:5:6:7:8 "};
+  std::vector<std::string> inputs = {
+      "",     ":::",     "::1:",    "::1.2.3.4.5",        "1.2.3.4", "::0.0.0.0", "1::1.2.3.4",
+      " ::1", "fffff::", "::1.2.3", "1:2:3:4:5:6:1.2.3.4"};
   for (int i = 0; i < 50000; ++i) {
     std::string text;
     const int size = 1 + rng() % 24;
@@ -174,43 +125,28 @@ TEST(Ip6AddrParse, AgreesWithInetPton) {
   for (const std::string& text : inputs) {
     in6_addr expected;
     const bool glibcAccepts = inet_pton(AF_INET6, text.c_str(), &expected) == 1;
-    const bool weAccept = parseFailure<Ip6Addr>(text) == "no exception";
+    const std::string failure = parseFailure<Ip6Addr>(text);
     if (glibcAccepts && edgeGapWithEightColons(text)) {
-      ASSERT_EQ(parseFailure<Ip6Addr>(text), "Ip6Addr: too many colons");
+      ASSERT_EQ(failure, "Ip6Addr: too many colons");
     } else if (glibcAccepts) {
       ++accepted;
-      ASSERT_TRUE(weAccept) << "[" << text << "]: " << parseFailure<Ip6Addr>(text);
+      ASSERT_EQ(failure, "no exception") << "[" << text << "]";
       unsigned char ours[16];
       ip6(text).copyToBuffer(ours);
       ASSERT_EQ(std::memcmp(ours, expected.s6_addr, 16), 0) << text;
-    } else if (weAccept) {
+    } else if (failure == "no exception") {
       ASSERT_TRUE(hasLeadingZeroDecimal(text)) << text;
     }
   }
   EXPECT_GT(accepted, 30000u);
 }
 
-TEST(Ip6AddrWithMaskParse, SlashIsOptional) {
+TEST(Ip6AddrWithMaskParse, SlashIsOptionalAndFullMasksRoundTrip) {
   EXPECT_EQ(Ip6AddrWithMask("2001:db8::").len(), 128u);
-  const Ip6AddrWithMask m("2001:db8::1/64");
-  EXPECT_EQ(m.address(), ip6("2001:db8::1"));
-  EXPECT_EQ(m.len(), 64u);
+  EXPECT_EQ(Ip6AddrWithMask("2001:db8::1/64"), Ip6AddrWithMask(ip6("2001:db8::1"), 64));
   EXPECT_EQ(Ip6AddrWithMask("::/0").len(), 0u);
-  EXPECT_EQ(Ip6AddrWithMask("::/128").len(), 128u);
-  // A prefix is read the same way and not checked.
-  EXPECT_EQ(Ip6Prefix("2001:db8::1/32").stringValue(), "2001:db8::1/32");
-  const std::string text = "fe80::/10 tail";
-  Mox::TextIter it = text.data();
-  Ip6Prefix p;
-  Korva::sequenceToValue(it, text.data() + text.size(), &p);
-  EXPECT_EQ(p, Korva::ip6LinkLocalPrefix);
-  EXPECT_EQ(std::string_view(it), " tail");
-}
-
-TEST(Ip6AddrWithFullMaskParse, AddressSlashMask) {
   const Ip6AddrWithFullMask m("2001:db8::1/ffff:0:ffff::");
-  EXPECT_EQ(m.address(), ip6("2001:db8::1"));
-  EXPECT_EQ(m.mask(), ip6("ffff:0:ffff::"));
+  EXPECT_EQ(m, Ip6AddrWithFullMask(ip6("2001:db8::1"), ip6("ffff:0:ffff::")));
   std::mt19937 rng(13);
   for (int i = 0; i < 1000; ++i) {
     const Ip6AddrWithFullMask v(randomIp6(rng), randomIp6(rng));
@@ -221,15 +157,7 @@ TEST(Ip6AddrWithFullMaskParse, AddressSlashMask) {
 
 // --- print ---
 
-TEST(Ip6AddrPrint, Compression) {
-  EXPECT_EQ(Ip6Addr().stringValue(), "::");
-  EXPECT_EQ(Korva::ip6AddrLoopback.stringValue(), "::1");
-  EXPECT_EQ(ip6("1:0:0:2:0:0:0:3").stringValue(), "1:0:0:2::3");
-  EXPECT_EQ(ip6("1:0:2:3:4:5:6:7").stringValue(), "1:0:2:3:4:5:6:7");
-  EXPECT_EQ(ip6("1:0:0:1:0:0:1:1").stringValue(), "1::1:0:0:1:1");
-  EXPECT_EQ(ip6("1:0:1:1:1:1:1:1").stringValue(), "1:0:1:1:1:1:1:1");
-  EXPECT_EQ(ip6("1:0:0:0:0:0:0:0").stringValue(), "1::");
-  EXPECT_EQ(ip6("FFFF:ABCD:0:0:1:0:0:0").stringValue(), "ffff:abcd:0:0:1::");
+TEST(Ip6AddrPrint, StreamsAndNeverADottedTail) {
   EXPECT_EQ(ip6("::ffff:10.1.2.3").stringValue(), "::ffff:a01:203");
   std::ostringstream os;
   os << ip6("2001:db8::1") << ' ' << Ip6AddrWithMask("2001:db8::/32");
@@ -260,12 +188,12 @@ TEST(Ip6AddrPrint, AgreesWithInetNtop) {
 }
 
 TEST(Ip6AddrWithFullMaskPrint, PrefixOrMaskForm) {
-  const Ip6Addr a = ip6("2001:db8::1");
-  EXPECT_EQ(Ip6AddrWithFullMask(a, ip6("ffff:ffff:ffff:ffff::")).stringValue(), "2001:db8::1/64");
-  EXPECT_EQ(Ip6AddrWithFullMask(a, ip6("ffff:0:ffff::")).stringValue(),
-            "2001:db8::1/ffff:0:ffff::");
-  EXPECT_EQ(Ip6AddrWithFullMask(a, Ip6Addr()).stringValue(), "2001:db8::1/0");
-  EXPECT_EQ(valueToStrep(Ip6AddrWithFullMask(a, ip6("ffff:fe00::"))), "2001:db8::1/23");
+  auto text = [](const char* mask) {
+    return Ip6AddrWithFullMask(ip6("2001:db8::1"), ip6(mask)).stringValue();
+  };
+  EXPECT_EQ(text("ffff:ffff:ffff:ffff::"), "2001:db8::1/64");
+  EXPECT_EQ(text("ffff:0:ffff::"), "2001:db8::1/ffff:0:ffff::");
+  EXPECT_EQ(text("::"), "2001:db8::1/0");
 }
 
 // --- order ---
@@ -283,26 +211,15 @@ TEST(Ip6AddrOrder, BytesAsABigEndianNumber) {
     ASSERT_EQ(a > b, cmp > 0);
     ASSERT_EQ(a >= b, cmp >= 0);
     ASSERT_EQ(a == b, cmp == 0);
-    ASSERT_EQ(a != b, cmp != 0);
   }
 }
 
 TEST(Ip6PrefixOrder, MoreSpecificFirst) {
-  std::vector<Ip6Prefix> prefixes;
-  for (const char* text : {"2001:db9::/32", "2001:db8::/32", "2001:db8:1::/48", "::/0",
-                           "2001:db8:1::1/128", "2001:db7::/32"}) {
-    prefixes.emplace_back(text);
-  }
-  std::sort(prefixes.begin(), prefixes.end());
-  std::vector<std::string> texts;
-  for (const Ip6Prefix& p : prefixes) texts.push_back(p.stringValue());
-  EXPECT_EQ(texts,
+  EXPECT_EQ(KorvaTest::sortedTexts<Ip6Prefix>({"2001:db9::/32", "2001:db8::/32", "2001:db8:1::/48",
+                                               "::/0", "2001:db8:1::1/128", "2001:db7::/32"}),
             (std::vector<std::string>{"2001:db7::/32", "2001:db8:1::1/128", "2001:db8:1::/48",
                                       "2001:db8::/32", "2001:db9::/32", "::/0"}));
-  const Ip6Prefix p("2001:db8::/32");
-  EXPECT_FALSE(p < p);
-  EXPECT_TRUE(p <= p);
-  EXPECT_LT(Ip6AddrWithMask("1::1/64"), Ip6AddrWithMask("1::/48"));
+  EXPECT_FALSE(Ip6Prefix("::/0") < Ip6Prefix("::/0"));
   EXPECT_LT(Ip6AddrWithFullMask(ip6("1::"), ip6("ffff::")),
             Ip6AddrWithFullMask(ip6("1::1"), ip6("::")));
 }
@@ -312,83 +229,53 @@ TEST(Ip6PrefixOrder, MoreSpecificFirst) {
 TEST(Ip6AddrHash, ChainedMixOverHostWords) {
   using KorvaTest::referenceMix;
   const Ip6Addr a = ip6("2001:db8::ff00:42:8329");
-  const U32 expected = referenceMix(
-      referenceMix(referenceMix(referenceMix(0x20010db8) ^ 0) ^ 0x0000ff00) ^ 0x00428329);
-  EXPECT_EQ(a.hash(), expected);
+  EXPECT_EQ(a.hash(),
+            referenceMix(referenceMix(referenceMix(referenceMix(0x20010db8) ^ 0) ^ 0x0000ff00) ^
+                         0x00428329));
   EXPECT_EQ(a.hash(), 0x13500e91u);  // worked out apart from the library
-  std::unordered_set<Ip6Addr> set{a, ip6("::1"), ip6("::1")};
-  EXPECT_EQ(set.size(), 2u);
 }
 
+// The murmur hash itself is checked against published vectors in ValueHashTest.
 TEST(Ip6AddrWithFullMaskHash, Murmur3OverTheTwoHashes) {
-  // The reference implementation against published MurmurHash3 x86_32 vectors.
-  EXPECT_EQ(referenceMurmur3("", 0), 0u);
-  EXPECT_EQ(referenceMurmur3("", 1), 0x514e28b7u);
-  EXPECT_EQ(referenceMurmur3(std::string_view("\0\0\0\0", 4), 0), 0x2362f9deu);
-  EXPECT_EQ(referenceMurmur3("aaaa", 0x9747b28c), 0x5a97808au);
-  EXPECT_EQ(referenceMurmur3("Hello, world!", 0x9747b28c), 0x24884cbau);
   std::mt19937 rng(16);
   for (int i = 0; i < 1000; ++i) {
     const Ip6AddrWithFullMask m(randomIp6(rng), randomIp6(rng));
     const U32 hashes[2] = {m.address().hash(), m.mask().hash()};
-    unsigned char bytes[8];
-    std::memcpy(bytes, hashes, 8);
-    ASSERT_EQ(m.hash(), referenceMurmur3(bytes, 8, 0));
+    ASSERT_EQ(m.hash(), Korva::murmurHash3(hashes, 8, 0));
   }
 }
 
 // --- predicates ---
 
 TEST(Ip6AddrPredicates, Classes) {
-  EXPECT_TRUE(ip6("ff02::1").isMulticast());
-  EXPECT_FALSE(ip6("ff02::1").isUnicast());
-  EXPECT_TRUE(ip6("fe80::1").isUnicast());
-  EXPECT_TRUE(Ip6Addr().isZero());
-  EXPECT_TRUE(Ip6Addr().isUnspecified());
-  EXPECT_FALSE(ip6("::1").isZero());
-  EXPECT_TRUE(ip6("::1").isLoopback());
-  EXPECT_FALSE(ip6("::2").isLoopback());
-  EXPECT_FALSE(ip6("1::1").isLoopback());
-  EXPECT_FALSE(ip6("::").isLoopbackBase());
-  EXPECT_TRUE(ip6("fe80::1").isLinkLocalUnicast());
-  EXPECT_FALSE(ip6("fe80:0:0:1::1").isLinkLocalUnicast());
-  EXPECT_TRUE(ip6("fe80:0:0:1::1").isLinkLocalUnicast2());
-  EXPECT_TRUE(ip6("febf::1").isLinkLocalUnicast2());
-  EXPECT_FALSE(ip6("fec0::1").isLinkLocalUnicast2());
-  EXPECT_TRUE(ip6("fe80::1").isLinkLocal());
-  EXPECT_TRUE(ip6("ff02::5").isLinkLocal());
-  EXPECT_TRUE(ip6("ff12::5").isLinkLocal());
-  EXPECT_FALSE(ip6("ff05::5").isLinkLocal());
-  EXPECT_FALSE(ip6("fe80:0:0:1::1").isLinkLocal());
-  EXPECT_TRUE(ip6("2001:db8::1").isGlobalUnicast());
-  EXPECT_FALSE(ip6("febf::1").isGlobalUnicast());
-  EXPECT_FALSE(ip6("::1").isGlobalUnicast());
-  EXPECT_FALSE(ip6("::").isGlobalUnicast());
-  EXPECT_FALSE(ip6("ff0e::1").isGlobalUnicast());
-  EXPECT_TRUE(ip6("fec0::1").isSiteLocal());
-  EXPECT_TRUE(ip6("feff::1").isSiteLocal());
-  EXPECT_FALSE(ip6("febf::1").isSiteLocal());
-  EXPECT_TRUE(ip6("fc00::1").isUniqueLocal());
-  EXPECT_TRUE(ip6("fdff::1").isUniqueLocal());
-  EXPECT_FALSE(ip6("fe00::1").isUniqueLocal());
-  EXPECT_TRUE(ip6("ff02::d").isPimRouters());
-  EXPECT_FALSE(ip6("ff02::e").isPimRouters());
+  using A = Ip6Addr;
+  expectPredicate<A>(&A::isMulticast, {"ff02::1"}, {"fe80::1"});
+  expectPredicate<A>(&A::isUnicast, {"fe80::1"}, {"ff02::1"});
+  expectPredicate<A>(&A::isUnspecified, {"::"}, {"::1"});
+  expectPredicate<A>(&A::isZero, {"::"}, {"::1"});
+  expectPredicate<A>(&A::isLoopback, {"::1"}, {"::2", "1::1"});
+  expectPredicate<A>(&A::isLoopbackBase, {}, {"::"});
+  expectPredicate<A>(&A::isLinkLocalUnicast, {"fe80::1"}, {"fe80:0:0:1::1"});
+  expectPredicate<A>(&A::isLinkLocalUnicast2, {"fe80:0:0:1::1", "febf::1"}, {"fec0::1"});
+  expectPredicate<A>(&A::isLinkLocal, {"fe80::1", "ff02::5", "ff12::5"},
+                     {"ff05::5", "fe80:0:0:1::1"});
+  expectPredicate<A>(&A::isGlobalUnicast, {"2001:db8::1"}, {"febf::1", "::1", "::", "ff0e::1"});
+  expectPredicate<A>(&A::isSiteLocal, {"fec0::1", "feff::1"}, {"febf::1"});
+  expectPredicate<A>(&A::isUniqueLocal, {"fc00::1", "fdff::1"}, {"fe00::1"});
+  expectPredicate<A>(&A::isPimRouters, {"ff02::d"}, {"ff02::e"});
 }
 
 TEST(Ip6AddrPredicates, DerivedAddresses) {
   EXPECT_EQ(ip6("2001:db8::12:3456:789a").solicitedNodeMulticastAddr(), ip6("ff02::1:ff56:789a"));
   EXPECT_EQ(ip6("ff02::1:ff56:789a").mcastEtherAddress(), Korva::EthAddr("33:33:ff:56:78:9a"));
-  EXPECT_EQ(ip6("ff02::1").mcastEtherAddress().stringValue(), "33:33:00:00:00:01");
   EXPECT_EQ(ip6("fe80:1:2:3:4:5:6:7").validLlUnicastAddress(), ip6("fe80::4:5:6:7"));
   EXPECT_EQ(ip6("febf::1").validLlUnicastAddress(), ip6("fe80::1"));
-  EXPECT_EQ(rangeFailure([] { ip6("fec0::1").validLlUnicastAddress(); }),
+  EXPECT_EQ(failureText([] { ip6("fec0::1").validLlUnicastAddress(); }),
             "Not an address that belongs to subnet fe80::/10");
   const Ip6Addr all = ip6("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
   EXPECT_EQ(all.ip6AddrMaskedByLength(0), Ip6Addr());
   EXPECT_EQ(all.ip6AddrMaskedByLength(10), ip6("ffc0::"));
-  EXPECT_EQ(all.ip6AddrMaskedByLength(64), ip6("ffff:ffff:ffff:ffff::"));
   EXPECT_EQ(all.ip6AddrMaskedByLength(127), ip6("ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe"));
-  EXPECT_EQ(all.ip6AddrMaskedByLength(128), all);
   EXPECT_EQ(all.ip6AddrMaskedByLength(200), all);
   EXPECT_EQ(ip6("::").longestCommonPrefix(ip6("8000::")), 0u);
   EXPECT_EQ(ip6("1::").longestCommonPrefix(ip6("1::1")), 127u);
@@ -397,25 +284,20 @@ TEST(Ip6AddrPredicates, DerivedAddresses) {
 }
 
 TEST(Ip6AddrPredicates, WellKnownConstants) {
-  EXPECT_EQ(Korva::ip6AddrZero.stringValue(), "::");
-  EXPECT_EQ(Korva::ip6AddrLoopback.stringValue(), "::1");
-  EXPECT_EQ(Korva::ip6AddrAllNodes.stringValue(), "ff02::1");
-  EXPECT_EQ(Korva::ip6AddrAllRouters.stringValue(), "ff02::2");
-  EXPECT_EQ(Korva::ip6AddrAllHosts.stringValue(), "ff02::3");
-  EXPECT_EQ(Korva::ip6AddrVrrp.stringValue(), "ff02::12");
-  EXPECT_EQ(Korva::ip6AddrPimRouters.stringValue(), "ff02::d");
-  EXPECT_EQ(Korva::ip6AddrMld.stringValue(), "ff02::16");
-  EXPECT_EQ(Korva::ip6AddrLinkLocalBase.stringValue(), "ff02::");
+  const std::pair<Ip6Addr, const char*> constants[] = {
+      {Korva::ip6AddrAllNodes, "ff02::1"},     {Korva::ip6AddrAllRouters, "ff02::2"},
+      {Korva::ip6AddrAllHosts, "ff02::3"},     {Korva::ip6AddrVrrp, "ff02::12"},
+      {Korva::ip6AddrPimRouters, "ff02::d"},   {Korva::ip6AddrMld, "ff02::16"},
+      {Korva::ip6AddrLinkLocalBase, "ff02::"}, {Korva::ip6AddrLoopback, "::1"}};
+  for (const auto& [value, text] : constants) EXPECT_EQ(value.stringValue(), text);
   EXPECT_EQ(Korva::ip6LinkLocalPrefix.stringValue(), "fe80::/10");
 }
 
 TEST(Ip6AddrPredicates, IndexedAccessInHostOrder) {
   Ip6Addr a = ip6("0102:0304:0506:0708:090a:0b0c:0d0e:0f10");
   for (unsigned i = 0; i < 16; ++i) EXPECT_EQ(a.u8(i), i + 1);
-  EXPECT_EQ(a.u16(0), 0x0102);
   EXPECT_EQ(a.u16(7), 0x0f10);
   EXPECT_EQ(a.u32(1), 0x05060708u);
-  EXPECT_EQ(a.word1(), 0x05060708u);
   EXPECT_EQ(a.word1Nbo(), htonl(0x05060708));
   EXPECT_EQ(a.u64(1), 0x090a0b0c0d0e0f10u);
   a.u8Is(15, 0xff);
@@ -429,9 +311,6 @@ TEST(Ip6AddrPredicates, IndexedAccessInHostOrder) {
   a.u64Del(1);
   a.u32Del(1);
   EXPECT_EQ(a, Ip6Addr());
-  unsigned char bytes[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9};
-  a.copyFromBuffer(bytes);
-  EXPECT_EQ(a, ip6("fe80::9"));
 }
 
 TEST(Ip6PrefixPredicates, ContainsValidOverlaps) {
@@ -441,59 +320,49 @@ TEST(Ip6PrefixPredicates, ContainsValidOverlaps) {
   EXPECT_TRUE(Ip6Prefix("::/0").contains(ip6("ffff::")));
   EXPECT_TRUE(Ip6Prefix("2001:db8::/31").contains(ip6("2001:db9::")));
   EXPECT_FALSE(Ip6Prefix::nullPrefix().contains(Ip6Addr()));
-  EXPECT_TRUE(Ip6Prefix::nullPrefix().isNullPrefix());
   EXPECT_TRUE(Ip6Prefix::nullPrefix().validAsPrefix());
   EXPECT_FALSE(Ip6AddrWithMask(Ip6Addr(), Ip6Prefix::nullPrefixLen).validAsPrefix());
-  EXPECT_TRUE(p.validAsPrefix());
   EXPECT_FALSE(Ip6Prefix("2001:db8::1/64").validAsPrefix());
   EXPECT_TRUE(Ip6Prefix("2001:db8::1/128").validAsPrefix());
   EXPECT_TRUE(Ip6AddrWithMask(ip6("1::1"), 136).validAsPrefix());
   EXPECT_FALSE(Ip6AddrWithMask(ip6("1::1"), 130).validAsPrefix());
-  EXPECT_TRUE(p.overlaps(Ip6Prefix("2001:db8:1::/48")));
   EXPECT_TRUE(Ip6Prefix("2001:db8:1::/48").overlaps(p));
   EXPECT_FALSE(p.overlaps(Ip6Prefix("2001:db9::/32")));
   EXPECT_TRUE(Ip6AddrWithMask("2001:db8::1/32").overlaps(Ip6AddrWithMask("2001:db8:1::1/48")));
   EXPECT_TRUE(Ip6AddrWithMask("1::/0").overlaps(Ip6AddrWithMask("2::/64")));
-  EXPECT_FALSE(Ip6AddrWithMask("1::/64").overlaps(Ip6AddrWithMask("2::/64")));
   EXPECT_EQ(Ip6AddrWithMask("2001:db8::1/32").subnet(), Ip6AddrWithMask("2001:db8::/32"));
-  EXPECT_TRUE(Ip6Prefix("::/0").isDefaultRoutePrefix());
   EXPECT_FALSE(Ip6Prefix("::/1").isDefaultRoutePrefix());
   EXPECT_TRUE(Ip6Prefix("1::1").isHostRoutePrefix());
   EXPECT_EQ(p.subnetHost(ip6("::5")), ip6("2001:db8::5"));
-  EXPECT_EQ(rangeFailure([&] { p.subnetHost(ip6("1::5")); }), "Host address too long");
+  EXPECT_EQ(failureText([&] { p.subnetHost(ip6("1::5")); }), "Host address too long");
 }
 
-TEST(Ip6AddrWithFullMaskPredicates, PrefixLength) {
-  auto lenOf = [](const char* mask) {
-    return unsigned(Ip6AddrWithFullMask(Ip6Addr(), ip6(mask)).prefixLen().value());
+TEST(Ip6AddrWithFullMaskPredicates, PrefixLengthOrNoneFor129) {
+  const std::pair<const char*, unsigned> cases[] = {
+      {"::", 0},
+      {"8000::", 1},
+      {"ffff:ffff:ffff:ffff::", 64},
+      {"ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe", 127},
+      {"ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", 128},
+      {"ffff:0:ffff::", 129},
+      {"7fff::", 129},
+      {"ffff:ffff:ffff:ffff::1", 129},
   };
-  EXPECT_EQ(lenOf("::"), 0u);
-  EXPECT_EQ(lenOf("8000::"), 1u);
-  EXPECT_EQ(lenOf("ffff:ffff::"), 32u);
-  EXPECT_EQ(lenOf("ffff:ffff:ffff:ffff::"), 64u);
-  EXPECT_EQ(lenOf("ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe"), 127u);
-  EXPECT_EQ(lenOf("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"), 128u);
-  EXPECT_EQ(lenOf("ffff:0:ffff::"), 129u);
-  EXPECT_EQ(lenOf("::1"), 129u);
-  EXPECT_EQ(lenOf("ffff:ffff:ffff:ffff::1"), 129u);
-  EXPECT_FALSE(Ip6AddrWithFullMask(Ip6Addr(), ip6("7fff::")).hasPrefixRepr());
+  for (const auto& [mask, len] : cases) {
+    const Ip6AddrWithFullMask m(Ip6Addr(), ip6(mask));
+    EXPECT_EQ(unsigned(m.prefixLen().value()), len) << mask;
+    EXPECT_EQ(m.hasPrefixRepr(), len != 129) << mask;
+  }
 }
 
-TEST(Ip6SmallTypes, PrefixLenAndU8Key) {
-  EXPECT_EQ(Ip6PrefixLen(129).value(), 129);
-  EXPECT_FALSE(Ip6PrefixLen(129).isValid());
-  EXPECT_TRUE(Ip6PrefixLen(128).isValid());
-  Ip6PrefixLen len(64);
-  EXPECT_EQ(rangeFailure([&] { len.valueIs(130); }),
+TEST(Ip6SmallTypes, PrefixLenRange) {
+  EXPECT_FALSE(Korva::Ip6PrefixLen(129).isValid());
+  Korva::Ip6PrefixLen len(64);
+  EXPECT_EQ(failureText([&] { len.valueIs(130); }),
             "Ip6PrefixLen::value < Ip6PrefixLen::min or > Ip6PrefixLen::invalid not allowed");
   EXPECT_EQ(len.value(), 64);
-  EXPECT_EQ(Mox::valueFromText<Ip6PrefixLen>("7", "bad").value(), 7);
-  EXPECT_THROW(Mox::valueFromText<Ip6PrefixLen>("200", "bad"), Mox::RangeException);
-  EXPECT_EQ(valueToStrep(Ip6AddrU8Key(15)), "15");
-  EXPECT_EQ(Mox::valueFromText<Ip6AddrU8Key>("3", "bad"), Ip6AddrU8Key(3));
-  EXPECT_LT(Ip6AddrU8Key(3), Ip6AddrU8Key(4));
-  std::unordered_set<Ip6AddrU8Key> keys{Ip6AddrU8Key(1), Ip6AddrU8Key(1), Ip6AddrU8Key(2)};
-  EXPECT_EQ(keys.size(), 2u);
+  EXPECT_THROW(Mox::valueFromText<Korva::Ip6PrefixLen>("200", "bad"), Mox::RangeException);
+  EXPECT_EQ(Mox::valueFromText<Korva::Ip6AddrU8Key>("3", "bad"), Korva::Ip6AddrU8Key(3));
 }
 
 // --- failures ---
@@ -508,6 +377,7 @@ TEST(Ip6AddrFailures, ReaderTexts) {
       {"::1:2:3:4:5:6:7", "Ip6Addr: too many colons"},
       {"1:2:3:4:5:6:7::", "Ip6Addr: too many colons"},
       {"1::2:3:4:5:6:7:8", "Ip6Addr: too many colons"},
+      {"1:2:3:4:5:6:7:8:", "Ip6Addr: too many colons"},
       {"12345::", "Ip6Addr: too many consecutive hex digits"},
       {"::ffff:10.1.2.300", "Ip6Addr: decimal value too large"},
       {"::ffff:10.1.2.1000", "Ip6Addr: too many consecutive decimal digits"},
@@ -519,21 +389,20 @@ TEST(Ip6AddrFailures, ReaderTexts) {
       {"1:2.3", "Ip6Addr: ':' expected"},
       {"1::2 ", "Ip6Addr: unexpected trailing characters"},
       {"::1/64", "Ip6Addr: unexpected trailing characters"},
-      {"1:2:3:4:5:6:7:8:", "Ip6Addr: too many colons"},
   };
   for (const auto& [text, message] : cases) EXPECT_EQ(parseFailure(text, before), message) << text;
 }
 
 TEST(Ip6AddrFailures, IndexTexts) {
   Ip6Addr a;
-  EXPECT_EQ(rangeFailure([&] { a.u8(16); }), "Ip6Addr::u8: index out of range");
-  EXPECT_EQ(rangeFailure([&] { a.u8Is(16, 1); }), "Ip6Addr::u8Is: index out of range");
-  EXPECT_EQ(rangeFailure([&] { a.u16(8); }), "Ip6Addr::u16: index out of range");
-  EXPECT_EQ(rangeFailure([&] { a.u16Is(8, 1); }), "Ip6Addr::u16Is: index out of range");
-  EXPECT_EQ(rangeFailure([&] { a.u32(4); }), "Ip6Addr::u32: index out of range");
-  EXPECT_EQ(rangeFailure([&] { a.u32Is(4, 1); }), "Ip6Addr::u32Is: index out of range");
-  EXPECT_EQ(rangeFailure([&] { a.u64(2); }), "Ip6Addr::u64: index out of range");
-  EXPECT_EQ(rangeFailure([&] { a.u64Is(2, 1); }), "Ip6Addr::u64Is: index out of range");
+  EXPECT_EQ(failureText([&] { a.u8(16); }), "Ip6Addr::u8: index out of range");
+  EXPECT_EQ(failureText([&] { a.u8Is(16, 1); }), "Ip6Addr::u8Is: index out of range");
+  EXPECT_EQ(failureText([&] { a.u16(8); }), "Ip6Addr::u16: index out of range");
+  EXPECT_EQ(failureText([&] { a.u16Is(8, 1); }), "Ip6Addr::u16Is: index out of range");
+  EXPECT_EQ(failureText([&] { a.u32(4); }), "Ip6Addr::u32: index out of range");
+  EXPECT_EQ(failureText([&] { a.u32Is(4, 1); }), "Ip6Addr::u32Is: index out of range");
+  EXPECT_EQ(failureText([&] { a.u64(2); }), "Ip6Addr::u64: index out of range");
+  EXPECT_EQ(failureText([&] { a.u64Is(2, 1); }), "Ip6Addr::u64Is: index out of range");
   EXPECT_EQ(a, Ip6Addr());
 }
 

@@ -3,14 +3,12 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cctype>
 #include <random>
 #include <sstream>
-#include <unordered_set>
 #include <vector>
 
-#include "IpTestUtil.h"
+#include "ValueTestUtil.h"
 
 namespace {
 
@@ -18,8 +16,9 @@ using Korva::IpAddr;
 using Korva::IpAddrWithFullMask;
 using Korva::IpAddrWithMask;
 using Korva::Prefix;
+using KorvaTest::expectPredicate;
+using KorvaTest::failureText;
 using KorvaTest::parseFailure;
-using KorvaTest::rangeFailure;
 using Mox::U32;
 
 IpAddr ip(std::string_view text) {
@@ -35,10 +34,7 @@ TEST(IpAddrParse, StoresOctetsInNetworkOrder) {
   const IpAddr a = ip("10.1.2.3");
   unsigned char bytes[4];
   a.copyToBuffer(bytes);
-  EXPECT_EQ(bytes[0], 10);
-  EXPECT_EQ(bytes[1], 1);
-  EXPECT_EQ(bytes[2], 2);
-  EXPECT_EQ(bytes[3], 3);
+  EXPECT_EQ(std::string(bytes, bytes + 4), "\x0a\x01\x02\x03");
   EXPECT_EQ(a.value(), 0x0a010203u);
   EXPECT_EQ(a, IpAddr(10, 1, 2, 3));
   EXPECT_EQ(a, IpAddr::fromHostOrder(0x0a010203));
@@ -46,29 +42,21 @@ TEST(IpAddrParse, StoresOctetsInNetworkOrder) {
 
 TEST(IpAddrParse, LeadingZerosAreDecimal) {
   EXPECT_EQ(ip("001.002.003.004"), IpAddr(1, 2, 3, 4));
-  EXPECT_EQ(ip("001.002.003.004").stringValue(), "1.2.3.4");
   EXPECT_EQ(ip("010.0.0.0"), IpAddr(10, 0, 0, 0));
   EXPECT_EQ(ip("0000000001.2.3.0000000255"), IpAddr(1, 2, 3, 255));
-  EXPECT_EQ(parseFailure<IpAddr>("0000000256.2.3.4"), "Invalid IpAddr");
-  EXPECT_EQ(parseFailure<IpAddr>("1.2.3.0256"), "Invalid IpAddr");
-  EXPECT_EQ(parseFailure<IpAddr>("1.2.3.2550"), "Invalid IpAddr");
 }
 
-TEST(IpAddrParse, SequenceStopsAfterFourthOctet) {
+TEST(IpAddrParse, SequenceStopsAfterFourthOctetOrLeavesTheIteratorAlone) {
   const std::string text = "1.2.3.4/24";
   Mox::TextIter it = text.data();
   IpAddr a;
   Korva::sequenceToValue(it, text.data() + text.size(), &a);
   EXPECT_EQ(a, IpAddr(1, 2, 3, 4));
   EXPECT_EQ(std::string_view(it), "/24");
-  EXPECT_EQ(parseFailure<IpAddr>(text), "Invalid IpAddr");
-}
-
-TEST(IpAddrParse, FailedSequenceLeavesIteratorAlone) {
-  const std::string text = "1.2.x";
-  Mox::TextIter it = text.data();
-  EXPECT_THROW(IpAddr::sequenceToValueNbo(it, text.data() + text.size()), Mox::RangeException);
-  EXPECT_EQ(it, text.data());
+  const std::string bad = "1.2.x";
+  it = bad.data();
+  EXPECT_THROW(IpAddr::sequenceToValueNbo(it, bad.data() + bad.size()), Mox::RangeException);
+  EXPECT_EQ(it, bad.data());
 }
 
 TEST(IpAddrParse, RandomRoundTrip) {
@@ -94,11 +82,8 @@ bool hasLeadingZeroOctet(std::string_view text) {
 TEST(IpAddrParse, AgreesWithInetPton) {
   std::mt19937 rng(2);
   const std::string alphabet = "0123456789..........x /-";
-  std::vector<std::string> inputs = {
-      "",         "1.2.3",           "1.2.3.",    " 1.2.3.4",
-      "1.2.3.4 ", "1..2.3",          "256.0.0.1", "1.2.3.4.5",
-      "0.0.0.0",  "255.255.255.255", "1.2.3.256", "99999999999999999999.1.1.1",
-      "+1.2.3.4"};
+  std::vector<std::string> inputs = {"0.0.0.0", "255.255.255.255", "1.2.3.256",
+                                     "99999999999999999999.1.1.1"};
   for (int i = 0; i < 50000; ++i) {
     std::string text;
     const int size = 1 + rng() % 16;
@@ -115,34 +100,25 @@ TEST(IpAddrParse, AgreesWithInetPton) {
   for (const std::string& text : inputs) {
     in_addr expected;
     const bool glibcAccepts = inet_pton(AF_INET, text.c_str(), &expected) == 1;
-    IpAddr ours;
     const bool weAccept = parseFailure<IpAddr>(text) == "no exception";
-    if (weAccept) ours.stringValueIs(text);
     if (glibcAccepts) {
       ++accepted;
       ASSERT_TRUE(weAccept) << text;
-      ASSERT_EQ(ours.valueNbo(), expected.s_addr) << text;
+      ASSERT_EQ(ip(text).valueNbo(), expected.s_addr) << text;
     } else if (weAccept) {
       ASSERT_TRUE(hasLeadingZeroOctet(text)) << text;
-      ASSERT_EQ(inet_pton(AF_INET, ours.stringValue().c_str(), &expected), 1) << text;
+      ASSERT_EQ(inet_pton(AF_INET, ip(text).stringValue().c_str(), &expected), 1) << text;
     }
   }
   EXPECT_GT(accepted, 20000u);
 }
 
-TEST(IpAddrWithMaskParse, KeepsHostBitsAndAnyLength) {
+TEST(PrefixParse, MaskKeepsHostBitsPrefixRefusesThem) {
   for (const char* text : {"10.0.0.1/8", "10.0.0.1/40", "0.0.0.0/0"}) {
     EXPECT_EQ(IpAddrWithMask(text).stringValue(), text);
   }
-  const IpAddrWithMask m("10.1.2.3/24");
-  EXPECT_EQ(m.address(), IpAddr(10, 1, 2, 3));
-  EXPECT_EQ(m.len(), 24u);
-}
-
-TEST(PrefixParse, AcceptsNetworks) {
-  const Prefix p = prefix("10.0.0.0/8");
-  EXPECT_EQ(p.address(), IpAddr(10, 0, 0, 0));
-  EXPECT_EQ(p.len(), 8u);
+  EXPECT_EQ(IpAddrWithMask("10.1.2.3/24"), IpAddrWithMask(IpAddr(10, 1, 2, 3), 24));
+  EXPECT_EQ(prefix("10.0.0.0/8"), Prefix(IpAddr(10, 0, 0, 0), 8));
   EXPECT_EQ(prefix("10.1.2.3/32").stringValue(), "10.1.2.3/32");
   EXPECT_EQ(prefix("0.0.0.0/0").len(), 0u);
 }
@@ -156,15 +132,19 @@ TEST(PrefixParse, SequenceChecksBitsButNotTheEnd) {
   EXPECT_EQ(std::string_view(it), ", rest");
   const std::string bad = "10.0.0.1/8, rest";
   it = bad.data();
-  EXPECT_EQ(rangeFailure([&] { Korva::sequenceToValue(it, bad.data() + bad.size(), &p); }),
+  EXPECT_EQ(failureText([&] { Korva::sequenceToValue(it, bad.data() + bad.size(), &p); }),
             "Invalid Prefix - non-zero after prefixlen");
 }
 
-TEST(IpAddrWithFullMaskParse, ReadsGenericForm) {
-  const IpAddrWithFullMask m(
-      "Value('Korva::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': 4294967040})");
-  EXPECT_EQ(m.address(), IpAddr(10, 1, 2, 3));
-  EXPECT_EQ(m.mask(), 0xffffff00u);
+TEST(IpAddrWithFullMaskParse, GenericFormBothWays) {
+  const std::string text =
+      "Value('Korva::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': 4294967040})";
+  const IpAddrWithFullMask m(IpAddr(10, 1, 2, 3), 0xffffff00);
+  EXPECT_EQ(IpAddrWithFullMask(text), m);
+  EXPECT_EQ(valueToStrep(m), text);
+  std::ostringstream os;
+  os << m;
+  EXPECT_EQ(os.str(), text);
   std::mt19937 rng(3);
   for (int i = 0; i < 1000; ++i) {
     const IpAddrWithFullMask v(IpAddr(rng()), rng());
@@ -174,58 +154,33 @@ TEST(IpAddrWithFullMaskParse, ReadsGenericForm) {
 
 // --- print ---
 
-TEST(IpAddrPrint, DottedDecimal) {
-  EXPECT_EQ(IpAddr().stringValue(), "0.0.0.0");
-  EXPECT_EQ(IpAddr(255, 255, 255, 255).stringValue(), "255.255.255.255");
-  EXPECT_EQ(IpAddr(10, 0, 100, 9).stringValue(), "10.0.100.9");
-  std::ostringstream os;
-  os << IpAddr(192, 168, 1, 20) << ' ' << Prefix(IpAddr(10, 0, 0, 0), 8);
-  EXPECT_EQ(os.str(), "192.168.1.20 10.0.0.0/8");
-  EXPECT_EQ(valueToStrep(IpAddr(1, 2, 3, 4)), "1.2.3.4");
-}
-
 TEST(IpAddrPrint, AgreesWithInetNtop) {
   std::mt19937 rng(4);
   for (int i = 0; i < 100000; ++i) {
-    const IpAddr a(rng());
+    const IpAddr a(i == 0 ? 0u : i == 1 ? 0xffffffffu : U32(rng()));
     in_addr raw{a.valueNbo()};
     char expected[INET_ADDRSTRLEN];
     ASSERT_NE(inet_ntop(AF_INET, &raw, expected, sizeof expected), nullptr);
     ASSERT_EQ(a.stringValue(), expected);
   }
+  std::ostringstream os;
+  os << IpAddr(192, 168, 1, 20) << ' ' << Prefix(IpAddr(10, 0, 0, 0), 8);
+  EXPECT_EQ(os.str(), "192.168.1.20 10.0.0.0/8");
 }
 
 TEST(IpAddrWithFullMaskPrint, PrefixFormForContiguousMasks) {
-  const IpAddr a(10, 1, 2, 3);
-  EXPECT_EQ(IpAddrWithFullMask(a, 0xffffff00).stringValue(), "10.1.2.0/24");
-  EXPECT_EQ(IpAddrWithFullMask(a, 0xffffffff).stringValue(), "10.1.2.3/32");
-  EXPECT_EQ(IpAddrWithFullMask(a, 0x80000000).stringValue(), "0.0.0.0/1");
-  EXPECT_EQ(IpAddrWithFullMask(a, 0).stringValue(), "0.0.0.0/0");
-  EXPECT_EQ(IpAddrWithFullMask(a, 0xff00ff00).stringValue(), "10.1.2.3/255.0.255.0");
-  EXPECT_EQ(IpAddrWithFullMask(a, 0x000000ff).stringValue(), "10.1.2.3/0.0.0.255");
-}
-
-TEST(IpAddrWithFullMaskPrint, GenericFormFromValueToStrepAndStream) {
-  const IpAddrWithFullMask m(IpAddr(10, 1, 2, 3), 0xffffff00);
-  const std::string expected =
-      "Value('Korva::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': 4294967040})";
-  EXPECT_EQ(valueToStrep(m), expected);
-  std::ostringstream os;
-  os << m;
-  EXPECT_EQ(os.str(), expected);
+  const std::pair<U32, const char*> cases[] = {{0xffffff00, "10.1.2.0/24"},
+                                               {0xffffffff, "10.1.2.3/32"},
+                                               {0x80000000, "0.0.0.0/1"},
+                                               {0, "0.0.0.0/0"},
+                                               {0xff00ff00, "10.1.2.3/255.0.255.0"},
+                                               {0x000000ff, "10.1.2.3/0.0.0.255"}};
+  for (const auto& [mask, text] : cases) {
+    EXPECT_EQ(IpAddrWithFullMask(IpAddr(10, 1, 2, 3), mask).stringValue(), text);
+  }
 }
 
 // --- order ---
-
-TEST(IpAddrOrder, NumericOnHostOrder) {
-  EXPECT_LT(ip("10.0.0.1"), ip("10.0.0.2"));
-  EXPECT_LT(ip("10.0.0.2"), ip("11.0.0.0"));
-  EXPECT_LT(ip("9.255.255.255"), ip("10.0.0.0"));
-  EXPECT_LE(ip("10.0.0.1"), ip("10.0.0.1"));
-  EXPECT_GE(ip("10.0.0.1"), ip("10.0.0.1"));
-  EXPECT_GT(ip("128.0.0.0"), ip("127.255.255.255"));
-  EXPECT_NE(ip("1.0.0.0"), ip("0.0.0.1"));
-}
 
 TEST(IpAddrOrder, RelationsAgreeWithHostNumbers) {
   std::mt19937 rng(5);
@@ -241,27 +196,19 @@ TEST(IpAddrOrder, RelationsAgreeWithHostNumbers) {
 }
 
 TEST(PrefixOrder, MoreSpecificFirst) {
-  std::vector<Prefix> prefixes = {prefix("11.0.0.0/8"),  prefix("10.0.0.0/8"),
-                                  prefix("10.1.0.0/16"), prefix("0.0.0.0/0"),
-                                  prefix("10.1.2.3/32"), prefix("9.0.0.0/8")};
-  std::sort(prefixes.begin(), prefixes.end());
-  std::vector<std::string> texts;
-  for (const Prefix& p : prefixes) texts.push_back(p.stringValue());
-  EXPECT_EQ(texts, (std::vector<std::string>{"9.0.0.0/8", "10.1.2.3/32", "10.1.0.0/16",
-                                             "10.0.0.0/8", "11.0.0.0/8", "0.0.0.0/0"}));
+  EXPECT_EQ(KorvaTest::sortedTexts<Prefix>({"11.0.0.0/8", "10.0.0.0/8", "10.1.0.0/16", "0.0.0.0/0",
+                                            "10.1.2.3/32", "9.0.0.0/8"}),
+            (std::vector<std::string>{"9.0.0.0/8", "10.1.2.3/32", "10.1.0.0/16", "10.0.0.0/8",
+                                      "11.0.0.0/8", "0.0.0.0/0"}));
   const Prefix p = prefix("10.0.0.0/8");
   EXPECT_FALSE(p < p);
   EXPECT_TRUE(p <= p);
-  EXPECT_TRUE(p >= p);
-  EXPECT_FALSE(p > p);
-  EXPECT_TRUE(prefix("10.1.0.0/16") < p);
   EXPECT_TRUE(p > prefix("10.1.0.0/16"));
 }
 
 TEST(IpAddrWithMaskOrder, AddressThenLength) {
   EXPECT_LT(IpAddrWithMask("10.0.0.1/8"), IpAddrWithMask("10.0.0.1/9"));
   EXPECT_LT(IpAddrWithMask("10.0.0.1/30"), IpAddrWithMask("10.0.0.2/8"));
-  EXPECT_EQ(IpAddrWithMask("10.0.0.1/8"), IpAddrWithMask("10.0.0.1/8"));
   EXPECT_LT(IpAddrWithFullMask(ip("1.0.0.0"), 5), IpAddrWithFullMask(ip("1.0.0.0"), 6));
   EXPECT_LT(IpAddrWithFullMask(ip("1.0.0.0"), 7), IpAddrWithFullMask(ip("1.0.0.1"), 6));
 }
@@ -273,6 +220,7 @@ TEST(IpAddrHash, MixOfTheStoredWord) {
   // Known values, worked out apart from the library.
   EXPECT_EQ(ip("1.2.3.4").hash(), 0x90af30c6u);
   EXPECT_EQ(IpAddr().hash(), 0xcaa3caa3u);
+  EXPECT_EQ(prefix("10.0.0.0/8").hash(), 0xc13c560au);
   std::mt19937 rng(6);
   for (int i = 0; i < 10000; ++i) {
     const IpAddr a(rng());
@@ -280,54 +228,24 @@ TEST(IpAddrHash, MixOfTheStoredWord) {
   }
 }
 
-TEST(IpAddrHash, WorksInUnorderedContainers) {
-  std::unordered_set<IpAddr> set;
-  for (U32 i = 0; i < 1000; ++i) set.insert(IpAddr::fromHostOrder(0x0a000000 + i));
-  set.insert(ip("10.0.0.1"));
-  EXPECT_EQ(set.size(), 1000u);
-  EXPECT_TRUE(set.contains(ip("10.0.3.231")));
-  std::unordered_set<Prefix> prefixes{prefix("10.0.0.0/8"), prefix("10.0.0.0/9")};
-  EXPECT_EQ(prefixes.size(), 2u);
-  EXPECT_EQ(prefix("10.0.0.0/8").hash(), 0xc13c560au);
-}
-
 // --- predicates ---
 
 TEST(IpAddrPredicates, Classes) {
-  EXPECT_TRUE(ip("224.0.0.1").isMulticast());
-  EXPECT_TRUE(ip("239.255.255.255").isMulticast());
-  EXPECT_FALSE(ip("240.0.0.0").isMulticast());
-  EXPECT_FALSE(ip("224.0.0.1").isUnicast());
-  EXPECT_FALSE(ip("255.255.255.255").isUnicast());
-  EXPECT_TRUE(ip("240.0.0.1").isUnicast());
-  EXPECT_TRUE(ip("224.0.0.255").isReservedMulticast());
-  EXPECT_FALSE(ip("224.0.1.0").isReservedMulticast());
-  EXPECT_TRUE(ip("127.3.4.5").isLoopback());
-  EXPECT_FALSE(ip("127.3.4.5").isLoopbackBase());
-  EXPECT_TRUE(ip("127.0.0.0").isLoopbackBase());
-  EXPECT_TRUE(ip("240.0.0.1").isReserved());
-  EXPECT_FALSE(ip("255.255.255.255").isReserved());
-  EXPECT_FALSE(ip("239.0.0.1").isReserved());
-  EXPECT_TRUE(ip("169.254.1.1").isLinkLocal());
-  EXPECT_TRUE(ip("169.254.1.1").isLinkLocalUnicast());
-  EXPECT_FALSE(ip("169.253.1.1").isLinkLocal());
-  EXPECT_TRUE(ip("224.0.0.13").isPimRouters());
-  EXPECT_FALSE(ip("224.0.0.14").isPimRouters());
-  EXPECT_TRUE(ip("0.1.2.3").isThisNetwork());
-  EXPECT_FALSE(ip("1.0.0.0").isThisNetwork());
-}
-
-TEST(IpAddrPredicates, PrivateIsTheWideTest) {
-  for (const char* text : {"10.0.0.1", "172.16.0.1", "192.168.1.1", "11.0.0.1", "14.0.0.1",
-                           "175.48.0.1", "255.255.255.255"}) {
-    EXPECT_TRUE(ip(text).isPrivate()) << text;
-  }
-  for (const char* text : {"12.0.0.1", "172.15.0.1", "192.167.0.1", "0.0.0.0", "9.255.0.0"}) {
-    EXPECT_FALSE(ip(text).isPrivate()) << text;
-  }
-}
-
-TEST(IpAddrPredicates, LongestCommonPrefix) {
+  using A = IpAddr;
+  expectPredicate<A>(&A::isMulticast, {"224.0.0.1", "239.255.255.255"}, {"240.0.0.0"});
+  expectPredicate<A>(&A::isUnicast, {"240.0.0.1"}, {"224.0.0.1", "255.255.255.255"});
+  expectPredicate<A>(&A::isReservedMulticast, {"224.0.0.255"}, {"224.0.1.0"});
+  expectPredicate<A>(&A::isLoopback, {"127.3.4.5"}, {"128.0.0.1"});
+  expectPredicate<A>(&A::isLoopbackBase, {"127.0.0.0"}, {"127.3.4.5"});
+  expectPredicate<A>(&A::isReserved, {"240.0.0.1"}, {"255.255.255.255", "239.0.0.1"});
+  expectPredicate<A>(&A::isLinkLocalUnicast, {"169.254.1.1"}, {"169.253.1.1"});
+  expectPredicate<A>(&A::isPimRouters, {"224.0.0.13"}, {"224.0.0.14"});
+  expectPredicate<A>(&A::isThisNetwork, {"0.1.2.3"}, {"1.0.0.0"});
+  // Each network doubles as its own mask, so more than the RFC 1918 ranges count.
+  expectPredicate<A>(&A::isPrivate,
+                     {"10.0.0.1", "172.16.0.1", "192.168.1.1", "11.0.0.1", "14.0.0.1", "175.48.0.1",
+                      "255.255.255.255"},
+                     {"12.0.0.1", "172.15.0.1", "192.167.0.1", "0.0.0.0", "9.255.0.0"});
   EXPECT_EQ(ip("10.0.0.0").longestCommonPrefix(ip("10.0.0.1")), 31u);
   EXPECT_EQ(ip("10.0.0.1").longestCommonPrefix(ip("10.0.0.1")), 32u);
   EXPECT_EQ(ip("0.0.0.0").longestCommonPrefix(ip("128.0.0.0")), 0u);
@@ -337,12 +255,11 @@ TEST(IpAddrPredicates, LongestCommonPrefix) {
 TEST(PrefixPredicates, ContainsAndSubnetHost) {
   const Prefix all(IpAddr(), 0);
   EXPECT_TRUE(all.contains(ip("255.255.255.255")));
-  EXPECT_TRUE(all.contains(ip("1.2.3.4")));
   const Prefix ten = prefix("10.0.0.0/8");
   EXPECT_TRUE(ten.contains(ip("10.255.0.1")));
   EXPECT_FALSE(ten.contains(ip("11.0.0.0")));
   EXPECT_EQ(ten.subnetHost(ip("0.0.0.5")), ip("10.0.0.5"));
-  EXPECT_EQ(rangeFailure([&] { ten.subnetHost(ip("10.0.0.5")); }), "Host address too long");
+  EXPECT_EQ(failureText([&] { ten.subnetHost(ip("10.0.0.5")); }), "Host address too long");
   EXPECT_EQ(all.subnetHost(ip("10.0.0.5")), ip("10.0.0.5"));
   EXPECT_TRUE(prefix("1.2.3.4/32").isHost());
   EXPECT_FALSE(ten.isHost());
@@ -350,12 +267,11 @@ TEST(PrefixPredicates, ContainsAndSubnetHost) {
 }
 
 TEST(PrefixPredicates, ConstructorCheckKeepsTheNullLength) {
-  EXPECT_NO_THROW(Prefix(ip("10.0.0.0"), 8));
   EXPECT_NO_THROW(Prefix(ip("10.0.0.1"), 32));
   EXPECT_NO_THROW(Prefix(ip("10.0.0.1"), Prefix::nullPrefixLen));
-  EXPECT_EQ(rangeFailure([] { Prefix(ip("10.0.0.1"), 8); }),
+  EXPECT_EQ(failureText([] { Prefix(ip("10.0.0.1"), 8); }),
             "Prefix::validAsPrefix != true not allowed");
-  EXPECT_EQ(rangeFailure([] { Prefix(ip("10.0.0.0"), 33); }),
+  EXPECT_EQ(failureText([] { Prefix(ip("10.0.0.0"), 33); }),
             "Prefix::validAsPrefix != true not allowed");
   // The null length is accepted by the constructor, never by the parser.
   EXPECT_EQ(parseFailure<Prefix>("10.0.0.0/4294967295"),
@@ -366,9 +282,10 @@ TEST(PrefixPredicates, ConstructorCheckKeepsTheNullLength) {
 
 TEST(IpAddrFailures, InvalidTexts) {
   const IpAddr before(9, 9, 9, 9);
-  for (const char* text : {"1.2.3", "1.2.3.", "", " 1.2.3.4", "1.2.3.4 ", "1..2.3", "256.0.0.1",
-                           "1.2.3.4.5", "-1.2.3.4", "+1.2.3.4", "0x1.2.3.4", "1.2.3.4/24",
-                           "1.2.3.999999999999999999999999", "a.b.c.d"}) {
+  for (const char* text :
+       {"1.2.3", "1.2.3.", "", " 1.2.3.4", "1.2.3.4 ", "1..2.3", "256.0.0.1", "1.2.3.4.5",
+        "-1.2.3.4", "+1.2.3.4", "0x1.2.3.4", "1.2.3.4/24", "1.2.3.999999999999999999999999",
+        "a.b.c.d", "0000000256.2.3.4", "1.2.3.0256", "1.2.3.2550"}) {
     EXPECT_EQ(parseFailure(text, before), "Invalid IpAddr") << text;
   }
 }

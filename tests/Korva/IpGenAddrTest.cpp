@@ -2,13 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
 #include <sstream>
-#include <unordered_set>
-#include <vector>
 
-#include "IpTestUtil.h"
+#include "ValueTestUtil.h"
 
 namespace {
 
@@ -16,6 +13,7 @@ using Korva::AddressFamily;
 using Korva::Ip6Addr;
 using Korva::IpAddr;
 using Korva::IpGenAddr;
+using KorvaTest::expectPredicate;
 using KorvaTest::parseFailure;
 
 IpGenAddr gen(std::string_view text) {
@@ -26,23 +24,15 @@ IpGenAddr gen(std::string_view text) {
 
 TEST(IpGenAddrParse, FamilyFromText) {
   EXPECT_EQ(gen("1.2.3.4"), IpGenAddr(IpAddr(1, 2, 3, 4)));
-  EXPECT_EQ(gen("1.2.3.4").af(), AddressFamily::ipv4);
-  EXPECT_EQ(gen("::ffff:1.2.3.4").af(), AddressFamily::ipv6);
-  EXPECT_EQ(gen("::ffff:1.2.3.4").v6Addr(), Ip6Addr(0, 0, 0, 0, 0, 0xffff, 0x102, 0x304));
+  EXPECT_EQ(gen("::ffff:1.2.3.4"), IpGenAddr(Ip6Addr(0, 0, 0, 0, 0, 0xffff, 0x102, 0x304)));
   EXPECT_EQ(gen("::"), IpGenAddr(Ip6Addr()));
-  EXPECT_EQ(gen("::").af(), AddressFamily::ipv6);
-}
-
-TEST(IpGenAddrParse, AfHint) {
   auto hint = [](std::string_view text) {
     return Korva::sequenceToAfHint(text.data(), text.data() + text.size());
   };
   EXPECT_EQ(hint("1.2.3.4"), AddressFamily::ipv4);
-  EXPECT_EQ(hint("1:2::"), AddressFamily::ipv6);
   EXPECT_EQ(hint("::1.2.3.4"), AddressFamily::ipv6);
   EXPECT_EQ(hint("abc/1.2"), AddressFamily::ipunknown);
   EXPECT_EQ(hint("1234"), AddressFamily::ipunknown);
-  EXPECT_EQ(hint(""), AddressFamily::ipunknown);
 }
 
 TEST(IpGenAddrParse, SequenceInsideACompositeText) {
@@ -74,34 +64,24 @@ TEST(IpGenAddrParse, RandomRoundTripOfBothFamilies) {
 }
 
 TEST(AddressFamilyText, EnumeratorNames) {
-  EXPECT_EQ(valueToStrep(AddressFamily::ipunknown), "ipunknown");
-  EXPECT_EQ(valueToStrep(AddressFamily::ipv4), "ipv4");
-  EXPECT_EQ(valueToStrep(AddressFamily::ipv6), "ipv6");
   for (auto af : {AddressFamily::ipunknown, AddressFamily::ipv4, AddressFamily::ipv6}) {
     EXPECT_EQ(Mox::valueFromText<AddressFamily>(valueToStrep(af), "bad"), af);
   }
+  EXPECT_EQ(valueToStrep(AddressFamily::ipunknown), "ipunknown");
   EXPECT_THROW(Mox::valueFromText<AddressFamily>("ipv5", "bad"), Mox::RangeException);
 }
 
 // --- print ---
 
-TEST(IpGenAddrPrint, PerFamily) {
-  EXPECT_EQ(IpGenAddr(IpAddr(10, 0, 0, 1)).stringValue(), "10.0.0.1");
-  EXPECT_EQ(gen("2001:DB8::1").stringValue(), "2001:db8::1");
+TEST(IpGenAddrPrint, TextAndBytesPerFamily) {
   EXPECT_EQ(IpGenAddr().stringValue(), "::");
   EXPECT_EQ(IpGenAddr(AddressFamily::ipv4).stringValue(), "0.0.0.0");
   std::ostringstream os;
   os << gen("1.2.3.4") << ' ' << gen("::1") << ' ' << AddressFamily::ipv6;
   EXPECT_EQ(os.str(), "1.2.3.4 ::1 ipv6");
-}
-
-TEST(IpGenAddrPrint, BytesPerFamily) {
   const IpGenAddr v4 = gen("10.1.2.3");
-  EXPECT_EQ(v4.size(), 4u);
   EXPECT_EQ(v4.bytes(), std::string("\x0a\x01\x02\x03", 4));
-  const IpGenAddr v6 = gen("fe80::1");
-  EXPECT_EQ(v6.size(), 16u);
-  EXPECT_EQ(v6.bytes(), std::string("\xfe\x80\0\0\0\0\0\0\0\0\0\0\0\0\0\x01", 16));
+  EXPECT_EQ(gen("fe80::1").bytes(), std::string("\xfe\x80\0\0\0\0\0\0\0\0\0\0\0\0\0\x01", 16));
   EXPECT_EQ(IpGenAddr().size(), 16u);
   // The IPv4 word sits in the first four bytes of the area, the rest zero.
   EXPECT_EQ(v4.privateV6Addr(), Ip6Addr(0x0a01, 0x0203, 0, 0, 0, 0, 0, 0));
@@ -112,8 +92,6 @@ TEST(IpGenAddrPrint, BytesPerFamily) {
 TEST(IpGenAddrOrder, FamilyFirst) {
   EXPECT_LT(gen("255.255.255.255"), gen("::"));
   EXPECT_LT(IpGenAddr(), gen("0.0.0.0"));
-  EXPECT_LT(gen("10.0.0.1"), gen("10.0.0.2"));
-  EXPECT_LT(gen("9.255.255.255"), gen("10.0.0.0"));
   EXPECT_LT(gen("::1"), gen("::2"));
   EXPECT_NE(IpGenAddr(AddressFamily::ipv4), IpGenAddr(AddressFamily::ipv6));
   std::mt19937 rng(22);
@@ -138,31 +116,21 @@ TEST(IpGenAddrHash, FamilyHashes) {
   EXPECT_EQ(gen("1.2.3.4").hash(), IpAddr(1, 2, 3, 4).hash());
   EXPECT_EQ(gen("2001:db8::1").hash(), Ip6Addr("2001:db8::1").hash());
   EXPECT_EQ(IpGenAddr().hash(), 0u);
-  std::unordered_set<IpGenAddr> set{gen("1.2.3.4"), gen("::1.2.3.4"), gen("1.2.3.4")};
-  EXPECT_EQ(set.size(), 2u);
 }
 
 // --- predicates ---
 
 TEST(IpGenAddrPredicates, DelegateToTheFamily) {
-  EXPECT_TRUE(gen("224.0.0.1").isMulticast());
-  EXPECT_TRUE(gen("ff02::1").isMulticast());
-  EXPECT_FALSE(gen("255.255.255.255").isUnicast());
-  EXPECT_TRUE(gen("127.0.0.1").isLoopback());
-  EXPECT_TRUE(gen("::1").isLoopback());
-  EXPECT_TRUE(gen("127.0.0.0").isLoopbackBase());
-  EXPECT_FALSE(gen("::").isLoopbackBase());
-  EXPECT_TRUE(gen("169.254.0.1").isLinkLocal());
-  EXPECT_TRUE(gen("169.254.0.1").isLinkLocalUnicast());
-  EXPECT_TRUE(gen("ff02::1").isLinkLocal());
-  EXPECT_FALSE(gen("ff02::1").isLinkLocalUnicast());
-  EXPECT_TRUE(gen("0.0.0.0").isUnspecified());
-  EXPECT_FALSE(gen("0.0.0.1").isUnspecified());
-  EXPECT_TRUE(gen("::").isUnspecified());
-  EXPECT_TRUE(gen("224.0.0.13").isPimRouters());
-  EXPECT_TRUE(gen("ff02::d").isPimRouters());
-  EXPECT_TRUE(gen("240.0.0.1").isReserved());
-  EXPECT_FALSE(gen("f000::1").isReserved());
+  using A = IpGenAddr;
+  expectPredicate<A>(&A::isMulticast, {"224.0.0.1", "ff02::1"});
+  expectPredicate<A>(&A::isUnicast, {}, {"255.255.255.255"});
+  expectPredicate<A>(&A::isLoopback, {"127.0.0.1", "::1"});
+  expectPredicate<A>(&A::isLoopbackBase, {"127.0.0.0"}, {"::"});
+  expectPredicate<A>(&A::isLinkLocal, {"169.254.0.1", "ff02::1"});
+  expectPredicate<A>(&A::isLinkLocalUnicast, {"169.254.0.1"}, {"ff02::1"});
+  expectPredicate<A>(&A::isUnspecified, {"0.0.0.0", "::"}, {"0.0.0.1"});
+  expectPredicate<A>(&A::isPimRouters, {"224.0.0.13", "ff02::d"});
+  expectPredicate<A>(&A::isReserved, {"240.0.0.1"}, {"f000::1"});
   // No family answers as the IPv6 zero address.
   EXPECT_TRUE(IpGenAddr().isUnspecified());
   EXPECT_TRUE(IpGenAddr().isUnicast());
@@ -174,8 +142,7 @@ TEST(IpGenAddrPredicates, DelegateToTheFamily) {
 TEST(IpGenAddrPredicates, SettingAViewSetsTheFamily) {
   IpGenAddr a(AddressFamily::ipv6);
   a.v4AddrIs(IpAddr(1, 2, 3, 4));
-  EXPECT_EQ(a.af(), AddressFamily::ipv4);
-  EXPECT_EQ(a.v4Addr(), IpAddr(1, 2, 3, 4));
+  EXPECT_EQ(a, gen("1.2.3.4"));
   a.v6AddrIs(Ip6Addr("1::"));
   EXPECT_EQ(a.af(), AddressFamily::ipv6);
   a.v4AddrIs(IpAddr());
@@ -186,13 +153,16 @@ TEST(IpGenAddrPredicates, SettingAViewSetsTheFamily) {
 
 TEST(IpGenAddrFailures, Texts) {
   const IpGenAddr before = gen("9.9.9.9");
-  EXPECT_EQ(parseFailure("", before), "Invalid IpGenAddr");
-  EXPECT_EQ(parseFailure("1234", before), "Invalid IpGenAddr");
-  EXPECT_EQ(parseFailure("/1.2.3.4", before), "Invalid IpGenAddr");
-  EXPECT_EQ(parseFailure("1.2.3", before), "Invalid IpAddr");
-  EXPECT_EQ(parseFailure("1.2.3.4 ", before), "Invalid IpAddr");
-  EXPECT_EQ(parseFailure("1::2::3", before), "Ip6Addr: only one '::' allowed");
-  EXPECT_EQ(parseFailure("::1 ", before), "Ip6Addr: unexpected trailing characters");
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "Invalid IpGenAddr"},
+      {"1234", "Invalid IpGenAddr"},
+      {"/1.2.3.4", "Invalid IpGenAddr"},
+      {"1.2.3", "Invalid IpAddr"},
+      {"1.2.3.4 ", "Invalid IpAddr"},
+      {"1::2::3", "Ip6Addr: only one '::' allowed"},
+      {"::1 ", "Ip6Addr: unexpected trailing characters"},
+  };
+  for (const auto& [text, message] : cases) EXPECT_EQ(parseFailure(text, before), message) << text;
 }
 
 }  // namespace

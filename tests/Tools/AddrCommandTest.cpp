@@ -1,48 +1,19 @@
 // Runs the built korva tool's addr command as a user would, through the shell.
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
-#include <string>
+
+#include "KorvaToolRun.h"
 
 namespace {
 
-struct ToolRun {
-  std::string output;
-  int status = -1;
-};
+using KorvaTest::ToolRun;
 
-class AddrCommand : public ::testing::Test {
+class AddrCommand : public KorvaTest::KorvaTool {
  protected:
-  void SetUp() override {
-    if (access(korva_.c_str(), X_OK) != 0) GTEST_FAIL() << "korva tool not built: " << korva_;
-  }
-  void TearDown() override { std::remove(inputPath_.c_str()); }
-
-  // `korva addr <arguments>` with `input` on standard input; standard output only.
-  ToolRun run(const std::string& arguments, const std::string& input = "") {
-    std::ofstream(inputPath_, std::ios::binary) << input;
-    const std::string command = korva_ + " addr " + arguments + " < " + inputPath_ + " 2>/dev/null";
-    ToolRun result;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) return result;
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
-    int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
-  }
-
-  std::string korva_ = std::string(KORVA_BINARY_DIR) + "/korva";
-  std::string inputPath_ =
-      ::testing::TempDir() + "korva-addr-input-" + std::to_string(getpid()) + ".txt";
+  AddrCommand() : KorvaTool("addr") {}
 };
 
 TEST_F(AddrCommand, ArgumentsPrintCanonicalTexts) {

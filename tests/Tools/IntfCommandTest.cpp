@@ -1,50 +1,20 @@
 // Runs the built korva tool's intf command as a user would, through the shell.
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <nlohmann/json.hpp>
 
-#include <cstdio>
-#include <fstream>
-#include <string>
+#include "KorvaToolRun.h"
 
 namespace {
 
-class IntfCommand : public ::testing::Test {
+using KorvaTest::ToolRun;
+
+class IntfCommand : public KorvaTest::KorvaTool {
  protected:
-  struct Run {
-    std::string output;
-    int status = -1;
-  };
-
-  void SetUp() override {
-    if (access(korva_.c_str(), X_OK) != 0) GTEST_FAIL() << "korva tool not built: " << korva_;
-  }
-  void TearDown() override { std::remove(inputPath_.c_str()); }
-
-  // `korva intf <arguments>` with `input` on standard input; standard output only.
-  Run run(const std::string& arguments, const std::string& input = "") {
-    std::ofstream(inputPath_, std::ios::binary) << input;
-    const std::string command = korva_ + " intf " + arguments + " < " + inputPath_ + " 2>/dev/null";
-    Run result;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) return result;
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
-    const int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
-  }
-
-  std::string korva_ = std::string(KORVA_BINARY_DIR) + "/korva";
-  std::string inputPath_ =
-      ::testing::TempDir() + "korva-intf-input-" + std::to_string(getpid()) + ".txt";
+  IntfCommand() : KorvaTool("intf") {}
 };
 
 TEST_F(IntfCommand, EveryFormGivesAllForms) {
-  const Run r = run("Ethernet3/1 et3_1.100 Po10 vlan100 Lo0");
+  const ToolRun r = run("Ethernet3/1 et3_1.100 Po10 vlan100 Lo0");
   EXPECT_EQ(r.output,
             "Ethernet3/1 Et3/1 et3_1 0x00000c0102000000\n"
             "Ethernet3/1.100 Et3/1.100 et3_1.100 0x00000c0102000064\n"
@@ -55,7 +25,7 @@ TEST_F(IntfCommand, EveryFormGivesAllForms) {
 }
 
 TEST_F(IntfCommand, FailuresPrintTheErrorAndSetTheStatus) {
-  const Run r = run("", "Vlan5\r\nFoo1\nVl0\n");
+  const ToolRun r = run("", "Vlan5\r\nFoo1\nVl0\n");
   EXPECT_EQ(r.output,
             "Vlan5 Vl5 vlan5 0x000000000a000005\n"
             "error: Unable to convert short if name to VEX if name\n"
@@ -64,14 +34,15 @@ TEST_F(IntfCommand, FailuresPrintTheErrorAndSetTheStatus) {
 }
 
 TEST_F(IntfCommand, SortPrintsLongNamesInNaturalOrder) {
-  const Run r = run("--sort", "Ethernet10\nvlan2\nEt2\nEthernet1/1\nEthernet1\nLo0\nEthernet1.5\n");
+  const ToolRun r =
+      run("--sort", "Ethernet10\nvlan2\nEt2\nEthernet1/1\nEthernet1\nLo0\nEthernet1.5\n");
   EXPECT_EQ(r.output,
             "Ethernet1\nEthernet1.5\nEthernet1/1\nEthernet2\nEthernet10\nLoopback0\nVlan2\n");
   EXPECT_EQ(r.status, 0);
 }
 
 TEST_F(IntfCommand, JsonCarriesEveryForm) {
-  const Run r = run("--json Management1/1 Bogus");
+  const ToolRun r = run("--json Management1/1 Bogus");
   const auto json = nlohmann::json::parse(r.output);
   ASSERT_EQ(json.size(), 2u);
   EXPECT_EQ(json[0]["long"], "Management1/1");

@@ -11,14 +11,15 @@ long AllocationCounter::count() noexcept {
   return allocations;
 }
 
-void* operator new(std::size_t size) {
+// Out of line, so the compiler does not pair malloc() and free() with new and delete.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   ++allocations;
   if (void* p = std::malloc(size ? size : 1)) return p;
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept {
+[[gnu::noinline]] void operator delete(void* p) noexcept {
   std::free(p);
 }
-void operator delete(void* p, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept {
   std::free(p);
 }

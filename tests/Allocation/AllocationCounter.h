@@ -1,6 +1,6 @@
 #pragma once
 // Every global operator new in this test binary is counted, so tests can show that a code
-// path never touches the heap.
+// path never touches the heap. The binary is its own, so the replacement affects nothing else.
 
 namespace AllocationCounter {
 

@@ -1,0 +1,52 @@
+#pragma once
+// Runs a command of the built korva tool as a user would, through the shell.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+namespace KorvaTest {
+
+struct ToolRun {
+  std::string output;
+  int status = -1;
+};
+
+// A fixture for `korva <command>`; the input file is private to the process.
+class KorvaTool : public ::testing::Test {
+ protected:
+  explicit KorvaTool(std::string command) : command_(std::move(command)) {}
+
+  void SetUp() override {
+    if (access(korva_.c_str(), X_OK) != 0) GTEST_FAIL() << "korva tool not built: " << korva_;
+  }
+  void TearDown() override { std::remove(inputPath_.c_str()); }
+
+  // `korva <command> <arguments>` with `input` on standard input; standard output only.
+  ToolRun run(const std::string& arguments, const std::string& input = "") {
+    std::ofstream(inputPath_, std::ios::binary) << input;
+    const std::string shell =
+        korva_ + " " + command_ + " " + arguments + " < " + inputPath_ + " 2>/dev/null";
+    ToolRun result;
+    FILE* pipe = popen(shell.c_str(), "r");
+    if (!pipe) return result;
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
+    const int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+  }
+
+ private:
+  std::string command_;
+  std::string korva_ = std::string(KORVA_BINARY_DIR) + "/korva";
+  std::string inputPath_ =
+      ::testing::TempDir() + "korva-" + command_ + "-input-" + std::to_string(getpid()) + ".txt";
+};
+
+}  // namespace KorvaTest
