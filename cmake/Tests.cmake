@@ -38,3 +38,4 @@ foreach(dir ${test_dirs})
 endforeach()
 
 include(cmake/ToolTests.cmake OPTIONAL)
+include(cmake/InstallTest.cmake)
