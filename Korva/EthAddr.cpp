@@ -60,14 +60,16 @@ void checkIndex(unsigned index, unsigned limit, const char* message) {
 }
 
 // The form almost every text has: two digits per byte, ':' or '-' between them. Decodes it
-// without branching per field; false sends the text to the general reader.
-bool readTwoDigitFields(TextIter& it, TextIter end, U8* out, unsigned count) noexcept {
-  const size_t length = 3 * count - 1;
+// without branching per field (the count is a constant, so the loop unrolls); false sends
+// the text to the general reader.
+template <unsigned count>
+bool readTwoDigitFields(TextIter& it, TextIter end, U8* out) noexcept {
+  constexpr size_t length = 3 * count - 1;
   if (size_t(end - it) < length) return false;
   const char separator = it[2];
   if (separator != ':' && separator != '-') return false;
   if (size_t(end - it) > length && hexValue(it[length]) >= 0) return false;
-  U8 bytes[8];
+  U8 bytes[count];
   int invalid = 0;
   for (unsigned i = 0; i < count; ++i) {
     const char* field = it + 3 * i;
@@ -85,7 +87,9 @@ bool readTwoDigitFields(TextIter& it, TextIter end, U8* out, unsigned count) noe
 
 // The whole reader; internal so that the library's own parsers call it directly.
 void readWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
-  if (readTwoDigitFields(it, end, bytes, count)) return;
+  const bool common = count == EthAddr::kBytes ? readTwoDigitFields<EthAddr::kBytes>(it, end, bytes)
+                                               : readTwoDigitFields<Eui64::kBytes>(it, end, bytes);
+  if (common) return;
   TextIter p = it;
   U32 field = 0;
   // The character after the first field fixes the separator for the whole text.

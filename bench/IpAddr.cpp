@@ -1,7 +1,6 @@
-// Address text parsing and printing against glibc's inet_pton / inet_ntop, measured side by
-// side in the same benchmark so the ratio comes from one run: ratio = glibc time / our time,
-// so 1.0 or more means ours is at least as fast. allocs_per_op counts heap allocations made
-// by our side (global operator new is replaced below).
+// Address text parsing and printing against glibc's inet_pton / inet_ntop, side by side
+// (SideBySide.h). allocs_per_op counts heap allocations made by our side (global operator
+// new is replaced below).
 
 #include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
@@ -9,8 +8,9 @@
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 
+#include "SideBySide.h"
+
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <new>
 #include <random>
@@ -36,40 +36,14 @@ size_t allocations = 0;
 
 namespace {
 
+using bench::batch;
 using Korva::Ip6Addr;
 using Korva::IpAddr;
-using Clock = std::chrono::steady_clock;
 
-constexpr size_t batch = 1024;
-
-// Runs `ours` and `baseline` over the same batch of inputs in every iteration and reports
-// both per-operation times, their ratio and our allocations per operation. Times are those
-// of each side's fastest batch: the machine is shared, and a batch that was preempted says
-// nothing about the code, so the best of many batches is the fair figure for both sides.
+// Our side against glibc's, counting our allocations.
 template <class Ours, class Baseline>
 void compare(benchmark::State& state, Ours ours, Baseline baseline) {
-  auto best = Clock::duration::max();
-  auto bestBaseline = Clock::duration::max();
-  size_t ourAllocations = 0;
-  for (auto _ : state) {
-    const auto t0 = Clock::now();
-    const size_t before = allocations;
-    for (size_t i = 0; i < batch; ++i) ours(i);
-    ourAllocations += allocations - before;
-    const auto t1 = Clock::now();
-    for (size_t i = 0; i < batch; ++i) baseline(i);
-    const auto t2 = Clock::now();
-    best = std::min(best, t1 - t0);
-    bestBaseline = std::min(bestBaseline, t2 - t1);
-  }
-  auto perOp = [](Clock::duration d) {
-    return std::chrono::duration<double, std::nano>(d).count() / batch;
-  };
-  state.counters["ours_ns"] = perOp(best);
-  state.counters["glibc_ns"] = perOp(bestBaseline);
-  state.counters["ratio"] = perOp(bestBaseline) / perOp(best);
-  state.counters["allocs_per_op"] =
-      static_cast<double>(ourAllocations) / (static_cast<double>(state.iterations()) * batch);
+  bench::compareSideBySide(state, "glibc", ours, baseline, &allocations);
 }
 
 std::vector<IpAddr> randomIpAddrs() {
