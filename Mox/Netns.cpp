@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -29,7 +31,11 @@ int fail(const std::string& step, int error) {
   return -1;
 }
 
-// One thread parked inside a namespace, making sockets there on request.
+// One thread parked inside a namespace, making sockets there on request. A request and
+// its answer pass through `phase_`; each side first spins briefly (yielding the core) and
+// only then sleeps, because waking a sleeping thread on another core costs tens of
+// microseconds on a virtual machine, more than the socket itself, and agents tend to open
+// their sockets in bursts.
 class NamespaceWorker {
  public:
   // Starts the worker in the namespace whose file `path` is; nullptr and errno on failure.
@@ -43,22 +49,24 @@ class NamespaceWorker {
   int socket(int domain, int type, int protocol);
 
  private:
-  enum class State { starting, ready, failed };
+  enum class Phase { starting, failed, idle, requested, answered, stopping };
   struct Request {
     int domain, type, protocol;
   };
+  static constexpr auto kSpin = std::chrono::microseconds(200);
 
   NamespaceWorker(const struct stat& file) : device_(file.st_dev), inode_(file.st_ino) {}
   void run(std::string path);
+  void phaseIs(Phase phase);
+  // Waits until the phase is one of the two given; returns it.
+  Phase awaitPhase(Phase wanted, Phase orElse);
 
   dev_t device_;
   ino_t inode_;
-  std::mutex mutex_;
+  std::mutex requesters_;  // one request at a time
+  std::mutex mutex_;       // guards sleeping on wake_
   std::condition_variable wake_;
-  State state_ = State::starting;
-  bool stopping_ = false;
-  bool hasRequest_ = false;
-  bool hasAnswer_ = false;
+  std::atomic<Phase> phase_{Phase::starting};
   Request request_{};
   int result_ = -1;
   int error_ = 0;
@@ -69,11 +77,8 @@ std::unique_ptr<NamespaceWorker> NamespaceWorker::start(const std::string& path,
                                                         const struct stat& file) {
   std::unique_ptr<NamespaceWorker> worker(new NamespaceWorker(file));
   worker->thread_ = std::thread(&NamespaceWorker::run, worker.get(), path);
-  std::unique_lock lock(worker->mutex_);
-  worker->wake_.wait(lock, [&] { return worker->state_ != State::starting; });
-  if (worker->state_ == State::failed) {
+  if (worker->awaitPhase(Phase::idle, Phase::failed) == Phase::failed) {
     int error = worker->error_;
-    lock.unlock();
     worker.reset();
     errno = error;
   }
@@ -81,47 +86,54 @@ std::unique_ptr<NamespaceWorker> NamespaceWorker::start(const std::string& path,
 }
 
 NamespaceWorker::~NamespaceWorker() {
+  if (phase_.load() != Phase::failed) phaseIs(Phase::stopping);
+  if (thread_.joinable()) thread_.join();
+}
+
+void NamespaceWorker::phaseIs(Phase phase) {
   {
     std::lock_guard lock(mutex_);
-    stopping_ = true;
+    phase_.store(phase, std::memory_order_release);
   }
   wake_.notify_all();
-  if (thread_.joinable()) thread_.join();
+}
+
+NamespaceWorker::Phase NamespaceWorker::awaitPhase(Phase wanted, Phase orElse) {
+  auto reached = [&] {
+    Phase now = phase_.load(std::memory_order_acquire);
+    return now == wanted || now == orElse;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + kSpin;
+  while (!reached() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  if (!reached()) {
+    std::unique_lock lock(mutex_);
+    wake_.wait(lock, reached);
+  }
+  return phase_.load(std::memory_order_acquire);
 }
 
 void NamespaceWorker::run(std::string path) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   int entered = fd < 0 ? -1 : ::setns(fd, CLONE_NEWNET);
-  int error = errno;
+  error_ = errno;
   if (fd >= 0) ::close(fd);
-  std::unique_lock lock(mutex_);
-  state_ = entered == 0 ? State::ready : State::failed;
-  error_ = error;
-  wake_.notify_all();
-  if (state_ == State::failed) return;
-  for (;;) {
-    wake_.wait(lock, [&] { return stopping_ || hasRequest_; });
-    if (stopping_) return;
+  phaseIs(entered == 0 ? Phase::idle : Phase::failed);
+  if (entered != 0) return;
+  while (awaitPhase(Phase::requested, Phase::stopping) == Phase::requested) {
     result_ = ::socket(request_.domain, request_.type, request_.protocol);
     error_ = errno;
-    hasRequest_ = false;
-    hasAnswer_ = true;
-    wake_.notify_all();
+    phaseIs(Phase::answered);
   }
 }
 
 int NamespaceWorker::socket(int domain, int type, int protocol) {
-  std::unique_lock lock(mutex_);
-  wake_.wait(lock, [&] { return !hasRequest_ && !hasAnswer_; });
+  std::lock_guard serial(requesters_);
   request_ = {domain, type, protocol};
-  hasRequest_ = true;
-  wake_.notify_all();
-  wake_.wait(lock, [&] { return hasAnswer_; });
-  hasAnswer_ = false;
-  int result = result_;
-  int error = error_;
-  wake_.notify_all();  // let the next caller in
-  lock.unlock();
+  phaseIs(Phase::requested);
+  awaitPhase(Phase::answered, Phase::answered);
+  const int result = result_;
+  const int error = error_;
+  phase_.store(Phase::idle, std::memory_order_relaxed);
   errno = error;
   return result;
 }
