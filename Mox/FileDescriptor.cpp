@@ -99,11 +99,13 @@ void FileDescriptor::ready(U32 events) {
   Ptr<FileDescriptor> keepAlive(this);
   if ((events & kReadableEvents) && notifyOnReadable_) {
     ++readableCount_;
+    MOX_TRACE(trace, 9, name() << ": readable #" << readableCount_);
     notify<Notifiee>([](Notifiee& notifiee) { notifiee.onReadableCount(); });
   }
   // A readable reactor may have switched writable notification off, or closed the descriptor.
   if ((events & kWritableEvents) && notifyOnWritable_ && descriptor_ >= 0) {
     ++writableCount_;
+    MOX_TRACE(trace, 9, name() << ": writable #" << writableCount_);
     notify<Notifiee>([](Notifiee& notifiee) { notifiee.onWritableCount(); });
   }
 }

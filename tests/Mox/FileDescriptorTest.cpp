@@ -1,6 +1,7 @@
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
 #include <Mox/FileDescriptor.h>
+#include <Mox/Trace.h>
 
 #include <gtest/gtest.h>
 
@@ -209,6 +210,16 @@ TEST_F(FileDescriptorTest, HangUpIsReportedAsReadable) {
   EXPECT_EQ(fd->readableCount(), 1u);
   char byte;
   EXPECT_EQ(read(fd->descriptor(), &byte, 1), 0);
+}
+
+TEST_F(FileDescriptorTest, ReadinessIsTracedAtLevelNine) {
+  Mox::TraceCapture capture;
+  Mox::traceConfigIs("FileDescriptor/9");
+  auto fd = readEnd();
+  writeByte();
+  turns(2);
+  Mox::traceConfigIs("");
+  EXPECT_TRUE(capture.contains("pipe: readable #2"));
 }
 
 // --- notifiees ---
