@@ -89,7 +89,7 @@ TEST(DeferClose, FullRingClosesInline) {
 
   std::vector<int> queued;
   while (stats.enqueued.load() - stats.closed.load() < Korva::DeferCloseStats::ringSize) {
-    int fd = dup(0);
+    int fd = open("/dev/null", O_RDONLY);
     ASSERT_GE(fd, 0);
     queued.push_back(fd);
     ASSERT_EQ(Korva::deferClose(fd), 0);
@@ -98,7 +98,7 @@ TEST(DeferClose, FullRingClosesInline) {
   for (int fd : queued) EXPECT_TRUE(isOpen(fd)) << "queued behind the blocked close";
 
   const Mox::U32 inlineBefore = stats.closedInline.load();
-  int extra = dup(0);
+  int extra = open("/dev/null", O_RDONLY);
   EXPECT_EQ(Korva::deferClose(extra), 0);
   EXPECT_FALSE(isOpen(extra));
   EXPECT_EQ(stats.closedInline.load(), inlineBefore + 1);
