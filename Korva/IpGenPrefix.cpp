@@ -349,10 +349,10 @@ void sequenceToValue(TextIter& it, TextIter end, IpGenAddrWithMask* value) {
       return;
     }
     case AddressFamily::ipv4: {
-      IpAddr address;
-      U32 len;
-      readV4AddressAndLen(it, end, &address, &len);
-      *value = IpGenAddrWithMask(IpAddrWithMask(address, len));
+      // Unlike the prefix reader, the IPv4 address-with-length reader demands its length.
+      IpAddrWithMask read;
+      sequenceToValue(it, end, &read);
+      *value = IpGenAddrWithMask(read);
       return;
     }
     default:
