@@ -123,14 +123,15 @@ int interfaceIndexAt(int fd, const Mox::String8& devName) {
   return request.ifr_ifindex;
 }
 
-// The socket is made anew; a failure leaves the Pam disabled, without a socket.
+// The socket is made anew; a failure leaves the Pam in its mode without a socket, so a
+// later change of namespace or mode tries again.
 void renewSocket(UdpPam& pam) {
   pam.doDelSocket();
   if (pam.mode() == UdpPam::Mode::disabled) return;
   try {
     pam.doNewSocket();
   } catch (...) {
-    pam.modeIs(UdpPam::Mode::disabled);
+    pam.doDelSocket();
     throw;
   }
 }
@@ -342,8 +343,8 @@ void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
       cmsg->cmsg_level = IPPROTO_IP;
       cmsg->cmsg_type = IP_PKTINFO;
       cmsg->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+      // IPv4 packet information carries the source only: routing picks the interface.
       in_pktinfo pktInfo{};
-      pktInfo.ipi_ifindex = int(txIfIndex());
       pktInfo.ipi_spec_dst.s_addr = txSrcIpAddr().valueNbo();
       std::memcpy(CMSG_DATA(cmsg), &pktInfo, sizeof pktInfo);
     }
