@@ -72,10 +72,15 @@ int setLoUp(const Mox::String8& name) {
   return result < 0 ? -1 : 0;
 }
 
-// Returns the calling thread to the namespace it came from and closes the saved descriptor.
-void returnToNamespace(int savedNs, const Mox::String8& name) {
-  if (setns(savedNs, CLONE_NEWNET) < 0) traceFailure("Cannot setns back from " + name + " : ");
+// Returns the calling thread to the namespace it came from and closes the saved descriptor;
+// -1 when the thread could not go back.
+int returnToNamespace(int savedNs, const Mox::String8& name) {
+  int result = setns(savedNs, CLONE_NEWNET);
+  if (result < 0) traceFailure("Cannot setns back from " + name + " : ");
+  int error = errno;
   MOX_ASSERT_TEXT(close(savedNs) == 0, "close( curr_netns_fd ) == 0");
+  errno = error;
+  return result;
 }
 
 }  // namespace
@@ -130,6 +135,7 @@ int netNsDelete(const Mox::String8& name) {
     errno = error;
     return -1;
   }
+  Mox::netnsForget(name.c_str());
   // Not mounted (a half-made name) is fine: the file still has to go.
   if (umount2(path.c_str(), MNT_DETACH) < 0 && errno != EINVAL) {
     traceFailure("Cannot umount " + path + " : ");
@@ -234,8 +240,7 @@ int netNsAdd(const Mox::String8& name) {
   if (name != DEFAULT_NS && setLoUp(name) < 0) {
     MOX_TRACE(trace, 0, "Cannot configure interface lo. : " << strerror(errno));
   }
-  returnToNamespace(savedNs, name);
-  return 0;
+  return returnToNamespace(savedNs, name) < 0 ? -1 : 0;
 }
 
 int netNsAddEvenIfPresent(const Mox::String8& name) {

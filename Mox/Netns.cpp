@@ -199,6 +199,19 @@ int netnsSocketAt(int domain, int type, int protocol, const char* name) {
   return fd;
 }
 
+void netnsForget(const char* name) {
+  std::shared_ptr<NamespaceWorker> worker;
+  {
+    WorkerRegistry& registry = workers();
+    std::lock_guard lock(registry.mutex);
+    auto found = registry.byName.find(name);
+    if (found == registry.byName.end()) return;
+    worker = std::move(found->second);
+    registry.byName.erase(found);
+  }
+  // The worker stops and is joined when its last request, if one is under way, is done.
+}
+
 const char* netnsGetTracebuffer() {
   return traceBuffer.c_str();
 }

@@ -25,6 +25,10 @@ int setnsByName(const char* name);
 // name and replaced when the name comes to denote another namespace.
 int netnsSocketAt(int domain, int type, int protocol, const char* name);
 
+// Ends the worker kept for the name, if any: a worker would keep a deleted namespace (and
+// whatever interfaces it holds) alive.
+void netnsForget(const char* name);
+
 // Text of the last failure of the functions above on this thread ("" when none).
 const char* netnsGetTracebuffer();
 

@@ -2,6 +2,7 @@
 #include <Korva/NetnsUtils.h>
 #include <Mox/Trace.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/sockios.h>
 #include <net/if.h>
@@ -143,6 +144,31 @@ TEST_F(NetnsUtils, SocketAtOpensInTheNamedNamespaceWithoutMovingTheCaller) {
   ASSERT_GE(unnamed, 0);
   EXPECT_EQ(socketNsInode(unnamed), own);
   close(unnamed);
+}
+
+// Whether any thread of this process is inside the namespace with that inode.
+bool anyThreadIn(Mox::U64 inode) {
+  DIR* tasks = opendir("/proc/self/task");
+  bool found = false;
+  while (dirent* task = readdir(tasks)) {
+    if (task->d_name[0] == '.') continue;
+    const std::string path = std::string("/proc/self/task/") + task->d_name + "/ns/net";
+    found |= inodeOf(path.c_str()) == inode;
+  }
+  closedir(tasks);
+  return found;
+}
+
+TEST_F(NetnsUtils, DeleteLetsTheNamespaceGo) {
+  ScopedNs ns;
+  ASSERT_EQ(netNsAdd(ns.name()), 0);
+  const Mox::U64 inode = netNsInode(ns.name());
+  int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_TRUE(anyThreadIn(inode)) << "the socket worker lives there";
+  ASSERT_EQ(netNsDelete(ns.name()), 0);
+  EXPECT_FALSE(anyThreadIn(inode)) << "no thread may keep a deleted namespace alive";
 }
 
 TEST_F(NetnsUtils, SocketAtAMissingNamespaceKeepsErrno) {
