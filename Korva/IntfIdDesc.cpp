@@ -339,7 +339,7 @@ void IntfIdMgr::initializedIs(bool initialized) {
 
 void IntfIdMgr::handleInitialized() {
   MOX_ASSERT(!initialized());
-  MOX_ASSERT(!trie_);
+  MOX_ASSERT_TEXT(!trie_, "!trie");
   trie_ = std::make_unique<IntfIdTrie>();
   trie_->rebuild(descs_);
   IntfIdDescPluginLoader::DefaultPluginLoader()->loadPlugins(this);
@@ -369,6 +369,8 @@ void IntfIdMgr::handleIntfIdDesc(U8 typeId) {
 }
 
 U64 IntfIdMgr::stringToIntfId(std::string_view name) const {
+  // The empty name is the null identifier, however few layouts the trie has to tell apart.
+  if (name.empty()) return IntfId::kNullValue;
   // Numbers from the end of the name: parts[0] is the last one. One more slot than a
   // layout has parts, for the sub-interface 0 that a name without ".n" gets.
   std::array<U64, IntfIdDesc::maxParts + 1> parts;

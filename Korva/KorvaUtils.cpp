@@ -88,12 +88,9 @@ std::string replaced(std::string text, char from, char to) {
 }
 
 // The order pattern, compiled once per process (with JIT where the platform has it) and
-// kept for the life of the process, with one match-data block for each side of a
-// comparison.
+// kept for the life of the process.
 struct NamePattern {
   pcre2_code* code = nullptr;
-  pcre2_match_data* a = nullptr;
-  pcre2_match_data* b = nullptr;
 };
 
 constexpr const char* kNamePattern =
@@ -124,14 +121,28 @@ NamePattern compileNamePattern() {
     orderAssert(false, "false");
   }
   pcre2_jit_compile(pattern.code, PCRE2_JIT_COMPLETE);  // falls back to the interpreter
-  pattern.a = pcre2_match_data_create(kCapturePairs, nullptr);
-  pattern.b = pcre2_match_data_create(kCapturePairs, nullptr);
   return pattern;
 }
 
 const NamePattern& namePattern() {
   static const NamePattern pattern = compileNamePattern();
   return pattern;
+}
+
+// One match-data block for each side of a comparison, per thread: the pattern is the only
+// state threads share, so comparisons on several threads do not overwrite each other.
+struct MatchData {
+  pcre2_match_data* a = pcre2_match_data_create(kCapturePairs, nullptr);
+  pcre2_match_data* b = pcre2_match_data_create(kCapturePairs, nullptr);
+  ~MatchData() {
+    pcre2_match_data_free(a);
+    pcre2_match_data_free(b);
+  }
+};
+
+MatchData& matchData() {
+  thread_local MatchData data;
+  return data;
 }
 
 // Group `i` of the last match, as the caller's own copy; a group that took no part in the
@@ -195,14 +206,15 @@ int intfNameKey(IntfId id, const pcre2_code* pattern, pcre2_match_data* matchDat
 
 S32 compareIntfName(IntfId a, IntfId b) {
   const NamePattern& pattern = namePattern();
-  const int aret = intfNameKey(a, pattern.code, pattern.a);
+  MatchData& match = matchData();
+  const int aret = intfNameKey(a, pattern.code, match.a);
   orderAssert(aret > 1, "aret > 1");
-  const int bret = intfNameKey(b, pattern.code, pattern.b);
+  const int bret = intfNameKey(b, pattern.code, match.b);
   orderAssert(bret > 1, "bret > 1");
   const int n = std::min(aret, bret);
   for (int i = 1; i < n; ++i) {
-    const Group aPart(pattern.a, i);
-    const Group bPart(pattern.b, i);
+    const Group aPart(match.a, i);
+    const Group bPart(match.b, i);
     MOX_TRACE(trace, 1, "a substr=" << aPart.c_str() << ", b substr=" << bPart.c_str());
     int cmp;
     if (i == 1) {
@@ -222,11 +234,11 @@ S32 compareIntfName(IntfId a, IntfId b) {
 }
 
 IntfNameSortKey::IntfNameSortKey(IntfId id) : id_(id) {
-  const NamePattern& pattern = namePattern();
-  groups_ = intfNameKey(id, pattern.code, pattern.a);
+  pcre2_match_data* match = matchData().a;
+  groups_ = intfNameKey(id, namePattern().code, match);
   orderAssert(groups_ > 1, "aret > 1");
-  word_ = Group(pattern.a, 1).c_str();
-  for (int i = 2; i < groups_; ++i) numbers_[i - 2] = Group(pattern.a, i).number();
+  word_ = Group(match, 1).c_str();
+  for (int i = 2; i < groups_; ++i) numbers_[i - 2] = Group(match, i).number();
 }
 
 int IntfNameSortKey::compare(const IntfNameSortKey& other) const noexcept {

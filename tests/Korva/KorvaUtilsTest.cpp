@@ -8,6 +8,8 @@
 #include <functional>
 #include <random>
 #include <set>
+#include <thread>
+#include <vector>
 
 #include "Korva/IntfIdTestSupport.h"
 #include "ValueTestUtil.h"
@@ -130,6 +132,34 @@ TEST_F(IntfNameOrder, NumbersCompareNumericallyAndFewerGroupsFirst) {
   EXPECT_EQ(cmp("Ethernet1.5", "Ethernet1.10"), -1);
   EXPECT_EQ(cmp("Ethernet1/1", "Ethernet1/1"), 0);
   EXPECT_EQ(cmp("Ethernet1/1.3", "Ethernet1/1"), 1);
+}
+
+TEST_F(IntfNameOrder, ThreadsCompareWithoutDisturbingEachOther) {
+  // Once the pattern is compiled, comparisons on several threads must agree with one thread.
+  const std::vector<IntfId> ids = {IntfId("Ethernet2"),   IntfId("Ethernet10"),
+                                   IntfId("Ethernet1/1"), IntfId("Ethernet1/1.3"),
+                                   IntfId("Vlan7"),       IntfId("Port-Channel12")};
+  std::vector<int> expected;
+  for (IntfId a : ids) {
+    for (IntfId b : ids) expected.push_back(Korva::compareIntfName(a, b));
+  }
+  auto agrees = [&] {
+    for (int round = 0; round < 2000; ++round) {
+      size_t k = 0;
+      for (IntfId a : ids) {
+        for (IntfId b : ids) {
+          if (Korva::compareIntfName(a, b) != expected[k++]) return false;
+        }
+      }
+    }
+    return true;
+  };
+  bool otherAgrees = false;
+  std::thread other([&] { otherAgrees = agrees(); });
+  const bool thisAgrees = agrees();
+  other.join();
+  EXPECT_TRUE(thisAgrees);
+  EXPECT_TRUE(otherAgrees);
 }
 
 TEST_F(IntfNameOrder, TypeWordIsTheRawStrcmpValue) {
