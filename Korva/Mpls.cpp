@@ -231,11 +231,12 @@ BoundedMplsLabelStackResult BoundedMplsLabelStack::append(MplsLabel label) {
 
 BoundedMplsLabelStackResult BoundedMplsLabelStack::prepend(MplsLabel label) {
   if (label.isRouterAlert()) return BoundedMplsLabelStackResult(Error::LABEL_IGNORED);
-  if (stackSize_ > 0) {
-    if (label.isImplicitNull()) return BoundedMplsLabelStackResult(Error::LABEL_IGNORED);
-    if (label.isExplicitNull() && labels_[0].isExplicitNull()) {
-      return BoundedMplsLabelStackResult(Error::LABEL_IGNORED);
-    }
+  if (stackSize_ > 0 && label.isImplicitNull()) {
+    return BoundedMplsLabelStackResult(Error::LABEL_IGNORED);
+  }
+  // label0 is compared whatever the size: a cleared stack may still hold an explicit null.
+  if (label.isExplicitNull() && labels_[0].isExplicitNull()) {
+    return BoundedMplsLabelStackResult(Error::LABEL_IGNORED);
   }
   if (stackSize_ == kMaxSize) return BoundedMplsLabelStackResult(Error::STACK_FULL);
   std::copy_backward(labels_.begin(), labels_.begin() + stackSize_,

@@ -157,6 +157,14 @@ TEST(MplsStackAccess, IndexesAndSizes) {
             "MplsLabelOperation::topLabel: label stack size 0");
 }
 
+TEST(MplsStackRules, PrependComparesLabelZeroEvenOnAClearedStack) {
+  BoundedMplsLabelStack stack;
+  stack.labelIs(0, MplsLabel(0));
+  stack.stackSizeIs(0);  // the explicit null stays in label0
+  EXPECT_EQ(stack.prepend(MplsLabel(2)).stackError(), Error::LABEL_IGNORED);
+  EXPECT_EQ(stack.stackSize(), 0u);
+}
+
 // --- comparisons, hash and text ---
 
 TEST(MplsStackValue, SlotsAboveTheSizeCarryNoMeaning) {
