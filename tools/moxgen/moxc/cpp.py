@@ -203,6 +203,20 @@ class Emitter:
         self.c("}")
         self.c()
 
+    def value_reader(self, name, body):
+        """The reader of a value and its stream operator: `body` reads from `cursor` into a
+        local `parsed`; the caller's iterator and value change only when it succeeds."""
+        c = self.c
+        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {name}* value) {{")
+        c("  Mox::TextIter cursor = it;")
+        for line in body:
+            c(line)
+        c("  it = cursor;")
+        c("  *value = std::move(parsed);")
+        c("}")
+        c()
+        self.stream_operator(f"const {name}&", "value.stringValue()")
+
     # --- enumerations -------------------------------------------------------------------
 
     def enum(self, e):
@@ -363,20 +377,14 @@ class Emitter:
         c("      .str();")
         c("}")
         c()
-        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {v.name}* value) {{")
-        c("  Mox::TextIter cursor = it;")
-        c(f"  {v.name} parsed;")
-        c(f'  Mox::ValueParser parser(cursor, end, "{self.qualified(v.name)}");')
+        body = [f"  {v.name} parsed;",
+                f'  Mox::ValueParser parser(cursor, end, "{self.qualified(v.name)}");']
         for b in v.bits:
-            c(f"  bool {b.name} = false;")
-            c(f'  parser.attr("{b.name}", &{b.name});')
-            c(f"  parsed.{b.name}Is({b.name});")
-        c("  parser.finish();")
-        c("  it = cursor;")
-        c("  *value = parsed;")
-        c("}")
-        c()
-        self.stream_operator(f"const {v.name}&", "value.stringValue()")
+            body += [f"  bool {b.name} = false;",
+                     f'  parser.attr("{b.name}", &{b.name});',
+                     f"  parsed.{b.name}Is({b.name});"]
+        body.append("  parser.finish();")
+        self.value_reader(v.name, body)
 
     def wrapper_text(self, v):
         c = self.c
@@ -399,16 +407,9 @@ class Emitter:
         c("  return Mox::valueToStrep(value.value());")
         c("}")
         c()
-        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {v.name}* value) {{")
-        c("  Mox::TextIter cursor = it;")
-        c(f"  {t} raw{{}};")
-        c("  Mox::deserializeAttr(cursor, end, &raw);")
-        c(f"  {v.name} parsed(raw);")
-        c("  it = cursor;")
-        c("  *value = std::move(parsed);")
-        c("}")
-        c()
-        self.stream_operator(f"const {v.name}&", "value.stringValue()")
+        self.value_reader(v.name, [f"  {t} raw{{}};",
+                                   "  Mox::deserializeAttr(cursor, end, &raw);",
+                                   f"  {v.name} parsed(raw);"])
 
     # --- composite values ---------------------------------------------------------------
 
@@ -508,21 +509,13 @@ class Emitter:
         c("      .str();")
         c("}")
         c()
-        c(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {v.name}* value) {{")
-        c("  Mox::TextIter cursor = it;")
-        for a in attrs:
-            c(f"  {self.cxx(a.type)} {a.name}{{}};")
-        c(f'  Mox::ValueParser parser(cursor, end, "{self.qualified(v.name)}");')
-        for a in attrs:
-            c(f'  parser.attr("{a.name}", &{a.name});')
-        c("  parser.finish();")
+        body = [f"  {self.cxx(a.type)} {a.name}{{}};" for a in attrs]
+        body.append(f'  Mox::ValueParser parser(cursor, end, "{self.qualified(v.name)}");')
+        body += [f'  parser.attr("{a.name}", &{a.name});' for a in attrs]
+        body.append("  parser.finish();")
         names = [f"std::move({a.name})" for a in attrs]
-        c(fill(f"  {v.name} parsed(", names, ");") if attrs else f"  {v.name} parsed;")
-        c("  it = cursor;")
-        c("  *value = std::move(parsed);")
-        c("}")
-        c()
-        self.stream_operator(f"const {v.name}&", "value.stringValue()")
+        body.append(fill(f"  {v.name} parsed(", names, ");") if attrs else f"  {v.name} parsed;")
+        self.value_reader(v.name, body)
 
     # --- entities -----------------------------------------------------------------------
 

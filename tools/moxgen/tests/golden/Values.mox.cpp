@@ -125,7 +125,7 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Options* value) {
   parsed.md5AuthIs(md5Auth);
   parser.finish();
   it = cursor;
-  *value = parsed;
+  *value = std::move(parsed);
 }
 
 std::ostream& operator<<(std::ostream& os, const Options& value) {
