@@ -544,8 +544,8 @@ class Emitter:
             h()
         self.doc(h, e.doc)
         if e.handwritten:
-            h(f"// The data of {e.name}; {e.name} itself, with its behaviour, is written by hand in")
-            h(f"// <{self.handwritten_header}>.")
+            h(f"// The data of {e.name}; {e.name} itself, with its behaviour, is written by hand "
+              f"in\n// <{self.handwritten_header}>.")
         h(f"class {e.cls} : public {e.base} {{")
         h(" public:")
         h("  class Notifiee;")
