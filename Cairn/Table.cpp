@@ -58,8 +58,36 @@ U64 mix(U64 h) {
   return h ^ (h >> 33);
 }
 
-U64 hashBytes(const void* data, size_t size, U64 seed) {
+// Keys and values of 4 and 8 bytes are the common case: compared and copied as one word.
+inline bool sameBytes(const void* a, const void* b, size_t size) {
+  if (size == 8) {
+    U64 x, y;
+    std::memcpy(&x, a, 8);
+    std::memcpy(&y, b, 8);
+    return x == y;
+  }
+  if (size == 4) {
+    U32 x, y;
+    std::memcpy(&x, a, 4);
+    std::memcpy(&y, b, 4);
+    return x == y;
+  }
+  return std::memcmp(a, b, size) == 0;
+}
+
+inline void copyBytes(void* to, const void* from, size_t size) {
+  if (size == 8) return std::memcpy(to, from, 8), void();
+  if (size == 16) return std::memcpy(to, from, 16), void();
+  std::memcpy(to, from, size);
+}
+
+inline U64 hashBytes(const void* data, size_t size, U64 seed) {
   const U8* bytes = static_cast<const U8*>(data);
+  if (size == 8) {
+    U64 word;
+    std::memcpy(&word, bytes, 8);
+    return mix(seed ^ (8 * 0x9e3779b97f4a7c15ULL) ^ word);
+  }
   U64 h = seed ^ (size * 0x9e3779b97f4a7c15ULL);
   for (; size >= 8; bytes += 8, size -= 8) {
     U64 word;
@@ -72,6 +100,21 @@ U64 hashBytes(const void* data, size_t size, U64 seed) {
     h = mix(h ^ word);
   }
   return h;
+}
+
+// A cheap running sum over 8-byte words, strong enough to catch damaged bytes.
+U64 sumWords(const void* data, size_t size, U64 h) {
+  const U8* bytes = static_cast<const U8*>(data);
+  for (; size;) {
+    U64 word = 0;
+    const size_t take = size < 8 ? size : 8;
+    std::memcpy(&word, bytes, take);
+    h = (h ^ word) * 0x9e3779b97f4a7c15ULL;
+    h ^= h >> 29;
+    bytes += take;
+    size -= take;
+  }
+  return h ^ (h >> 32);
 }
 
 struct SlotHead {
@@ -134,10 +177,12 @@ struct TableFixed {
   U32 home(const void* key) const {
     return static_cast<U32>(hashBytes(key, keySize, 0)) & (slotCount - 1);
   }
+  U32 checksum(U32 state, const void* key, const void* value) const {
+    return static_cast<U32>(sumWords(value, valueSize, sumWords(key, keySize, state + 0x51ed)));
+  }
   U32 checksum(const U8* slotImage) const {
-    const SlotHead* head = reinterpret_cast<const SlotHead*>(slotImage);
-    const U64 h = hashBytes(slotImage + keyOffset(), keySize, head->state + 0x51ed);
-    return static_cast<U32>(hashBytes(slotImage + valueOffset(), valueSize, h));
+    return checksum(reinterpret_cast<const SlotHead*>(slotImage)->state, slotImage + keyOffset(),
+                    slotImage + valueOffset());
   }
   U32 fixedFieldsCheck() const {
     return static_cast<U32>(hashBytes(this, offsetof(TableFixed, headerCheck), 0x4ead));
@@ -230,7 +275,16 @@ bool readSlot(const TableHeader& header, U32 array, U32 index, U8* image) {
   return journalArray == array && journalSlot == index && imageVersion + 1 == version;
 }
 
-enum class Probe { found, absent, retry };
+// Marks a versioned word odd (being written) and returns the even value that ends the
+// write. A word a killed writer left odd stays odd, so its parity never inverts.
+U32 beginWrite(std::atomic<U32>& word) {
+  const U32 odd = word.load(std::memory_order_relaxed) | 1;
+  word.store(odd, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  return odd + 1;
+}
+
+enum class Probe { found, absent, next, retry, damaged };
 
 }  // namespace
 
@@ -355,17 +409,13 @@ void TableWriterCore::writeSlot(U32 index, U32 state, const void* key, const voi
   // Journal the slot as it is, so a reader that meets it mid-write (or after we die) has
   // the previous image to read instead of waiting.
   JournalHead* journal = header_->journal();
-  const U32 sequence = journal->sequence.load(std::memory_order_relaxed);
-  journal->sequence.store(sequence + 1, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_release);
+  const U32 journaled = beginWrite(journal->sequence);
   journal->array = array;
   journal->slot = index;
   std::memcpy(header_->journalImage(), slot, header_->f.slotSize);
-  journal->sequence.store(sequence + 2, std::memory_order_release);
+  journal->sequence.store(journaled, std::memory_order_release);
 
-  const U32 version = head->version.load(std::memory_order_relaxed);
-  head->version.store(version + 1, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_release);
+  const U32 written = beginWrite(head->version);
   head->state = state;
   std::memcpy(slot + header_->f.keyOffset(), key, header_->f.keySize);
   if (value) {
@@ -374,7 +424,7 @@ void TableWriterCore::writeSlot(U32 index, U32 state, const void* key, const voi
     std::memset(slot + header_->f.valueOffset(), 0, header_->f.valueSize);
   }
   head->check = header_->f.checksum(slot);
-  head->version.store(version + 2, std::memory_order_release);
+  head->version.store(written, std::memory_order_release);
 }
 
 void TableWriterCore::publish(const void* key) {
@@ -452,15 +502,9 @@ void TableWriterCore::rebuild() {
   const U32 from = header_->activeArray();
   const U32 to = from ^ 1;
   const U32 mask = header_->f.slotCount - 1;
-  auto begin = [](SlotHead* head) {
-    const U32 version = head->version.load(std::memory_order_relaxed) | 1;
-    head->version.store(version, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    return version + 1;
-  };
   for (U32 index = 0; index < header_->f.slotCount; ++index) {
     SlotHead* head = header_->slot(to, index);
-    const U32 done = begin(head);
+    const U32 done = beginWrite(head->version);
     std::memset(reinterpret_cast<U8*>(head) + sizeof(SlotHead::version), 0,
                 header_->f.slotSize - sizeof(SlotHead::version));
     head->version.store(done, std::memory_order_release);
@@ -471,7 +515,7 @@ void TableWriterCore::rebuild() {
     U32 target = header_->f.home(source + header_->f.keyOffset());
     while (header_->slot(to, target)->state != kEmpty) target = (target + 1) & mask;
     SlotHead* head = header_->slot(to, target);
-    const U32 done = begin(head);
+    const U32 done = beginWrite(head->version);
     std::memcpy(reinterpret_cast<U8*>(head) + sizeof(SlotHead::version),
                 source + sizeof(SlotHead::version),
                 header_->f.slotSize - sizeof(SlotHead::version));
@@ -530,41 +574,60 @@ TableReaderCore::TableReaderCore(const std::string& name, const TableShape& shap
 
 TableReaderCore::~TableReaderCore() = default;
 
+namespace {
+
+// What a look-up makes of one slot. `version` is the slot's version word when the bytes
+// are read in place (the copy is then valid only if it still holds), null for an image.
+inline Probe examine(const TableFixed& f, const U8* slot, const void* key, void* value,
+                     const std::atomic<U32>* version, U32 expected) {
+  const SlotHead* head = reinterpret_cast<const SlotHead*>(slot);
+  const U32 state = head->state;
+  if (state == kEmpty) return Probe::absent;
+  if (state != kLive || !sameBytes(slot + f.keyOffset(), key, f.keySize)) return Probe::next;
+  copyBytes(value, slot + f.valueOffset(), f.valueSize);
+  const U32 check = head->check;
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (version && version->load(std::memory_order_relaxed) != expected) return Probe::retry;
+  return check == f.checksum(kLive, key, value) ? Probe::found : Probe::damaged;
+}
+
+}  // namespace
+
 bool TableReaderCore::find(const void* key, void* value) const {
   if (!header_) return false;
   const TableHeader& header = *header_;
-  U8* image = static_cast<U8*>(alloca(header.f.slotSize));
-  const U32 mask = header.f.slotCount - 1;
-  const U32 home = header.f.home(key);
+  const TableFixed& f = header.f;
+  const U32 mask = f.slotCount - 1;
+  const U32 home = f.home(key);
+  U8* image = nullptr;
   for (U32 attempt = 0; attempt < kMaxAttempts; ++attempt) {
     const U32 generation = header.active.load(std::memory_order_acquire);
     const U32 array = generation & 1;
+    const U8* slots = reinterpret_cast<const U8*>(header.slot(array, 0));
     Probe probe = Probe::absent;
     U32 index = home;
-    for (U32 n = 0; n < header.f.slotCount; ++n, index = (index + 1) & mask) {
+    for (U32 n = 0; n < f.slotCount; ++n, index = (index + 1) & mask) {
       ++probes_;
-      if (!readSlot(header, array, index, image)) {
-        probe = Probe::retry;
-        break;
+      const auto* slot = reinterpret_cast<const SlotHead*>(slots + U64(index) * f.slotSize);
+      const U32 version = slot->version.load(std::memory_order_acquire);
+      if (!(version & 1)) {
+        probe = examine(f, reinterpret_cast<const U8*>(slot), key, value, &slot->version, version);
+      } else {
+        // Mid-write: the journaled image from before the write stands in for the slot.
+        if (!image) image = static_cast<U8*>(alloca(f.slotSize));
+        probe = readSlot(header, array, index, image) ? examine(f, image, key, value, nullptr, 0)
+                                                      : Probe::retry;
       }
-      const U32 state = reinterpret_cast<const SlotHead*>(image)->state;
-      if (state == kEmpty) break;
-      if (state == kLive && std::memcmp(image + header.f.keyOffset(), key, header.f.keySize) == 0) {
-        probe = Probe::found;
-        break;
-      }
+      if (probe != Probe::next) break;
     }
     std::atomic_thread_fence(std::memory_order_acquire);
     if (probe == Probe::retry || header.active.load(std::memory_order_relaxed) != generation) {
       continue;
     }
-    if (probe == Probe::absent) return false;
-    if (reinterpret_cast<const SlotHead*>(image)->check != header.f.checksum(image)) {
+    if (probe == Probe::damaged) {
       reportCorruption(name_, "entry in slot " + std::to_string(index) + " fails its check");
-      return false;
     }
-    std::memcpy(value, image + header.f.valueOffset(), header.f.valueSize);
-    return true;
+    return probe == Probe::found;
   }
   reportCorruption(name_, "entry never read consistently");
   return false;
