@@ -2,7 +2,8 @@
 // The reactor between a Pam's descriptor and the Pam: each readiness report of the
 // descriptor becomes one increment of the Pam's readableCount or writableCount, which the
 // agent's own reactors (notifiees of the Pam) act on. The Pam owns its PamFdSm and must
-// drop it before it goes: the PamFdSm keeps only a plain pointer back.
+// drop it before it goes: the PamFdSm keeps only a plain pointer back. Pams give and take
+// their descriptor and its reactor with pamFdIs and pamFdDel (below), which keep that order.
 
 #include <Korva/Pam.h>
 #include <Mox/Activity.h>
@@ -55,5 +56,26 @@ class PamFdSm : public Mox::PtrInterface {
 
 Mox::Ptr<PamFdSm> PamFdSmIs(Mox::Ptr<Mox::ActivityConfig> activity,
                             const Mox::Ptr<Mox::FileDescriptor>& fileDesc, Pam* pam);
+
+// Takes a Pam's watched descriptor away: its reactor (`fdSm`) first, which stops reporting
+// to the Pam even if someone else still holds it, then the descriptor entity (`fileDesc`),
+// which closes the descriptor unless someone else still holds it. Pams call it whenever the
+// descriptor goes, their own destruction included.
+template <class P>
+void pamFdDel(P& pam) {
+  if (pam.fdSm()) pam.fdSm()->onZombie();
+  pam.fdSmDel();
+  pam.fileDescDel();
+}
+
+// Gives a Pam its watched descriptor in place of any it had: the descriptor entity, which
+// owns the descriptor, and a fresh reactor under this thread's activity, which polls the
+// Pam once.
+template <class P>
+void pamFdIs(P& pam, const Mox::Ptr<Mox::FileDescriptor>& fileDesc) {
+  pamFdDel(pam);
+  pam.fileDescIs(fileDesc);
+  pam.fdSmIs(PamFdSmIs(Mox::ActivityConfig::current(), fileDesc, &pam));
+}
 
 }  // namespace Korva
