@@ -32,10 +32,6 @@ const char* modeText(UdpPam::Mode mode) {
   return "?";
 }
 
-int descriptorOf(const UdpPam& pam) {
-  return pam.fileDesc() ? pam.fileDesc()->descriptor() : -1;
-}
-
 // One socket option set at creation: where it lives, and the words of its failure.
 struct OptionStep {
   int level;
@@ -102,11 +98,10 @@ IpGenAddr peerAddr(const UdpPam& pam) {
 // Joins or leaves a multicast group on the named device: `requestFor` fills the option's
 // structure for the device's index. A device that does not exist fails like the option.
 template <class Group, class RequestFor>
-void changeMembership(const UdpPam& pam, const Mox::String8& devName, const Group& group, bool join,
-                      int level, int option, const char* step, RequestFor requestFor) {
+void changeMembership(const UdpPam& pam, int fd, const Mox::String8& devName, const Group& group,
+                      bool join, int level, int option, const char* step, RequestFor requestFor) {
   MOX_TRACE(trace, 1,
             pam.name() << ": " << (join ? "joining " : "leaving ") << group << " on " << devName);
-  const int fd = descriptorOf(pam);
   if (const U32 ifIndex = interfaceIndex(fd, devName)) {
     const auto request = requestFor(ifIndex);
     if (setsockopt(fd, level, option, &request, sizeof request) == 0) return;
@@ -157,10 +152,6 @@ ReceivedInfo parseControl(msghdr& msg) {
 }
 
 }  // namespace
-
-UdpPam::~UdpPam() {
-  pamFdDel(*this);
-}
 
 void UdpPam::handleMode() {
   MOX_TRACE(trace, 1, name() << ": mode is: " << modeText(mode()));
@@ -216,13 +207,13 @@ void UdpPam::doNewSocket() {
   }
   setIntegerOption(*this, fd, kReuseAddr, 1);
   MOX_TRACE(trace, 1, name() << ": Socket fd is " << fd << ", mode is " << modeText(mode()));
-  pamFdIs(*this, socket);
+  fd_.fileDescIs(socket, this);
   MOX_TRACE(trace, 1, name() << ": Done setting file desc ");
   if (mode() == Mode::server) doBind();
 }
 
 void UdpPam::doDelSocket() {
-  pamFdDel(*this);
+  fd_.del();
   socketConnectedIs(false);
   rxPortLocalDel();
 }
@@ -230,7 +221,7 @@ void UdpPam::doDelSocket() {
 void UdpPam::doBind() {
   const IpGenAddr local = localAddr(*this);
   MOX_TRACE(trace, 1, name() << ": Binding socket to " << local << " port " << rxPort());
-  if (socketBind(descriptorOf(*this), local, rxPort()) != 0) {
+  if (socketBind(fd_.descriptor(), local, rxPort()) != 0) {
     const int error = errno;
     MOX_TRACE(trace, 0, name() << ": bind failed with " << error);
     throw Mox::ErrnoException(error, "bind");
@@ -241,7 +232,7 @@ void UdpPam::doBind() {
 void UdpPam::noteLocalPort() {
   SockAddr local{};
   socklen_t length = sizeof local;
-  if (getsockname(descriptorOf(*this), &local.base, &length) != 0) return;
+  if (getsockname(fd_.descriptor(), &local.base, &length) != 0) return;
   rxPortLocalIs(sockAddrPort(&local.base));
 }
 
@@ -255,7 +246,7 @@ bool UdpPam::doConnect() {
     return false;
   }
   MOX_TRACE(trace, 1, name() << ": Connecting to " << peer << " port " << txPort());
-  if (socketConnect(descriptorOf(*this), peer, txPort(), txIfIndex()) != 0) {
+  if (socketConnect(fd_.descriptor(), peer, txPort(), txIfIndex()) != 0) {
     const int error = errno;
     MOX_TRACE(trace, 0,
               name() << ": connect failed with " << error << " (" << strerror(error) << ")");
@@ -317,7 +308,7 @@ void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
     }
   }
 
-  if (sendmsg(descriptorOf(*this), &msg, 0) < 0) {
+  if (sendmsg(fd_.descriptor(), &msg, 0) < 0) {
     const int error = errno;
     MOX_TRACE(trace, 3,
               name() << ": sendmsg failed with " << error << " (" << strerror(error) << ")");
@@ -347,7 +338,7 @@ void UdpPam::doGetRxPkt() {
   msg.msg_control = control;
   msg.msg_controllen = sizeof control;
 
-  const ssize_t received = recvmsg(descriptorOf(*this), &msg, 0);
+  const ssize_t received = recvmsg(fd_.descriptor(), &msg, 0);
   if (received < 0) {
     const int error = errno;
     if (error != EAGAIN) {
@@ -386,7 +377,7 @@ void UdpPam::doGetRxPkt() {
 }
 
 void UdpPam::handleMcastGroup(const Mox::String8& devName, const Ip6Addr& group, bool join) {
-  changeMembership(*this, devName, group, join, IPPROTO_IPV6,
+  changeMembership(*this, fd_.descriptor(), devName, group, join, IPPROTO_IPV6,
                    join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP,
                    "setsockopt(IPV6_JOIN_GROUP|IPV6_LEAVE_GROUP)", [&](U32 ifIndex) {
                      ipv6_mreq request{};
@@ -397,7 +388,7 @@ void UdpPam::handleMcastGroup(const Mox::String8& devName, const Ip6Addr& group,
 }
 
 void UdpPam::handleV4McastGroup(const Mox::String8& devName, const IpAddr& group, bool join) {
-  changeMembership(*this, devName, group, join, IPPROTO_IP,
+  changeMembership(*this, fd_.descriptor(), devName, group, join, IPPROTO_IP,
                    join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP,
                    "setsockopt(IP_ADD_MEMBERSHIP|IP_DROP_MEMBERSHIP)", [&](U32 ifIndex) {
                      ip_mreqn request{};
@@ -408,7 +399,7 @@ void UdpPam::handleV4McastGroup(const Mox::String8& devName, const IpAddr& group
 }
 
 void UdpPam::incSockBufSize(U32 bytes) {
-  const int fd = descriptorOf(*this);
+  const int fd = fd_.descriptor();
   const int wanted = int(bytes);
   // Forcing passes the system-wide limit when the agent may; otherwise ask within it.
   for (auto [option, forced] :
