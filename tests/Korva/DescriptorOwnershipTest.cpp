@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 #include <set>
 
@@ -22,8 +23,10 @@
 namespace {
 
 struct Ledger {
+  // Read without the lock, so calls outside a recording never wait (nor deadlock a child
+  // that a death test forked while another thread held the lock).
+  std::atomic<bool> recording{false};
   std::mutex mutex;
-  bool recording = false;
   std::multiset<ino_t> opened;
   std::multiset<ino_t> closed;
   int badCloses = 0;
@@ -47,21 +50,21 @@ Function next(const char* name) {
 extern "C" int socket(int domain, int type, int protocol) {
   static const auto real = next<int (*)(int, int, int)>("socket");
   const int fd = real(domain, type, protocol);
-  std::lock_guard lock(ledger.mutex);
-  if (ledger.recording && fd >= 0) ledger.opened.insert(socketInode(fd));
+  if (ledger.recording && fd >= 0) {
+    std::lock_guard lock(ledger.mutex);
+    ledger.opened.insert(socketInode(fd));
+  }
   return fd;
 }
 
 extern "C" int close(int fd) {
   static const auto real = next<int (*)(int)>("close");
-  {
+  if (ledger.recording) {
     std::lock_guard lock(ledger.mutex);
-    if (ledger.recording) {
-      if (fcntl(fd, F_GETFD) == -1) {
-        ++ledger.badCloses;
-      } else if (const ino_t inode = socketInode(fd)) {
-        ledger.closed.insert(inode);
-      }
+    if (fcntl(fd, F_GETFD) == -1) {
+      ++ledger.badCloses;
+    } else if (const ino_t inode = socketInode(fd)) {
+      ledger.closed.insert(inode);
     }
   }
   return real(fd);
@@ -74,7 +77,6 @@ using Korva::UdpPam;
 using Mox::Ptr;
 
 void recordingIs(bool on) {
-  std::lock_guard lock(ledger.mutex);
   ledger.recording = on;
 }
 
