@@ -86,11 +86,12 @@ Ip6Addr ip6AddrOf(const in6_addr& address) {
   return ip6Addr;
 }
 
-// The local address of a server, or the peer of a client or of a server's datagram.
+// The address a server binds, in the Pam's family.
 IpGenAddr localAddr(const UdpPam& pam) {
   return pam.ipv6En() ? IpGenAddr(pam.rxIp6Addr()) : IpGenAddr(pam.rxIpAddr());
 }
 
+// A client's peer, or the destination of a server's next datagram.
 IpGenAddr peerAddr(const UdpPam& pam) {
   return pam.ipv6En() ? IpGenAddr(pam.txDstIp6Addr()) : IpGenAddr(pam.txDstIpAddr());
 }
