@@ -59,18 +59,22 @@ class OpSequence {
   std::uniform_int_distribution<U32> keys_;
 };
 
+// Plays the next `count` steps: set(key, value) or del(key).
+template <class Set, class Del>
+void play(OpSequence& sequence, U64 count, Set&& set, Del&& del) {
+  for (U64 i = 0; i < count; ++i) {
+    const Op op = sequence.next();
+    op.del ? del(op.key) : set(op.key, op.value);
+  }
+}
+
 // The final table a sequence leaves, computed without the table.
 inline std::map<U32, U64> replay(U64 seed, U32 keySpace, U32 ops) {
   std::map<U32, U64> table;
   OpSequence sequence(seed, keySpace);
-  for (U32 i = 0; i < ops; ++i) {
-    const Op op = sequence.next();
-    if (op.del) {
-      table.erase(op.key);
-    } else {
-      table[op.key] = op.value;
-    }
-  }
+  play(
+      sequence, ops, [&](U32 key, U64 value) { table[key] = value; },
+      [&](U32 key) { table.erase(key); });
   table[kSentinel] = ops;
   return table;
 }

@@ -35,17 +35,16 @@ U32 corruptions = 0;
 
 using Table = Cairn::Writer<U32, Payload>;
 
+void play(Table& table, OpSequence& sequence, U64 count) {
+  CairnTest::play(
+      sequence, count, [&](U32 key, U64 value) { table.set(key, payload(key, value)); },
+      [&](U32 key) { table.del(key); });
+}
+
 int write(const std::string& name, U32 capacity, U32 ops, U64 seed, U32 keySpace) {
   Table table(name, capacity);
   OpSequence sequence(seed, keySpace);
-  for (U32 i = 0; i < ops; ++i) {
-    const Op op = sequence.next();
-    if (op.del) {
-      table.del(op.key);
-    } else {
-      table.set(op.key, payload(op.key, op.value));
-    }
-  }
+  play(table, sequence, ops);
   table.set(kSentinel, payload(kSentinel, ops));
   return 0;
 }
@@ -93,14 +92,9 @@ int churn(const std::string& name, U32 capacity, U64 seed, U32 keySpace) {
   std::printf("%s\n", torn ? "torn" : "ok");
   std::fflush(stdout);
   OpSequence sequence(seed, keySpace);
-  for (U64 i = 1;; ++i) {
-    const Op op = sequence.next();
-    if (op.del) {
-      table.del(op.key);
-    } else {
-      table.set(op.key, payload(op.key, op.value));
-    }
-    if (i % 16 == 0 && ::write(1, "x", 1) != 1) return 1;
+  for (;;) {
+    play(table, sequence, 16);
+    if (::write(1, "x", 1) != 1) return 1;
   }
 }
 
