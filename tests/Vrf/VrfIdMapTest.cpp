@@ -138,8 +138,18 @@ TEST_F(VrfIdMapTest, ReaderMapsFollowAddsAndDeletes) {
                      "nameToIdMap vrfId 8 and vrfId getting deleted 7. Skipping "
                      "deletion from nameToIdMap"));
   direct.handleVrfIdToName(VrfId(9), nullptr);
+  EXPECT_TRUE(trace.contains(" add vrfId: 7 vrfName: red"));
   EXPECT_TRUE(trace.contains(" delete vrfId: 9 could not find vrfName"));
+  writer->vrfIs("green");
+  EXPECT_TRUE(trace.contains(" allocated vrfId 2"));
   Mox::traceConfigIs("");
+
+  // A name whose other id has no cached name means the two maps disagree: fatal.
+  direct.handleVrfIdToName(VrfId(7), &old);
+  map->vrfNameToIdIs("red", VrfId(10));
+  EXPECT_DEATH(direct.handleVrfIdToName(VrfId(7), nullptr),
+               "Failed\\(vrfId2 == VrfId\\(\\) \\|\\| vrfIdToNameCache\\( vrfId2 \\) == "
+               "vrfName\\)  vrfIdToNameCache\\( 10 \\) is  vrfName red vrfId 7");
 }
 
 }  // namespace
