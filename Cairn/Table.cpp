@@ -7,7 +7,7 @@
 //   journal  the image of the slot being written, before the write (seqlock-versioned)
 //   ring     ringSize records {stamp, key}: change n lives in record n % ringSize with
 //            stamp 2n+2 once complete (odd while written)
-//   arrays   two slot arrays of slotCount slots {version, checksum, state, key, value};
+//   arrays   two slot arrays of slotCount slots {version, checksum and state, key, value};
 //            one is active, the other is where the writer rebuilds without tombstones
 //
 // Slots are found by linear probing from the key's hash. A deletion leaves a tombstone
@@ -119,12 +119,15 @@ U64 sumWords(const void* data, size_t size, U64 h) {
 
 struct SlotHead {
   std::atomic<U32> version;  // odd while the writer changes the slot
-  U32 check;
-  U32 state;
-  U32 reserved;
+  U32 sealed;                // the checksum's upper 30 bits, the state in the low 2 bits
+  U32 state() const { return sealed & 3; }
 };
 constexpr U32 kSlotHeadSize = sizeof(SlotHead);
-static_assert(kSlotHeadSize == 16);
+static_assert(kSlotHeadSize == 8);
+
+U32 seal(U32 state, U32 checksum) {
+  return (checksum & ~3u) | state;
+}
 
 struct JournalHead {
   std::atomic<U32> sequence;  // odd while the journal itself is written
@@ -181,7 +184,7 @@ struct TableFixed {
     return static_cast<U32>(sumWords(value, valueSize, sumWords(key, keySize, state + 0x51ed)));
   }
   U32 checksum(const U8* slotImage) const {
-    return checksum(reinterpret_cast<const SlotHead*>(slotImage)->state, slotImage + keyOffset(),
+    return checksum(reinterpret_cast<const SlotHead*>(slotImage)->state(), slotImage + keyOffset(),
                     slotImage + valueOffset());
   }
   U32 fixedFieldsCheck() const {
@@ -369,14 +372,14 @@ void TableWriterCore::recover() {
       head->version.store(version + 1, std::memory_order_release);
     }
     for (const U8* candidate : {image, static_cast<const U8*>(slot)}) {
-      if (reinterpret_cast<const SlotHead*>(candidate)->state != kEmpty) {
+      if (reinterpret_cast<const SlotHead*>(candidate)->state() != kEmpty) {
         publish(candidate + header_->f.keyOffset());
       }
     }
   }
   U32 live = 0, tombstones = 0;
   for (U32 index = 0; index < header_->f.slotCount; ++index) {
-    const U32 state = header_->slot(array, index)->state;
+    const U32 state = header_->slot(array, index)->state();
     live += state == kLive;
     tombstones += state == kTombstone;
   }
@@ -391,7 +394,7 @@ TableWriterCore::Found TableWriterCore::locate(const void* key) const {
   U32 index = header_->f.home(key);
   for (U32 n = 0; n < header_->f.slotCount; ++n, index = (index + 1) & mask) {
     const auto* slot = reinterpret_cast<const U8*>(header_->slot(array, index));
-    const U32 state = reinterpret_cast<const SlotHead*>(slot)->state;
+    const U32 state = reinterpret_cast<const SlotHead*>(slot)->state();
     if (state == kEmpty) return {reusable != header_->f.slotCount ? reusable : index, false};
     if (state == kTombstone) {
       if (reusable == header_->f.slotCount) reusable = index;
@@ -416,14 +419,14 @@ void TableWriterCore::writeSlot(U32 index, U32 state, const void* key, const voi
   journal->sequence.store(journaled, std::memory_order_release);
 
   const U32 written = beginWrite(head->version);
-  head->state = state;
-  std::memcpy(slot + header_->f.keyOffset(), key, header_->f.keySize);
+  std::memmove(slot + header_->f.keyOffset(), key, header_->f.keySize);
   if (value) {
     std::memcpy(slot + header_->f.valueOffset(), value, header_->f.valueSize);
   } else {
     std::memset(slot + header_->f.valueOffset(), 0, header_->f.valueSize);
   }
-  head->check = header_->f.checksum(slot);
+  const TableFixed& f = header_->f;
+  head->sealed = seal(state, f.checksum(state, slot + f.keyOffset(), slot + f.valueOffset()));
   head->version.store(written, std::memory_order_release);
 }
 
@@ -456,7 +459,7 @@ void TableWriterCore::set(const void* key, const void* value) {
     throw Mox::MemoryLimitExceededException("table full");
   }
   const bool reusesTombstone =
-      !found.present && header_->slot(header_->activeArray(), found.slot)->state == kTombstone;
+      !found.present && header_->slot(header_->activeArray(), found.slot)->state() == kTombstone;
   writeSlot(found.slot, kLive, key, value);
   if (!found.present) header_->size.fetch_add(1);
   if (reusesTombstone) header_->tombstones.fetch_sub(1);
@@ -470,13 +473,13 @@ void TableWriterCore::removeAt(U32 index) {
   const U32 array = header_->activeArray();
   const auto* slot = reinterpret_cast<const U8*>(header_->slot(array, index));
   const void* key = slot + header_->f.keyOffset();
-  if (header_->slot(array, (index + 1) & mask)->state != kEmpty) {
+  if (header_->slot(array, (index + 1) & mask)->state() != kEmpty) {
     writeSlot(index, kTombstone, key, nullptr);
     header_->tombstones.fetch_add(1);
     return;
   }
   writeSlot(index, kEmpty, key, nullptr);
-  for (U32 before = (index - 1) & mask; header_->slot(array, before)->state == kTombstone;
+  for (U32 before = (index - 1) & mask; header_->slot(array, before)->state() == kTombstone;
        before = (before - 1) & mask) {
     const auto* dead = reinterpret_cast<const U8*>(header_->slot(array, before));
     writeSlot(before, kEmpty, dead + header_->f.keyOffset(), nullptr);
@@ -511,9 +514,9 @@ void TableWriterCore::rebuild() {
   }
   for (U32 index = 0; index < header_->f.slotCount; ++index) {
     const auto* source = reinterpret_cast<const U8*>(header_->slot(from, index));
-    if (reinterpret_cast<const SlotHead*>(source)->state != kLive) continue;
+    if (reinterpret_cast<const SlotHead*>(source)->state() != kLive) continue;
     U32 target = header_->f.home(source + header_->f.keyOffset());
-    while (header_->slot(to, target)->state != kEmpty) target = (target + 1) & mask;
+    while (header_->slot(to, target)->state() != kEmpty) target = (target + 1) & mask;
     SlotHead* head = header_->slot(to, target);
     const U32 done = beginWrite(head->version);
     std::memcpy(reinterpret_cast<U8*>(head) + sizeof(SlotHead::version),
@@ -539,7 +542,7 @@ void TableWriterCore::forEach(
   const U32 array = header_->activeArray();
   for (U32 index = 0; index < header_->f.slotCount; ++index) {
     const auto* slot = reinterpret_cast<const U8*>(header_->slot(array, index));
-    if (reinterpret_cast<const SlotHead*>(slot)->state != kLive) continue;
+    if (reinterpret_cast<const SlotHead*>(slot)->state() != kLive) continue;
     fn(slot + header_->f.keyOffset(), slot + header_->f.valueOffset());
   }
 }
@@ -581,14 +584,14 @@ namespace {
 inline Probe examine(const TableFixed& f, const U8* slot, const void* key, void* value,
                      const std::atomic<U32>* version, U32 expected) {
   const SlotHead* head = reinterpret_cast<const SlotHead*>(slot);
-  const U32 state = head->state;
+  const U32 state = head->state();
   if (state == kEmpty) return Probe::absent;
   if (state != kLive || !sameBytes(slot + f.keyOffset(), key, f.keySize)) return Probe::next;
   copyBytes(value, slot + f.valueOffset(), f.valueSize);
-  const U32 check = head->check;
+  const U32 sealed = head->sealed;
   std::atomic_thread_fence(std::memory_order_acquire);
   if (version && version->load(std::memory_order_relaxed) != expected) return Probe::retry;
-  return check == f.checksum(kLive, key, value) ? Probe::found : Probe::damaged;
+  return sealed == seal(kLive, f.checksum(kLive, key, value)) ? Probe::found : Probe::damaged;
 }
 
 }  // namespace
@@ -647,8 +650,8 @@ void TableReaderCore::forEach(
       while (!readSlot(header, generation & 1, index, image.data()) && ++tries < kMaxAttempts) {
       }
       const auto* head = reinterpret_cast<const SlotHead*>(image.data());
-      if (tries == kMaxAttempts || head->state != kLive) continue;
-      if (head->check != header.f.checksum(image.data())) {
+      if (tries == kMaxAttempts || head->state() != kLive) continue;
+      if (head->sealed != seal(kLive, header.f.checksum(image.data()))) {
         reportCorruption(name_, "entry in slot " + std::to_string(index) + " fails its check");
         continue;
       }
