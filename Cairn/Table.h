@@ -15,6 +15,7 @@
 //   std::optional<Entry> entry = reader.find(7);
 
 #include <Cairn/Segment.h>
+#include <Cairn/TableLayout.h>
 #include <Mox/Types.h>
 
 #include <atomic>
@@ -60,7 +61,6 @@ TableInfo tableInfo(const std::string& name);
 // Removes the table, its reader registry and its readers' wake-up sockets.
 bool removeTable(const std::string& name);
 
-struct TableHeader;
 class WakeSender;
 
 // The writer's side, on raw bytes; Writer<K, V> gives it types.
@@ -98,7 +98,7 @@ class TableWriterCore {
 
   std::string name_;
   Mapping mapping_;
-  TableHeader* header_ = nullptr;
+  layout::TableHeader* header_ = nullptr;
   std::unique_ptr<WakeSender> wake_;
 };
 
@@ -117,6 +117,11 @@ class TableReaderCore {
   const void* segmentAddress() const noexcept { return mapping_.address(); }
   // Copies the value of `key` into `value`; false when absent or damaged.
   bool find(const void* key, void* value) const;
+  // The same for keys and values of sizes known where it is compiled.
+  template <U32 keySize, U32 valueSize>
+  bool findSized(const void* key, void* value) const {
+    return header_ && layout::lookUp(*header_, name_, key, value, keySize, valueSize, probes_);
+  }
   // Calls fn for each entry; entries seen are each consistent.
   void forEach(const std::function<void(const void* key, const void* value)>& fn) const;
   U32 size() const;
@@ -134,7 +139,7 @@ class TableReaderCore {
   std::string name_;
   TableShape shape_;
   Mapping mapping_;
-  const TableHeader* header_ = nullptr;
+  const layout::TableHeader* header_ = nullptr;
   mutable U64 probes_ = 0;
 };
 
@@ -180,7 +185,7 @@ class Reader {
   Reader(const std::string& name, U32 capacity) : core_(name, tableShape<Key, Value>(capacity)) {}
   std::optional<Value> find(const Key& key) const {
     Value value;
-    if (!core_.find(&key, &value)) return std::nullopt;
+    if (!core_.template findSized<sizeof(Key), sizeof(Value)>(&key, &value)) return std::nullopt;
     return value;
   }
   U32 size() const { return core_.size(); }
