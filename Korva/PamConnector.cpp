@@ -46,14 +46,18 @@ PamConnector::MoxClock::MoxClock(PamConnector* owner, const Mox::Ptr<Mox::Clock>
   notifierIs(clock);
 }
 
-void PamConnector::MoxClock::onTime() { owner_->handleClock(); }
+void PamConnector::MoxClock::onTime() {
+  owner_->handleClock();
+}
 
 PamConnector::PamConnector(Mox::Ptr<Mox::ActivityConfig> activity, Mox::Ptr<Mox::Clock> clock)
     : activity_(std::move(activity)), clock_(std::move(clock)), clockReactor_(this, clock_) {
   handleInitialized();
 }
 
-PamConnector::~PamConnector() { pamDelAll(); }
+PamConnector::~PamConnector() {
+  pamDelAll();
+}
 
 void PamConnector::handleInitialized() {
   MOX_TRACE(trace, 9, "virtual void Korva::PamConnector::handleInitialized()");
@@ -101,8 +105,7 @@ void PamConnector::handleClock() {
 
 void PamConnector::announce(PamConnectorPam& end) {
   const size_t queued = end.inputQueueSize();
-  MOX_TRACE(trace, 8,
-            "PamConnector: handleClock " << end.name() << ", total packets: " << queued);
+  MOX_TRACE(trace, 8, "PamConnector: handleClock " << end.name() << ", total packets: " << queued);
   for (size_t i = 0; i < queued; ++i) {
     end.readableCountInc(1);
     MOX_TRACE(trace, 9,

@@ -12,7 +12,9 @@ Mox::TraceHandle trace("PamMuxDemux");
 // The most one source is read in one go before the loop gets a turn.
 constexpr double kBurstBudgetSeconds = 1.0;
 
-bool budgetUsedUp(double start) { return Mox::now() - start > kBurstBudgetSeconds; }
+bool budgetUsedUp(double start) {
+  return Mox::now() - start > kBurstBudgetSeconds;
+}
 
 // Copies the packet's bytes into one buffer of its own, keeping its separate VLAN tag.
 void flatten(Pkt& pkt) {
@@ -29,14 +31,18 @@ PamMuxDemux::MoxOnePam::MoxOnePam(PamMuxDemux* owner, Pam* pam) : owner_(owner) 
   notifierIs(pam);
 }
 
-void PamMuxDemux::MoxOnePam::onReadableCount() { owner_->handleReadableOne(); }
+void PamMuxDemux::MoxOnePam::onReadableCount() {
+  owner_->handleReadableOne();
+}
 
 PamMuxDemux::MoxManyPamSm::MoxManyPamSm(PamMuxDemux* owner, Pam* pam, U32 key)
     : owner_(owner), key_(key) {
   notifierIs(pam);
 }
 
-void PamMuxDemux::MoxManyPamSm::onReadableCount() { handleReadableMany(); }
+void PamMuxDemux::MoxManyPamSm::onReadableCount() {
+  handleReadableMany();
+}
 
 void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
   PamMuxDemux* me = owner_;
@@ -46,11 +52,12 @@ void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
   Pam& dest = *me->onePam();
   const double start = Mox::now();
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
-    MOX_TRACE(trace, 8, "Pkt from many source " << key_ << " (" << source.name()
-                                                << "). Size: " << pkt->bytes());
+    MOX_TRACE(
+        trace, 8,
+        "Pkt from many source " << key_ << " (" << source.name() << "). Size: " << pkt->bytes());
     if (me->mode() == Mode::disabled) {
-      MOX_TRACE(trace, 7, "Discarding Pkt to single dest " << dest.name()
-                                                           << " since mode is disabled.");
+      MOX_TRACE(trace, 7,
+                "Discarding Pkt to single dest " << dest.name() << " since mode is disabled.");
     } else if (me->filterManyPamInboundPacket(pkt, key_)) {
       MOX_TRACE(trace, 7, " Pkt is filtered out. Discarding " << source.name());
     } else {
@@ -71,7 +78,9 @@ PamMuxDemux::MoxClock::MoxClock(PamMuxDemux* owner, const Mox::Ptr<Mox::Clock>& 
   notifierIs(clock);
 }
 
-void PamMuxDemux::MoxClock::onTime() { owner_->handleTime(); }
+void PamMuxDemux::MoxClock::onTime() {
+  owner_->handleTime();
+}
 
 PamMuxDemux::PamMuxDemux(Mox::Ptr<Pam> onePam) {
   onePamIs(onePam);
@@ -98,7 +107,9 @@ PamMuxDemux::MoxManyPamSm* PamMuxDemux::manyPamSm(U32 key) const {
 
 void PamMuxDemux::doEncapsulate(const Mox::Ptr<Pkt>&, U32) {}
 
-bool PamMuxDemux::filterManyPamInboundPacket(const Mox::Ptr<Pkt>&, U32) { return false; }
+bool PamMuxDemux::filterManyPamInboundPacket(const Mox::Ptr<Pkt>&, U32) {
+  return false;
+}
 
 U32 PamMuxDemux::decapsulate(const Mox::Ptr<Pkt>&) {
   MOX_ASSERT_TEXT(false, "0 && \"Need to implement decapsulate in a derived class\"");
@@ -110,7 +121,9 @@ void PamMuxDemux::manyPamIs(U32 key, const Mox::Ptr<Pam>& pam) {
   manyPam_[key] = pam;
 }
 
-void PamMuxDemux::manyPamDel(U32 key) { manyPam_.erase(key); }
+void PamMuxDemux::manyPamDel(U32 key) {
+  manyPam_.erase(key);
+}
 
 void PamMuxDemux::manyPamSmIs(U32 key, const Mox::Ptr<Pam>& pam) {
   if (!pam) return manyPamSmDel(key);
@@ -119,9 +132,13 @@ void PamMuxDemux::manyPamSmIs(U32 key, const Mox::Ptr<Pam>& pam) {
   manyPamSm_[key] = std::make_unique<MoxManyPamSm>(this, pam.get(), key);
 }
 
-void PamMuxDemux::manyPamSmDel(U32 key) { manyPamSm_.erase(key); }
+void PamMuxDemux::manyPamSmDel(U32 key) {
+  manyPamSm_.erase(key);
+}
 
-void PamMuxDemux::pamDeferredEnq(U32 key) { pamDeferred_.push_back(key); }
+void PamMuxDemux::pamDeferredEnq(U32 key) {
+  pamDeferred_.push_back(key);
+}
 
 U32 PamMuxDemux::pamDeferredDeq() {
   if (pamDeferred_.empty()) return kOnePamKey;
@@ -137,9 +154,13 @@ void PamMuxDemux::onePamIs(const Mox::Ptr<Pam>& pam) {
   if (onePam_) onePamReactor_ = std::make_unique<MoxOnePam>(this, onePam_.get());
 }
 
-void PamMuxDemux::onePamDel() { onePamIs(nullptr); }
+void PamMuxDemux::onePamDel() {
+  onePamIs(nullptr);
+}
 
-void PamMuxDemux::modeIs(Mode mode) { mode_ = mode; }
+void PamMuxDemux::modeIs(Mode mode) {
+  mode_ = mode;
+}
 
 void PamMuxDemux::clockIs(const Mox::Ptr<Mox::Clock>& clock) {
   if (clock == clock_) return;
@@ -148,7 +169,9 @@ void PamMuxDemux::clockIs(const Mox::Ptr<Mox::Clock>& clock) {
   if (clock_) clockReactor_ = std::make_unique<MoxClock>(this, clock_);
 }
 
-void PamMuxDemux::clockDel() { clockIs(nullptr); }
+void PamMuxDemux::clockDel() {
+  clockIs(nullptr);
+}
 
 void PamMuxDemux::handleReadableOne() {
   if (mode_ == Mode::mux || !onePam_) return;
@@ -157,13 +180,14 @@ void PamMuxDemux::handleReadableOne() {
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(trace, 8, "Pkt from single source " << source.name() << ". Size: " << pkt->bytes());
     if (mode_ == Mode::disabled) {
-      MOX_TRACE(trace, 7, "Discarding Pkt from " << source.name() << ". Size: " << pkt->bytes()
-                                                 << " since mode is disabled.");
+      MOX_TRACE(trace, 7,
+                "Discarding Pkt from " << source.name() << ". Size: " << pkt->bytes()
+                                       << " since mode is disabled.");
     } else if (const U32 key = decapsulate(pkt); key == kInvalidKey) {
       MOX_TRACE(trace, 6, "Invalid packet");
     } else if (auto entry = manyPam_.find(key); entry != manyPam_.end()) {
-      MOX_TRACE(trace, 8, "Pkt to " << key << " (" << entry->second->name()
-                                    << "). Size: " << pkt->bytes());
+      MOX_TRACE(trace, 8,
+                "Pkt to " << key << " (" << entry->second->name() << "). Size: " << pkt->bytes());
       entry->second->txPktIs(pkt);
     } else {
       MOX_TRACE(trace, 6, "No corresponding output for key: " << key);

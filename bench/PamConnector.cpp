@@ -10,8 +10,8 @@
 #include <Mox/Activity.h>
 #include <Mox/Time.h>
 
-#include <string>
 #include <deque>
+#include <string>
 #include <vector>
 
 namespace {

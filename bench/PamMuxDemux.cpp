@@ -69,7 +69,8 @@ void BM_Ratio(benchmark::State& state) {
         if (!startBurst(i)) return;
         while (Ptr<Korva::Pkt> pkt = source->rxPkt()) {
           const U8* header = pkt->frontData();
-          const U32 key = U32(header[0]) << 24 | U32(header[1]) << 16 | U32(header[2]) << 8 | header[3];
+          const U32 key =
+              U32(header[0]) << 24 | U32(header[1]) << 16 | U32(header[2]) << 8 | header[3];
           pkt->delSharedHeadData(Korva::PamKeyMuxDemux::kHeaderBytes);
           if (key < kKeys) outputs[key]->txPktIs(pkt);
         }

@@ -91,8 +91,9 @@ TEST(PamConnector, VlanOffloadMovesAnUnrecordedTagOnly) {
     std::string bytes;
     Mox::U16 tci;
   };
-  for (const Case& c : {Case{true, false, macs + rest, 0x6123}, Case{true, true, macs + tag + rest, 0x0007},
-                        Case{false, false, macs + tag + rest, 0}}) {
+  for (const Case& c :
+       {Case{true, false, macs + rest, 0x6123}, Case{true, true, macs + tag + rest, 0x0007},
+        Case{false, false, macs + tag + rest, 0}}) {
     Ptr<PamConnector> connector = newConnector();
     connector->vlanOffloadEnIs(c.offload);
     Ptr<Korva::Pkt> pkt = packetOf(macs + tag + rest);

@@ -122,10 +122,9 @@ TEST(PamMuxDemux, ModesChooseTheDirections) {
     Mode mode;
     bool oneRead, manyRead, delivered, sent;
   };
-  for (const Case& c : {Case{Mode::disabled, true, true, false, false},
-                        Case{Mode::mux, false, true, false, true},
-                        Case{Mode::demux, true, false, true, false},
-                        Case{Mode::both, true, true, true, true}}) {
+  for (const Case& c :
+       {Case{Mode::disabled, true, true, false, false}, Case{Mode::mux, false, true, false, true},
+        Case{Mode::demux, true, false, true, false}, Case{Mode::both, true, true, true, true}}) {
     TraceOn trace;
     Ptr<SlowPam> one = slowPam("\x01in", 1);
     Ptr<SlowPam> many = slowPam("\x01out", 1);
@@ -152,9 +151,9 @@ TEST(PamMuxDemux, UnroutablePacketsAreDroppedWithTheirReason) {
     std::string bytes;
     const char* trace;
   };
-  for (const Case& c : {Case{true, "\x05", "No corresponding output for key: 5"},
-                        Case{true, "", "Invalid packet"},
-                        Case{false, "\x09", " Pkt is filtered out. Discarding "}}) {
+  for (const Case& c :
+       {Case{true, "\x05", "No corresponding output for key: 5"}, Case{true, "", "Invalid packet"},
+        Case{false, "\x09", " Pkt is filtered out. Discarding "}}) {
     TraceOn trace;
     Ptr<SlowPam> one = slowPam(c.fromOne ? c.bytes : "", 0);
     Ptr<SlowPam> many = slowPam(c.bytes, c.fromOne ? 0 : 1);
@@ -199,7 +198,8 @@ TEST(PamKeyMuxDemux, KeyHeaderRoundTripsAndShortPacketsAreInvalid) {
     EXPECT_EQ(received->separateVlanTagPresent(), i % 2 == 1);
   }
   for (const std::string& bad : {std::string(), std::string("\x00\x01\x02", 3),
-                                 std::string("\xff\xff\xff\xff" "data")}) {
+                                 std::string("\xff\xff\xff\xff"
+                                             "data")}) {
     EXPECT_EQ(mux->decapsulate(packetOf(bad)), PamMuxDemux::kInvalidKey);
   }
 }
