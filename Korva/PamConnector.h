@@ -11,7 +11,7 @@
 //
 // The connector arms and disarms its clock as it pleases, so give it a clock of its own.
 
-#include <Korva/PamConnectorPam.mox.h>
+#include <Korva/PamConnector.mox.h>
 #include <Mox/Activity.h>
 #include <Mox/Clock.h>
 
@@ -30,9 +30,12 @@ class PamConnectorPam : public PamConnectorPamBase {
   PamConnectorPam* otherEnd() const noexcept { return otherEnd_; }
   virtual void otherEndIs(PamConnectorPam* otherEnd) noexcept { otherEnd_ = otherEnd; }
 
-  void doGetRxPkt() override;
   // Queues the packet on the other end (or drops it there when that queue is full).
   void txPktIs(const Mox::Ptr<Pkt>& pkt) override;
+
+ protected:
+  // Takes the oldest queued packet, its VLAN tag offloaded when the connector says so.
+  void doGetRxPkt() override;
 
  private:
   PamConnector* connector_;
