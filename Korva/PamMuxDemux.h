@@ -5,9 +5,9 @@
 // filtered, encapsulated for its key and sent on the one Pam. Derived classes supply the
 // encapsulation; PamKeyMuxDemux below is a ready one.
 //
-// Reading one source is cut short after one second of work (Mox::now()); the source is
-// then queued in pamDeferred and resumed from the activity clock, one source per clock
-// turn, oldest first.
+// Reading one source is cut short after one second of work (Mox::coarseNow(), which is
+// virtual time under Mox::VirtualTime); the source is then queued in pamDeferred and
+// resumed from the activity clock, one source per clock turn, oldest first.
 //
 //   Mox::Ptr<Korva::PamKeyMuxDemux> mux = Korva::PamKeyMuxDemuxIs(udpPam);
 //   mux->manyPamIs(7, userPam);     // packets with key 7 go to userPam
