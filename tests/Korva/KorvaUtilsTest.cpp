@@ -250,7 +250,9 @@ std::vector<IntfId> realisticIds(size_t count, std::mt19937& rng) {
       [&] { return "Loopback" + n(0, 999); },
   };
   std::set<IntfId> ids;
-  while (ids.size() < count) ids.insert(IntfId(forms[rng() % std::size(forms)]()));
+  for (size_t draw = 0; ids.size() < count && draw < 100 * count; ++draw) {
+    ids.insert(IntfId(forms[rng() % std::size(forms)]()));
+  }
   std::vector<IntfId> list(ids.begin(), ids.end());
   std::shuffle(list.begin(), list.end(), rng);
   return list;

@@ -87,8 +87,10 @@ TEST(DeferClose, FullRingClosesInline) {
   LingeringConnection blocker;
   ASSERT_EQ(Korva::deferClose(blocker.client), 0);  // the closer is now stuck in close()
 
+  // Bounded: a ring that never reports full fails here instead of looping.
   std::vector<int> queued;
   while (stats.enqueued.load() - stats.closed.load() < Korva::DeferCloseStats::ringSize) {
+    ASSERT_LT(queued.size(), Korva::DeferCloseStats::ringSize) << "the ring never filled";
     int fd = open("/dev/null", O_RDONLY);
     ASSERT_GE(fd, 0);
     queued.push_back(fd);
