@@ -170,17 +170,6 @@ TEST_F(IntfNameOrder, TypeWordIsTheRawStrcmpValue) {
   EXPECT_EQ(cmp("Port-Channel1", "Loopback0"), libcStrcmp("Port-Channel", "Loopback"));
 }
 
-TEST_F(IntfNameOrder, TracesEachGroupAtLevelOne) {
-  Mox::traceConfigIs("KorvaUtils/1");
-  Mox::TraceCapture capture;
-  cmp("Ethernet1/2", "Ethernet1/10");
-  Mox::traceConfigIs("");
-  EXPECT_TRUE(capture.contains("a substr=Ethernet, b substr=Ethernet"));
-  EXPECT_TRUE(capture.contains("a substr=2, b substr=10"));
-  EXPECT_TRUE(capture.contains("   apart=2, bpart=10"));
-  EXPECT_TRUE(capture.contains("   cmp=-1"));
-}
-
 TEST_F(IntfNameOrder, NullIdAborts) {
   EXPECT_DEATH(Korva::compareIntfName(IntfId(), IntfId("Ethernet1")),
                "Assertion \"aret > 1\" failed in Korva/KorvaUtils.cpp, S32 "
