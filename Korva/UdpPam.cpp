@@ -123,19 +123,6 @@ int interfaceIndexAt(int fd, const Mox::String8& devName) {
   return request.ifr_ifindex;
 }
 
-// The socket is made anew; a failure leaves the Pam in its mode without a socket, so a
-// later change of namespace or mode tries again.
-void renewSocket(UdpPam& pam) {
-  pam.doDelSocket();
-  if (pam.mode() == UdpPam::Mode::disabled) return;
-  try {
-    pam.doNewSocket();
-  } catch (...) {
-    pam.doDelSocket();
-    throw;
-  }
-}
-
 // What the control messages of one datagram said; TTL and TOS are -1 when absent.
 struct ReceivedInfo {
   U32 ifIndex = 0;
@@ -185,12 +172,25 @@ UdpPam::~UdpPam() {
 
 void UdpPam::handleMode() {
   MOX_TRACE(trace, 1, name() << ": mode is: " << modeText(mode()));
-  renewSocket(*this);
+  renewSocket();
 }
 
 void UdpPam::handleNetNs() {
   MOX_TRACE(trace, 1, name() << ": network namespace is: " << netNs().value());
-  if (mode() != Mode::disabled) renewSocket(*this);
+  if (mode() != Mode::disabled) renewSocket();
+}
+
+// A failure leaves the Pam in its mode without a socket, so a later change of namespace or
+// mode tries again.
+void UdpPam::renewSocket() {
+  doDelSocket();
+  if (mode() == Mode::disabled) return;
+  try {
+    doNewSocket();
+  } catch (...) {
+    doDelSocket();
+    throw;
+  }
 }
 
 void UdpPam::doNewSocket() {
