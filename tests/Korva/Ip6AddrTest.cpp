@@ -70,14 +70,6 @@ TEST(Ip6AddrParse, SequenceLeavesTheRestToTheCaller) {
   EXPECT_EQ(std::string_view(it), " rest");
 }
 
-TEST(Ip6AddrParse, RandomRoundTrip) {
-  std::mt19937 rng(11);
-  for (int i = 0; i < 100000; ++i) {
-    const Ip6Addr a = randomIp6(rng);
-    ASSERT_EQ(ip6(a.stringValue()), a) << a;
-  }
-}
-
 bool hasLeadingZeroDecimal(std::string_view text) {
   const size_t colon = text.rfind(':');
   const std::string_view tail = text.substr(colon == std::string_view::npos ? 0 : colon + 1);
