@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "BoundedRun.h"
+
 #include <string>
 #include <vector>
 
@@ -53,7 +55,7 @@ TEST(PamConnector, BurstIsAnnouncedOnOneTickPerPacket) {
   }
   EXPECT_EQ(pam0.writableCount(), 10u);
   EXPECT_TRUE(reader.received.empty());
-  ASSERT_TRUE(Mox::runUntil([&] { return reader.received.size() == 10; }, 1.0));
+  ASSERT_TRUE(runUntilBounded([&] { return reader.received.size() == 10; }, 1.0, 10));
   EXPECT_EQ(reader.received, sent);
   EXPECT_EQ(reader.times, std::vector<double>(10, time.start() + 1.0 / 1024));
   EXPECT_EQ(pam1.readableCount(), 10u);
