@@ -7,7 +7,9 @@
 //
 // Reading one source is cut short after one second of work (Mox::coarseNow(), which is
 // virtual time under Mox::VirtualTime); the source is then queued in pamDeferred and
-// resumed from the activity clock, one source per clock turn, oldest first.
+// resumed from the activity clock, one source per clock turn, oldest first. The clock is
+// re-armed from onTime() while work is left, so where another watcher of the activity
+// clock also disarms it there, give the multiplexer a clock of its own (clockIs).
 //
 //   Mox::Ptr<Korva::PamKeyMuxDemux> mux = Korva::PamKeyMuxDemuxIs(udpPam);
 //   mux->manyPamIs(7, userPam);     // packets with key 7 go to userPam
