@@ -120,7 +120,7 @@ class TableReaderCore {
   // The same for keys and values of sizes known where it is compiled.
   template <U32 keySize, U32 valueSize>
   bool findSized(const void* key, void* value) const {
-    return header_ && layout::lookUp(*header_, name_, key, value, keySize, valueSize, probes_);
+    return header_ && layout::lookUp(slots_, name_, key, value, keySize, valueSize, probes_);
   }
   // Calls fn for each entry; entries seen are each consistent.
   void forEach(const std::function<void(const void* key, const void* value)>& fn) const;
@@ -140,6 +140,7 @@ class TableReaderCore {
   TableShape shape_;
   Mapping mapping_;
   const layout::TableHeader* header_ = nullptr;
+  layout::SlotArrays slots_;
   mutable U64 probes_ = 0;
 };
 
