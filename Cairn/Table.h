@@ -119,7 +119,7 @@ class TableReaderCore {
   bool find(const void* key, void* value) const;
   // The same for keys and values of sizes known where it is compiled.
   template <U32 keySize, U32 valueSize>
-  bool findSized(const void* key, void* value) const {
+  [[gnu::always_inline]] bool findSized(const void* key, void* value) const {
     return header_ && layout::lookUp(slots_, name_, key, value, keySize, valueSize, probes_);
   }
   // Calls fn for each entry; entries seen are each consistent.
@@ -184,7 +184,7 @@ template <class Key, class Value>
 class Reader {
  public:
   Reader(const std::string& name, U32 capacity) : core_(name, tableShape<Key, Value>(capacity)) {}
-  std::optional<Value> find(const Key& key) const {
+  [[gnu::always_inline]] std::optional<Value> find(const Key& key) const {
     Value value;
     if (!core_.template findSized<sizeof(Key), sizeof(Value)>(&key, &value)) return std::nullopt;
     return value;

@@ -101,15 +101,22 @@ inline U64 hashBytes(const void* data, size_t size, U64 seed) {
 // reader's look-up: the words' products do not depend on one another, so they are computed
 // side by side, and the rotation makes the sum depend on where each word sits. A change to
 // any one word always changes the sum (multiplying by an odd constant is a bijection).
+inline U64 addWord(U64 h, U64 word) {
+  return ((h << 27) | (h >> 37)) + word * 0x9e3779b97f4a7c15ULL;
+}
+
+// Whole words, then the tail zero-padded: with a constant size this unrolls to straight code.
 inline U64 addWords(const void* data, size_t size, U64 h) {
   const U8* bytes = static_cast<const U8*>(data);
-  for (; size;) {
+  for (; size >= 8; bytes += 8, size -= 8) {
+    U64 word;
+    std::memcpy(&word, bytes, 8);
+    h = addWord(h, word);
+  }
+  if (size) {
     U64 word = 0;
-    const size_t take = size < 8 ? size : 8;
-    std::memcpy(&word, bytes, take);
-    h = ((h << 27) | (h >> 37)) + word * 0x9e3779b97f4a7c15ULL;
-    bytes += take;
-    size -= take;
+    std::memcpy(&word, bytes, size);
+    h = addWord(h, word);
   }
   return h;
 }
