@@ -21,6 +21,7 @@
 #include <Mox/Types.h>
 
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -95,6 +96,24 @@ inline U64 hashBytes(const void* data, size_t size, U64 seed) {
     h = mix(h ^ word);
   }
   return h;
+}
+
+// Where a key's probe starts: the top bits of a multiplicative hash, which depend on every
+// bit of the key; `shift` is 64 less the log2 of the slot count. Keys of 4 and 8 bytes take
+// one multiplication.
+inline U32 homeSlot(const void* key, size_t keySize, U32 shift) {
+  U64 h;
+  if (keySize == 8) {
+    std::memcpy(&h, key, 8);
+    h ^= h >> 32;
+  } else if (keySize == 4) {
+    U32 word;
+    std::memcpy(&word, key, 4);
+    h = word;
+  } else {
+    h = hashBytes(key, keySize, 0);
+  }
+  return static_cast<U32>((h * 0x9e3779b97f4a7c15ULL) >> shift);
 }
 
 // A checksum over 8-byte words, strong enough to catch damaged bytes and cheap on a
@@ -182,9 +201,8 @@ struct TableFixed {
     return first + array * align(U64(slotCount) * slotSize, 64);
   }
   U64 totalSize() const { return arrayOffset(2); }
-  U32 home(const void* key) const {
-    return static_cast<U32>(hashBytes(key, keySize, 0)) & (slotCount - 1);
-  }
+  U32 homeShift() const { return 64 - std::countr_zero(slotCount); }
+  U32 home(const void* key) const { return homeSlot(key, keySize, homeShift()); }
   U32 checksum(U32 state, const void* key, const void* value) const {
     return entryChecksum(state, key, keySize, value, valueSize);
   }
@@ -281,13 +299,15 @@ struct SlotArrays {
   const TableHeader* header = nullptr;
   const U8* arrays[2] = {};
   U32 mask = 0;
+  U32 shift = 0;
 
   SlotArrays() = default;
   explicit SlotArrays(const TableHeader& h)
       : header(&h),
         arrays{reinterpret_cast<const U8*>(h.slot(0, 0)),
                reinterpret_cast<const U8*>(h.slot(1, 0))},
-        mask(h.f.slotCount - 1) {}
+        mask(h.f.slotCount - 1),
+        shift(h.f.homeShift()) {}
 };
 
 // A reader's look-up: copies the value of `key` into `value`, false when absent or damaged
@@ -297,7 +317,7 @@ struct SlotArrays {
                                           U64& probes) {
   const TableHeader& header = *table.header;
   const U32 slotSize = slotSizeFor(keySize, valueSize);
-  const U32 home = static_cast<U32>(hashBytes(key, keySize, 0)) & table.mask;
+  const U32 home = homeSlot(key, keySize, table.shift);
   U64 examined = 0;
   for (U32 attempt = 0; attempt < kMaxAttempts; ++attempt) {
     const U32 generation = header.active.load(std::memory_order_acquire);
