@@ -1,0 +1,474 @@
+#include <Korva/IpPam.h>
+#include <Korva/NetnsUtils.h>
+#include <Mox/Activity.h>
+#include <Mox/Assert.h>
+
+#include <linux/filter.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace Korva {
+
+namespace {
+
+// Room for every control message a packet can carry here: packet information, original
+// destination, TOS or traffic class, TTL or hop limit.
+constexpr size_t kControlBytes = 256;
+
+union SocketAddress {
+  sockaddr base;
+  sockaddr_in v4;
+  sockaddr_in6 v6;
+};
+
+IpGenAddr addressOf(const sockaddr& address) {
+  SocketAddress copy;
+  if (address.sa_family == AF_INET6) {
+    std::memcpy(&copy.v6, &address, sizeof copy.v6);
+    Ip6Addr v6;
+    v6.copyFromBuffer(copy.v6.sin6_addr.s6_addr);
+    return IpGenAddr(v6);
+  }
+  std::memcpy(&copy.v4, &address, sizeof copy.v4);
+  return IpGenAddr(IpAddr(copy.v4.sin_addr.s_addr));
+}
+
+socklen_t socketAddressOf(const IpGenAddr& address, int domain, SocketAddress* out) {
+  *out = SocketAddress{};
+  if (domain == AF_INET6) {
+    out->v6.sin6_family = AF_INET6;
+    address.v6Addr().copyToBuffer(out->v6.sin6_addr.s6_addr);
+    return sizeof out->v6;
+  }
+  out->v4.sin_family = AF_INET;
+  out->v4.sin_addr.s_addr = address.v4Addr().valueNbo();
+  return sizeof out->v4;
+}
+
+// The index of a device in the socket's own namespace (which need not be the caller's); 0
+// when there is no such device.
+U32 interfaceIndexAt(int fd, const Mox::String8& device) {
+  ifreq request{};
+  std::strncpy(request.ifr_name, device.c_str(), IFNAMSIZ - 1);
+  if (ioctl(fd, SIOCGIFINDEX, &request) != 0) return 0;
+  return U32(request.ifr_ifindex);
+}
+
+template <class T>
+T controlValue(const cmsghdr* cmsg) {
+  T value;
+  std::memcpy(&value, CMSG_DATA(cmsg), sizeof value);
+  return value;
+}
+
+// What the control messages of one packet said.
+struct ReceivedInfo {
+  bool hasIfIndex = false;
+  U32 ifIndex = 0;
+  IpGenAddr dst;
+  bool hasOrigDst = false;
+  IpGenAddr origDst;
+  bool hasTos = false;
+  U8 tos = 0;
+  bool hasTtl = false;
+  U8 ttl = 0;
+};
+
+void absorbIpv4(const cmsghdr* cmsg, ReceivedInfo& info) {
+  switch (cmsg->cmsg_type) {
+    case IP_PKTINFO: {
+      const auto pktInfo = controlValue<in_pktinfo>(cmsg);
+      info.hasIfIndex = true;
+      info.ifIndex = U32(pktInfo.ipi_ifindex);
+      info.dst = IpAddr(pktInfo.ipi_addr.s_addr);
+      break;
+    }
+    case IP_ORIGDSTADDR: {
+      const auto address = controlValue<sockaddr_in>(cmsg);
+      info.hasOrigDst = true;
+      info.origDst = IpAddr(address.sin_addr.s_addr);
+      break;
+    }
+    case IP_TOS:
+      info.hasTos = true;
+      info.tos = controlValue<U8>(cmsg);
+      break;
+    case IP_TTL:
+      info.hasTtl = true;
+      info.ttl = U8(controlValue<int>(cmsg));
+      break;
+  }
+}
+
+void absorbIpv6(const cmsghdr* cmsg, ReceivedInfo& info) {
+  switch (cmsg->cmsg_type) {
+    case IPV6_PKTINFO: {
+      const auto pktInfo = controlValue<in6_pktinfo>(cmsg);
+      info.hasIfIndex = true;
+      info.ifIndex = pktInfo.ipi6_ifindex;
+      Ip6Addr dst;
+      dst.copyFromBuffer(pktInfo.ipi6_addr.s6_addr);
+      info.dst = dst;
+      break;
+    }
+    case IPV6_ORIGDSTADDR: {
+      const auto address = controlValue<sockaddr_in6>(cmsg);
+      Ip6Addr origDst;
+      origDst.copyFromBuffer(address.sin6_addr.s6_addr);
+      info.hasOrigDst = true;
+      info.origDst = origDst;
+      break;
+    }
+    case IPV6_TCLASS:
+      info.hasTos = true;
+      info.tos = U8(controlValue<int>(cmsg));
+      break;
+    case IPV6_HOPLIMIT:
+      info.hasTtl = true;
+      info.ttl = U8(controlValue<int>(cmsg));
+      break;
+  }
+}
+
+ReceivedInfo parseControl(msghdr& msg) {
+  ReceivedInfo info;
+  for (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
+    if (cmsg->cmsg_level == IPPROTO_IP) absorbIpv4(cmsg, info);
+    if (cmsg->cmsg_level == IPPROTO_IPV6) absorbIpv6(cmsg, info);
+  }
+  return info;
+}
+
+}  // namespace
+
+U32 ipSocketOptions(std::initializer_list<IpSocketOptions> bits) {
+  U32 options = 0;
+  for (IpSocketOptions bit : bits) options |= U32(bit);
+  return options;
+}
+
+IpPam::~IpPam() {
+  // The reactor keeps a plain pointer back to this Pam: it goes first.
+  fdSmDel();
+}
+
+void IpPam::setOption(int fd, int level, int option, int value, const char* step) {
+  if (setsockopt(fd, level, option, &value, sizeof value) == 0) return;
+  const int error = errno;
+  MOX_TRACE(family().trace, 0, name() << ": " << step << " failed with " << error);
+  throw Mox::ErrnoException(error, step);
+}
+
+void IpPam::doConfigureHeader(int, bool) {}
+
+void IpPam::enabledIs(bool enabled) {
+  if (socketFamily() && enabled != this->enabled()) {
+    if (enabled) {
+      openSocket();
+    } else {
+      handleCleanup();
+    }
+  }
+  IpPamBase::enabledIs(enabled);
+}
+
+void IpPam::optionsIs(U32 options) {
+  if (socketFamily() && enabled()) {
+    changeOptions(options);
+  } else {
+    IpPamBase::optionsIs(options);
+  }
+}
+
+void IpPam::txTOSIs(const IpDscp& txTOS) {
+  if (socketFamily() && enabled()) applyTOS(descriptor(), txTOS);
+  IpPamBase::txTOSIs(txTOS);
+}
+
+void IpPam::txTTLIs(const IpTtl& txTTL) {
+  if (socketFamily() && enabled()) applyTTL(descriptor(), txTTL);
+  IpPamBase::txTTLIs(txTTL);
+}
+
+void IpPam::openSocket() {
+  const int fd = socketAt(family().domain, SOCK_RAW, protocol(), netNs().value());
+  if (fd < 0) {
+    const int error = errno;
+    MOX_TRACE(family().trace, 0, name() << ": socket failed with " << error);
+    throw Mox::ErrnoException(error, "socket");
+  }
+  try {
+    doConfigureHeader(fd, false);
+    for (const IpOptionStep& step : family().receiveSteps) {
+      if (step.always || hasOption(step.bit)) {
+        setOption(fd, step.level, step.option, hasOption(step.bit), step.step);
+      }
+    }
+    if (hasOption(IpSocketOptions::ipAttachFilter)) attachFilter(fd);
+    if (hasOption(IpSocketOptions::ipRcvBuf)) {
+      setOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, int(rxBuf()), "setsockopt(SO_RCVBUFFORCE)");
+    }
+    if (txTOS().value() != 0) applyTOS(fd, txTOS());
+    if (txTTL().value() != 0) applyTTL(fd, txTTL());
+    if (hasOption(IpSocketOptions::ipTransparent)) {
+      setOption(fd, family().transparent.level, family().transparent.option, 1,
+                family().transparent.step);
+    }
+    if (hasOption(IpSocketOptions::ipPriority)) {
+      MOX_TRACE(family().trace, 2, name() << ": Socket priority is " << priority());
+      setOption(fd, SOL_SOCKET, SO_PRIORITY, int(priority()), "setsockopt(SO_PRIORITY)");
+    }
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+  MOX_TRACE(family().trace, 1, name() << ": Socket fd is " << fd);
+  // From here on the descriptor entity owns the socket.
+  fileDescIs(Mox::make<Mox::FileDescriptor>(name(), fd));
+  fdSmIs(PamFdSmIs(Mox::ActivityConfig::current(), fileDesc(), this));
+}
+
+void IpPam::handleCleanup() {
+  fdSmDel();
+  fileDescDel();
+}
+
+void IpPam::attachFilter(int fd) {
+  if (rxFilterSize() == 0) {
+    MOX_TRACE(family().trace, 0, name() << ": no filter program in rxFilter");
+    throw Mox::ErrnoException(EINVAL,
+                              "SO_ATTACH_FILTER option must be supplied with a valid filter");
+  }
+  std::vector<sock_filter> program;
+  program.reserve(rxFilterSize());
+  for (const auto& [index, insn] : rxFilterColl()) {
+    MOX_TRACE(family().trace, 3,
+              name() << ": Filter[" << unsigned(index) << "] is " << insn.code()
+                     << " jt: " << unsigned(insn.jt()) << " jf: " << unsigned(insn.jf())
+                     << " k: " << insn.k());
+    program.push_back(sock_filter{insn.code(), insn.jt(), insn.jf(), insn.k()});
+  }
+  const sock_fprog fprog{U16(program.size()), program.data()};
+  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog) != 0) {
+    const int error = errno;
+    MOX_TRACE(family().trace, 0, name() << ": SO_ATTACH_FILTER failed with " << error);
+    throw Mox::ErrnoException(error, "setsockopt(SO_ATTACH_FILTER)");
+  }
+}
+
+void IpPam::applyTOS(int fd, IpDscp tos) {
+  MOX_TRACE(family().trace, 2, name() << ": TOS=" << unsigned(tos.value()));
+  const IpOptionStep& step = family().tos;
+  if (family().domain == AF_INET) {
+    // The IPv4 socket takes TOS as the one byte it is.
+    const U8 value = tos.value();
+    if (setsockopt(fd, step.level, step.option, &value, sizeof value) == 0) return;
+    const int error = errno;
+    MOX_TRACE(family().trace, 0, name() << ": " << step.step << " failed with " << error);
+    throw Mox::ErrnoException(error, step.step);
+  }
+  setOption(fd, step.level, step.option, tos.value(), step.step);
+}
+
+void IpPam::applyTTL(int fd, IpTtl ttl) {
+  MOX_TRACE(family().trace, 2, name() << ": Set TTL=" << unsigned(ttl.value()));
+  // -1 gives the kernel's default back.
+  const int value = ttl.value() == 0 ? -1 : ttl.value();
+  const int level = family().domain == AF_INET ? IPPROTO_IP : IPPROTO_IPV6;
+  for (int option : family().ttlOptions) setOption(fd, level, option, value, family().ttlStep);
+}
+
+void IpPam::changeOptions(U32 newOptions) {
+  const U32 changed = options() ^ newOptions;
+  MOX_TRACE(
+      family().trace, 1,
+      name() << ": oldOptions=0x" << std::hex << options() << " changedOptions=0x" << changed);
+  auto changes = [&](IpSocketOptions bit) { return (changed & U32(bit)) != 0; };
+  auto isSet = [&](IpSocketOptions bit) { return (newOptions & U32(bit)) != 0; };
+  const int fd = descriptor();
+  // The steps read the new bits through options(); a failure puts the old ones back.
+  const U32 oldOptions = options();
+  IpPamBase::optionsIs(newOptions);
+  try {
+    if (changes(IpSocketOptions::ipHdrIncl)) doConfigureHeader(fd, true);
+    for (const IpOptionStep& step : family().receiveSteps) {
+      if (changes(step.bit)) {
+        setOption(fd, step.level, step.option, isSet(step.bit), step.step);
+      }
+    }
+    if (changes(IpSocketOptions::ipAttachFilter)) {
+      if (isSet(IpSocketOptions::ipAttachFilter)) {
+        attachFilter(fd);
+      } else {
+        setOption(fd, SOL_SOCKET, SO_DETACH_FILTER, 0, "setsockopt(SO_DETACH_FILTER)");
+      }
+    }
+    if (changes(IpSocketOptions::ipRcvBuf) && isSet(IpSocketOptions::ipRcvBuf)) {
+      setOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, int(rxBuf()), "setsockopt(SO_RCVBUFFORCE)");
+    }
+    if (changes(IpSocketOptions::ipTransparent)) {
+      setOption(fd, family().transparent.level, family().transparent.option,
+                isSet(IpSocketOptions::ipTransparent), family().transparent.step);
+    }
+    if (changes(IpSocketOptions::ipPriority)) {
+      const int value = isSet(IpSocketOptions::ipPriority) ? int(priority()) : 0;
+      MOX_TRACE(family().trace, 2, name() << ": Socket priority is " << value);
+      setOption(fd, SOL_SOCKET, SO_PRIORITY, value, "setsockopt(SO_PRIORITY)");
+    }
+  } catch (...) {
+    IpPamBase::optionsIs(oldOptions);
+    throw;
+  }
+}
+
+void IpPam::resolveTxIfName() {
+  const U32 index = interfaceIndexAt(descriptor(), txIfName());
+  MOX_TRACE(family().trace, 5, name() << ": Tx IfName set to " << txIfName());
+  if (index == 0) MOX_TRACE(family().trace, 1, name() << ": Invalid txIfName supplied.");
+  txIfIndexIs(index);
+}
+
+void IpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
+  if (!socketFamily()) {
+    IpPamBase::txPktIs(pkt);
+    return;
+  }
+  MOX_TRACE(family().trace, 9, name() << ": Sending pkt of size " << pkt->bytes());
+  MOX_ASSERT_TEXT(enabled(), "enabled()");
+  const bool v6 = family().domain == AF_INET6;
+  SocketAddress destination;
+  msghdr msg{};
+  msg.msg_name = &destination;
+  msg.msg_namelen = socketAddressOf(txDstIpAddr(), family().domain, &destination);
+  msg.msg_iov = const_cast<iovec*>(pkt->iovecs());
+  msg.msg_iovlen = pkt->iovecCount();
+  if (v6) MOX_TRACE(family().trace, 9, name() << ": sendmsg() to " << txDstIpAddr());
+
+  if (!txIfName().empty()) resolveTxIfName();
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))];
+  if (txIfIndex() != 0 || !txSrcIpAddr().isAddrZero()) {
+    msg.msg_control = control;
+    msg.msg_controllen = v6 ? CMSG_SPACE(sizeof(in6_pktinfo)) : CMSG_SPACE(sizeof(in_pktinfo));
+    std::memset(control, 0, sizeof control);
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    MOX_TRACE(family().trace, 9,
+              name() << (v6 ? ": IPV6_PKTINFO option set" : ": IP_PKTINFO option set")
+                     << "; Transmitting packet through ifindex " << txIfIndex()
+                     << "; Overriding source ip Address " << txSrcIpAddr());
+    if (v6) {
+      in6_pktinfo pktInfo{};
+      if (!txSrcIpAddr().isAddrZero())
+        txSrcIpAddr().v6Addr().copyToBuffer(pktInfo.ipi6_addr.s6_addr);
+      pktInfo.ipi6_ifindex = txIfIndex();
+      cmsg->cmsg_level = IPPROTO_IPV6;
+      cmsg->cmsg_type = IPV6_PKTINFO;
+      cmsg->cmsg_len = CMSG_LEN(sizeof pktInfo);
+      std::memcpy(CMSG_DATA(cmsg), &pktInfo, sizeof pktInfo);
+    } else {
+      in_pktinfo pktInfo{};
+      pktInfo.ipi_ifindex = int(txIfIndex());
+      pktInfo.ipi_spec_dst.s_addr = txSrcIpAddr().v4Addr().valueNbo();
+      cmsg->cmsg_level = IPPROTO_IP;
+      cmsg->cmsg_type = IP_PKTINFO;
+      cmsg->cmsg_len = CMSG_LEN(sizeof pktInfo);
+      std::memcpy(CMSG_DATA(cmsg), &pktInfo, sizeof pktInfo);
+    }
+  }
+  MOX_TRACE(family().trace, 9, name() << ": sendmsg( ) with flags : " << txFlags());
+  if (sendmsg(descriptor(), &msg, txFlags()) < 0) {
+    const int error = errno;
+    MOX_TRACE(family().trace, 3,
+              name() << ": sendmsg failed with " << error << " (" << strerror(error) << ")");
+    // Every failure counts, a full send buffer (EAGAIN) included.
+    txErrorsInc(1);
+    return;
+  }
+  txPktCountInc(1);
+}
+
+void IpPam::doGetRxPkt() {
+  if (!socketFamily()) {
+    Pam::doGetRxPkt();
+    return;
+  }
+  if (!enabled()) {
+    MOX_TRACE(family().trace, 1,
+              name() << ": " << family().unit << " not enabled. Aborting action");
+    return;
+  }
+  Pkt::Manager* manager = globalPktManager();
+  Mox::Ptr<Pkt> pkt = manager->newPkt();
+  if (!pkt) {
+    MOX_TRACE(family().trace, 0, name() << ": Failed to obtain new packet object");
+    return;
+  }
+  const U32 capacity = maxRxPktData();
+  if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
+  MOX_ASSERT_TEXT(pkt->maxSharedData() >= capacity, "maxSize >= maxRxPktData()");
+  // The packet lands at the end of the buffer: what is left in front is head room.
+  iovec iov{pkt->newSharedHeadData(capacity), capacity};
+  SocketAddress source;
+  alignas(cmsghdr) char control[kControlBytes];
+  msghdr msg{};
+  msg.msg_name = &source;
+  msg.msg_namelen = sizeof source;
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof control;
+
+  const ssize_t received = recvmsg(descriptor(), &msg, rxFlags());
+  if (received < 0) {
+    const int error = errno;
+    if (error != EAGAIN) {
+      MOX_TRACE(family().trace, 3,
+                name() << ": recvmsg failed with " << error << " (" << strerror(error) << ") ");
+    }
+    // Finding nothing counts too, deliberately: a readable report that yields no packet.
+    rxErrorsInc(1);
+    return;
+  }
+  MOX_TRACE(family().trace, 9, name() << ": Received packet of size " << received);
+  rxSrcIpAddrIs(addressOf(source.base));
+  MOX_TRACE(family().trace, 9, name() << ": Source IP address is " << rxSrcIpAddr());
+
+  const ReceivedInfo info = parseControl(msg);
+  if (info.hasIfIndex) {
+    rxIfIndexIs(info.ifIndex);
+    rxDstIpAddrIs(info.dst);
+    MOX_TRACE(family().trace, 9,
+              name() << ": Packet arrived on interface index " << info.ifIndex
+                     << " with destination IP of " << info.dst);
+  } else if (hasOption(IpSocketOptions::ipPktInfo)) {
+    MOX_TRACE(family().trace, 3, name() << ": recvmsg failed to retrieve ifindex");
+  }
+  if (info.hasOrigDst) {
+    rxOrigDstIpAddrIs(info.origDst);
+    MOX_TRACE(family().trace, 9, name() << ": Original destination IP is " << info.origDst);
+  }
+  if (info.hasTos) {
+    rxTOSIs(info.tos);
+    MOX_TRACE(family().trace, 9,
+              name() << ": TOS of received packet is 0x" << std::hex << unsigned(info.tos));
+  }
+  if (info.hasTtl) {
+    rxTTLIs(info.ttl);
+    MOX_TRACE(family().trace, 9,
+              name() << ": TTL of received packet is 0x" << std::hex << unsigned(info.ttl));
+  }
+  pkt->delSharedTailData(capacity - U32(received));
+  if (received == 0) {
+    MOX_TRACE(family().trace, 3, name() << ": Discarding empty packet");
+    return;
+  }
+  rxPktCountInc(1);
+  rxPktHolderIs(pkt);
+}
+
+}  // namespace Korva
