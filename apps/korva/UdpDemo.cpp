@@ -4,22 +4,14 @@
 // removed again, also when a step fails.
 
 #include "Command.h"
+#include "DemoNet.h"
 
-#include <Korva/NetnsUtils.h>
 #include <Korva/UdpPam.h>
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
 
-#include <linux/capability.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -28,58 +20,6 @@ using Mox::Ptr;
 
 constexpr Mox::U16 kServerPort = 7000;
 constexpr double kTimeoutSeconds = 5.0;
-
-bool hasCapability(int capability) {
-  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct data[2] = {};
-  if (syscall(SYS_capget, &header, data) != 0) return false;
-  return data[capability / 32].effective & (1u << (capability % 32));
-}
-
-// A named namespace that is deleted, with the links in it, when this goes.
-class ThrowawayNs {
- public:
-  explicit ThrowawayNs(const std::string& role)
-      : name_("korva-demo-" + role + "-" + std::to_string(getpid())) {
-    created_ = Korva::netNsAdd(name_) == 0;
-  }
-  ~ThrowawayNs() {
-    if (created_) Korva::netNsDelete(name_);
-  }
-  ThrowawayNs(const ThrowawayNs&) = delete;
-  ThrowawayNs& operator=(const ThrowawayNs&) = delete;
-
-  bool created() const { return created_; }
-  const std::string& name() const { return name_; }
-  // Runs `ip -n <ns> <command>`; says which command failed.
-  bool ip(const std::string& command) const {
-    const std::string line = "ip -n " + name_ + " " + command;
-    if (std::system((line + " >/dev/null 2>&1").c_str()) == 0) return true;
-    std::printf("  failed: %s\n", line.c_str());
-    return false;
-  }
-
- private:
-  std::string name_;
-  bool created_ = false;
-};
-
-// Addresses one veth end, host 1 or 2 of 10.99.0.0/24 and fd99::/64. `nodad` makes the
-// IPv6 address usable at once instead of after duplicate detection.
-bool configureEnd(const ThrowawayNs& ns, const std::string& link, int host) {
-  const std::string h = std::to_string(host);
-  return ns.ip("addr add 10.99.0." + h + "/24 dev " + link) &&
-         ns.ip("addr add fd99::" + h + "/64 dev " + link + " nodad") &&
-         ns.ip("link set " + link + " up") && ns.ip("link set lo up");
-}
-
-// The name of an interface index in the namespace of the Pam's socket.
-std::string interfaceName(const UdpPam& pam, Mox::U32 index) {
-  ifreq request{};
-  request.ifr_ifindex = int(index);
-  if (ioctl(pam.fileDesc()->descriptor(), SIOCGIFNAME, &request) != 0) return "?";
-  return request.ifr_name;
-}
 
 std::string source(const UdpPam& pam) {
   return pam.ipv6En() ? pam.rxSrcIp6Addr().stringValue() : pam.rxSrcIpAddr().stringValue();
@@ -107,7 +47,8 @@ class Peer : public UdpPam::Notifiee {
       const std::string text = pkt->stringValue();
       std::printf("  %s got \"%s\" from %s port %u to %s on %s (index %u)\n", role_, text.c_str(),
                   source(pam).c_str(), pam.rxSrcPort(), destination(pam).c_str(),
-                  interfaceName(pam, pam.rxIfIndex()).c_str(), pam.rxIfIndex());
+                  KorvaTool::interfaceName(pam.fileDesc()->descriptor(), pam.rxIfIndex()).c_str(),
+                  pam.rxIfIndex());
       ++received_;
       if (!answers_) continue;
       if (pam.ipv6En()) {
@@ -127,7 +68,7 @@ class Peer : public UdpPam::Notifiee {
   int received_ = 0;
 };
 
-Ptr<UdpPam> newPam(const std::string& name, const ThrowawayNs& ns, bool v6) {
+Ptr<UdpPam> newPam(const std::string& name, const KorvaTool::ThrowawayNs& ns, bool v6) {
   Ptr<UdpPam> pam = Korva::udpPamFactory(name);
   pam->ipv6EnIs(v6);
   pam->netNsIs(Korva::NamespaceName(ns.name()));
@@ -135,7 +76,8 @@ Ptr<UdpPam> newPam(const std::string& name, const ThrowawayNs& ns, bool v6) {
 }
 
 // One request and its answer in one family; false when either did not arrive in time.
-bool exchange(const ThrowawayNs& serverNs, const ThrowawayNs& clientNs, bool v6) {
+bool exchange(const KorvaTool::ThrowawayNs& serverNs, const KorvaTool::ThrowawayNs& clientNs,
+              bool v6) {
   const char* family = v6 ? "IPv6" : "IPv4";
   Ptr<UdpPam> server = newPam(std::string("server-") + family, serverNs, v6);
   server->rxPortIs(kServerPort);
@@ -163,37 +105,17 @@ bool exchange(const ThrowawayNs& serverNs, const ThrowawayNs& clientNs, bool v6)
 }
 
 int runUdpDemo() {
-  struct Need {
-    int capability;
-    const char* name;
-    const char* purpose;
-  };
-  for (const Need& need : {Need{CAP_SYS_ADMIN, "CAP_SYS_ADMIN", "create network namespaces"},
-                           Need{CAP_NET_ADMIN, "CAP_NET_ADMIN", "create veth links"}}) {
-    if (!hasCapability(need.capability)) {
-      std::printf("  missing capability %s (needed to %s); run as root\n", need.name, need.purpose);
+  const KorvaTool::DemoNet net;
+  if (!net.ready()) return 1;
+  try {
+    if (!exchange(net.server(), net.client(), false) ||
+        !exchange(net.server(), net.client(), true)) {
       return 1;
     }
-  }
-  const ThrowawayNs serverNs("server");
-  const ThrowawayNs clientNs("client");
-  if (!serverNs.created() || !clientNs.created()) {
-    std::printf("  could not create the namespaces\n");
-    return 1;
-  }
-  if (!serverNs.ip("link add kd0 type veth peer name kd1 netns " + clientNs.name()) ||
-      !configureEnd(serverNs, "kd0", 1) || !configureEnd(clientNs, "kd1", 2)) {
-    return 1;
-  }
-  std::printf("  namespaces %s (kd0: 10.99.0.1, fd99::1) and %s (kd1: 10.99.0.2, fd99::2)\n",
-              serverNs.name().c_str(), clientNs.name().c_str());
-  try {
-    if (!exchange(serverNs, clientNs, false) || !exchange(serverNs, clientNs, true)) return 1;
   } catch (const Mox::ErrnoException& error) {
     std::printf("  UDP Pam set-up failed: %s\n", error.description().c_str());
     return 1;
   }
-  std::printf("  removing %s and %s\n", serverNs.name().c_str(), clientNs.name().c_str());
   return 0;
 }
 

@@ -1,0 +1,101 @@
+#include "DemoNet.h"
+
+#include <Korva/NetnsUtils.h>
+
+#include <linux/capability.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace KorvaTool {
+
+namespace {
+
+bool hasCapability(int capability) {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2] = {};
+  if (syscall(SYS_capget, &header, data) != 0) return false;
+  return data[capability / 32].effective & (1u << (capability % 32));
+}
+
+bool hasCapabilities() {
+  struct Need {
+    int capability;
+    const char* name;
+    const char* purpose;
+  };
+  for (const Need& need : {Need{CAP_SYS_ADMIN, "CAP_SYS_ADMIN", "create network namespaces"},
+                           Need{CAP_NET_ADMIN, "CAP_NET_ADMIN", "create veth links"},
+                           Need{CAP_NET_RAW, "CAP_NET_RAW", "open raw sockets"}}) {
+    if (!hasCapability(need.capability)) {
+      std::printf("  missing capability %s (needed to %s); run as root\n", need.name, need.purpose);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool runQuietly(const std::string& line) {
+  if (std::system((line + " >/dev/null 2>&1").c_str()) == 0) return true;
+  std::printf("  failed: %s\n", line.c_str());
+  return false;
+}
+
+// Addresses one veth end, host 1 or 2 of 10.99.0.0/24 and fd99::/64. `nodad` makes the
+// IPv6 address usable at once instead of after duplicate detection.
+bool configureEnd(const ThrowawayNs& ns, const std::string& link, int host) {
+  const std::string h = std::to_string(host);
+  return ns.ip("addr add 10.99.0." + h + "/24 dev " + link) &&
+         ns.ip("addr add fd99::" + h + "/64 dev " + link + " nodad") &&
+         ns.ip("link set " + link + " up") && ns.ip("link set lo up");
+}
+
+}  // namespace
+
+ThrowawayNs::ThrowawayNs(const std::string& role)
+    : name_("korva-demo-" + role + "-" + std::to_string(getpid())) {
+  created_ = Korva::netNsAdd(name_) == 0;
+}
+
+ThrowawayNs::~ThrowawayNs() {
+  if (created_) Korva::netNsDelete(name_);
+}
+
+bool ThrowawayNs::ip(const std::string& command) const {
+  return runQuietly("ip -n " + name_ + " " + command);
+}
+
+bool ThrowawayNs::exec(const std::string& command) const {
+  return runQuietly("ip netns exec " + name_ + " " + command);
+}
+
+DemoNet::DemoNet() : server_("server"), client_("client") {
+  if (!hasCapabilities()) return;
+  if (!server_.created() || !client_.created()) {
+    std::printf("  could not create the namespaces\n");
+    return;
+  }
+  ready_ = server_.ip("link add kd0 type veth peer name kd1 netns " + client_.name()) &&
+           configureEnd(server_, "kd0", 1) && configureEnd(client_, "kd1", 2);
+  if (ready_) {
+    std::printf("  namespaces %s (kd0: 10.99.0.1, fd99::1) and %s (kd1: 10.99.0.2, fd99::2)\n",
+                server_.name().c_str(), client_.name().c_str());
+  }
+}
+
+DemoNet::~DemoNet() {
+  if (ready_) std::printf("  removing %s and %s\n", server_.name().c_str(), client_.name().c_str());
+}
+
+std::string interfaceName(int fd, Mox::U32 index) {
+  ifreq request{};
+  request.ifr_ifindex = int(index);
+  if (ioctl(fd, SIOCGIFNAME, &request) != 0) return "?";
+  return request.ifr_name;
+}
+
+}  // namespace KorvaTool
