@@ -10,14 +10,13 @@
 //   pam->modeIs(Korva::UdpPam::Mode::server);   // bound, watched by the event loop
 //   if (Mox::Ptr<Korva::Pkt> pkt = pam->rxPkt()) { ... pam->rxSrcIpAddr() ... }
 
+#include <Korva/PamFdSm.h>
 #include <Korva/UdpPam.mox.h>
 
 namespace Korva {
 
 class UdpPam : public UdpPamBase {
  public:
-  ~UdpPam() override;
-
   // Sends one datagram: a server to txDstIpAddr (txDstIp6Addr) and txPort, a client to its
   // peer, connecting first.
   void txPktIs(const Mox::Ptr<Pkt>& pkt) override;
@@ -27,6 +26,10 @@ class UdpPam : public UdpPamBase {
   // Raises the socket's receive and send buffers to at least `bytes`.
   void incSockBufSize(U32 bytes);
   void assertNotConnected() const;
+
+  // The socket's descriptor entity and its readiness reactor; empty without a socket.
+  const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const noexcept { return fd_.fileDesc(); }
+  const Mox::Ptr<PamFdSm>& fdSm() const noexcept { return fd_.fdSm(); }
 
  protected:
   explicit UdpPam(const Mox::Name& name) : UdpPamBase(name) {}
@@ -47,6 +50,8 @@ class UdpPam : public UdpPamBase {
   void renewSocket();
   // Reads back the local port the kernel gave the socket into rxPortLocal.
   void noteLocalPort();
+
+  PamFd fd_;
 };
 
 }  // namespace Korva
