@@ -1,5 +1,6 @@
 #include <Korva/IpPam.h>
 #include <Korva/NetnsUtils.h>
+#include <Korva/SocketUtils.h>
 #include <Mox/Activity.h>
 #include <Mox/Assert.h>
 
@@ -20,45 +21,6 @@ namespace {
 // Room for every control message a packet can carry here: packet information, original
 // destination, TOS or traffic class, TTL or hop limit.
 constexpr size_t kControlBytes = 256;
-
-union SocketAddress {
-  sockaddr base;
-  sockaddr_in v4;
-  sockaddr_in6 v6;
-};
-
-IpGenAddr addressOf(const sockaddr& address) {
-  SocketAddress copy;
-  if (address.sa_family == AF_INET6) {
-    std::memcpy(&copy.v6, &address, sizeof copy.v6);
-    Ip6Addr v6;
-    v6.copyFromBuffer(copy.v6.sin6_addr.s6_addr);
-    return IpGenAddr(v6);
-  }
-  std::memcpy(&copy.v4, &address, sizeof copy.v4);
-  return IpGenAddr(IpAddr(copy.v4.sin_addr.s_addr));
-}
-
-socklen_t socketAddressOf(const IpGenAddr& address, int domain, SocketAddress* out) {
-  *out = SocketAddress{};
-  if (domain == AF_INET6) {
-    out->v6.sin6_family = AF_INET6;
-    address.v6Addr().copyToBuffer(out->v6.sin6_addr.s6_addr);
-    return sizeof out->v6;
-  }
-  out->v4.sin_family = AF_INET;
-  out->v4.sin_addr.s_addr = address.v4Addr().valueNbo();
-  return sizeof out->v4;
-}
-
-// The index of a device in the socket's own namespace (which need not be the caller's); 0
-// when there is no such device.
-U32 interfaceIndexAt(int fd, const Mox::String8& device) {
-  ifreq request{};
-  std::strncpy(request.ifr_name, device.c_str(), IFNAMSIZ - 1);
-  if (ioctl(fd, SIOCGIFINDEX, &request) != 0) return 0;
-  return U32(request.ifr_ifindex);
-}
 
 template <class T>
 T controlValue(const cmsghdr* cmsg) {
@@ -153,13 +115,8 @@ U32 ipSocketOptions(std::initializer_list<IpSocketOptions> bits) {
   return options;
 }
 
-IpPam::~IpPam() {
-  // The reactor keeps a plain pointer back to this Pam: it goes first.
-  fdSmDel();
-}
-
 void IpPam::setOption(int fd, int level, int option, int value, const char* step) {
-  if (setsockopt(fd, level, option, &value, sizeof value) == 0) return;
+  if (setSocketOptionInteger(fd, level, option, value, false) == 0) return;
   const int error = errno;
   MOX_TRACE(family().trace, 0, name() << ": " << step << " failed with " << error);
   throw Mox::ErrnoException(error, step);
@@ -203,40 +160,34 @@ void IpPam::openSocket() {
     MOX_TRACE(family().trace, 0, name() << ": socket failed with " << error);
     throw Mox::ErrnoException(error, "socket");
   }
-  try {
-    doConfigureHeader(fd, false);
-    for (const IpOptionStep& step : family().receiveSteps) {
-      if (step.always || hasOption(step.bit)) {
-        setOption(fd, step.level, step.option, hasOption(step.bit), step.step);
-      }
+  // The descriptor entity owns the socket from here on: a failed step below closes it.
+  const auto socket = Mox::make<Mox::FileDescriptor>(name(), fd);
+  doConfigureHeader(fd, false);
+  for (const IpOptionStep& step : family().receiveSteps) {
+    if (step.always || hasOption(step.bit)) {
+      setOption(fd, step.level, step.option, hasOption(step.bit), step.step);
     }
-    if (hasOption(IpSocketOptions::ipAttachFilter)) attachFilter(fd);
-    if (hasOption(IpSocketOptions::ipRcvBuf)) {
-      setOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, int(rxBuf()), "setsockopt(SO_RCVBUFFORCE)");
-    }
-    if (txTOS().value() != 0) applyTOS(fd, txTOS());
-    if (txTTL().value() != 0) applyTTL(fd, txTTL());
-    if (hasOption(IpSocketOptions::ipTransparent)) {
-      setOption(fd, family().transparent.level, family().transparent.option, 1,
-                family().transparent.step);
-    }
-    if (hasOption(IpSocketOptions::ipPriority)) {
-      MOX_TRACE(family().trace, 2, name() << ": Socket priority is " << priority());
-      setOption(fd, SOL_SOCKET, SO_PRIORITY, int(priority()), "setsockopt(SO_PRIORITY)");
-    }
-  } catch (...) {
-    close(fd);
-    throw;
+  }
+  if (hasOption(IpSocketOptions::ipAttachFilter)) attachFilter(fd);
+  if (hasOption(IpSocketOptions::ipRcvBuf)) {
+    setOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, int(rxBuf()), "setsockopt(SO_RCVBUFFORCE)");
+  }
+  if (txTOS().value() != 0) applyTOS(fd, txTOS());
+  if (txTTL().value() != 0) applyTTL(fd, txTTL());
+  if (hasOption(IpSocketOptions::ipTransparent)) {
+    setOption(fd, family().transparent.level, family().transparent.option, 1,
+              family().transparent.step);
+  }
+  if (hasOption(IpSocketOptions::ipPriority)) {
+    MOX_TRACE(family().trace, 2, name() << ": Socket priority is " << priority());
+    setOption(fd, SOL_SOCKET, SO_PRIORITY, int(priority()), "setsockopt(SO_PRIORITY)");
   }
   MOX_TRACE(family().trace, 1, name() << ": Socket fd is " << fd);
-  // From here on the descriptor entity owns the socket.
-  fileDescIs(Mox::make<Mox::FileDescriptor>(name(), fd));
-  fdSmIs(PamFdSmIs(Mox::ActivityConfig::current(), fileDesc(), this));
+  fd_.fileDescIs(socket, this);
 }
 
 void IpPam::handleCleanup() {
-  fdSmDel();
-  fileDescDel();
+  fd_.del();
 }
 
 void IpPam::attachFilter(int fd) {
@@ -328,7 +279,7 @@ void IpPam::changeOptions(U32 newOptions) {
 }
 
 void IpPam::resolveTxIfName() {
-  const U32 index = interfaceIndexAt(descriptor(), txIfName());
+  const U32 index = interfaceIndex(descriptor(), txIfName());
   MOX_TRACE(family().trace, 5, name() << ": Tx IfName set to " << txIfName());
   if (index == 0) MOX_TRACE(family().trace, 1, name() << ": Invalid txIfName supplied.");
   txIfIndexIs(index);
@@ -342,10 +293,12 @@ void IpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   MOX_TRACE(family().trace, 9, name() << ": Sending pkt of size " << pkt->bytes());
   MOX_ASSERT_TEXT(enabled(), "enabled()");
   const bool v6 = family().domain == AF_INET6;
-  SocketAddress destination;
+  // The destination in the socket's family, whatever the family of txDstIpAddr.
+  const IpGenAddr dst = v6 ? IpGenAddr(txDstIpAddr().v6Addr()) : IpGenAddr(txDstIpAddr().v4Addr());
+  SockAddr destination;
   msghdr msg{};
   msg.msg_name = &destination;
-  msg.msg_namelen = socketAddressOf(txDstIpAddr(), family().domain, &destination);
+  msg.msg_namelen = constructSockAddr(&destination.base, dst);
   msg.msg_iov = const_cast<iovec*>(pkt->iovecs());
   msg.msg_iovlen = pkt->iovecCount();
   if (v6) MOX_TRACE(family().trace, 9, name() << ": sendmsg() to " << txDstIpAddr());
@@ -413,7 +366,7 @@ void IpPam::doGetRxPkt() {
   MOX_ASSERT_TEXT(pkt->maxSharedData() >= capacity, "maxSize >= maxRxPktData()");
   // The packet lands at the end of the buffer: what is left in front is head room.
   iovec iov{pkt->newSharedHeadData(capacity), capacity};
-  SocketAddress source;
+  SockAddr source;
   alignas(cmsghdr) char control[kControlBytes];
   msghdr msg{};
   msg.msg_name = &source;
@@ -435,7 +388,7 @@ void IpPam::doGetRxPkt() {
     return;
   }
   MOX_TRACE(family().trace, 9, name() << ": Received packet of size " << received);
-  rxSrcIpAddrIs(addressOf(source.base));
+  rxSrcIpAddrIs(sockAddrIpGenAddr(&source.base));
   MOX_TRACE(family().trace, 9, name() << ": Source IP address is " << rxSrcIpAddr());
 
   const ReceivedInfo info = parseControl(msg);

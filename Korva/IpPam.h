@@ -13,6 +13,7 @@
 //   if (Mox::Ptr<Korva::Pkt> pkt = pam->rxPkt()) { ... pam->rxIfIndex() ... }
 
 #include <Korva/IpPam.mox.h>
+#include <Korva/PamFdSm.h>
 #include <Mox/Trace.h>
 
 #include <sys/socket.h>
@@ -50,8 +51,6 @@ struct IpSocketFamily {
 
 class IpPam : public IpPamBase {
  public:
-  ~IpPam() override;
-
   bool hasOption(IpSocketOptions bit) const { return options() & U32(bit); }
 
   // On a Pam with a socket family (IpSocketPam, Ip6SocketPam): true opens and configures
@@ -67,6 +66,10 @@ class IpPam : public IpPamBase {
   // Sends one packet to txDstIpAddr; the Pam must be enabled. Failures count in txErrors.
   void txPktIs(const Mox::Ptr<Pkt>& pkt) override;
 
+  // The socket's descriptor entity and its readiness reactor; empty while disabled.
+  const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const noexcept { return fd_.fileDesc(); }
+  const Mox::Ptr<PamFdSm>& fdSm() const noexcept { return fd_.fdSm(); }
+
  protected:
   IpPam(const Mox::Name& name, const IpProtocolNumber& protocol, const NamespaceName& netNs)
       : IpPamBase(name, protocol, netNs) {}
@@ -80,7 +83,7 @@ class IpPam : public IpPamBase {
   // Drops the reactor and the descriptor entity, which closes the socket.
   virtual void handleCleanup();
 
-  int descriptor() const { return fileDesc() ? fileDesc()->descriptor() : -1; }
+  int descriptor() const noexcept { return fd_.descriptor(); }
   // Sets an int option; a failure is traced and thrown with the step's message.
   void setOption(int fd, int level, int option, int value, const char* step);
 
@@ -96,6 +99,8 @@ class IpPam : public IpPamBase {
   void applyTTL(int fd, IpTtl ttl);
   // The index of txIfName in the socket's namespace, stored in txIfIndex.
   void resolveTxIfName();
+
+  PamFd fd_;
 };
 
 }  // namespace Korva
