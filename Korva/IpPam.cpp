@@ -154,16 +154,17 @@ void IpPam::txTTLIs(const IpTtl& txTTL) {
 }
 
 void IpPam::openSocket() {
-  const int fd = socketAt(family().domain, SOCK_RAW, protocol(), netNs().value());
+  const IpSocketFamily& f = family();
+  const int fd = socketAt(f.domain, SOCK_RAW, protocol(), netNs().value());
   if (fd < 0) {
     const int error = errno;
-    MOX_TRACE(family().trace, 0, name() << ": socket failed with " << error);
+    MOX_TRACE(f.trace, 0, name() << ": socket failed with " << error);
     throw Mox::ErrnoException(error, "socket");
   }
   // The descriptor entity owns the socket from here on: a failed step below closes it.
   const auto socket = Mox::make<Mox::FileDescriptor>(name(), fd);
   doConfigureHeader(fd, false);
-  for (const IpOptionStep& step : family().receiveSteps) {
+  for (const IpOptionStep& step : f.receiveSteps) {
     if (step.always || hasOption(step.bit)) {
       setOption(fd, step.level, step.option, hasOption(step.bit), step.step);
     }
@@ -175,14 +176,13 @@ void IpPam::openSocket() {
   if (txTOS().value() != 0) applyTOS(fd, txTOS());
   if (txTTL().value() != 0) applyTTL(fd, txTTL());
   if (hasOption(IpSocketOptions::ipTransparent)) {
-    setOption(fd, family().transparent.level, family().transparent.option, 1,
-              family().transparent.step);
+    setOption(fd, f.transparent.level, f.transparent.option, 1, f.transparent.step);
   }
   if (hasOption(IpSocketOptions::ipPriority)) {
-    MOX_TRACE(family().trace, 2, name() << ": Socket priority is " << priority());
+    MOX_TRACE(f.trace, 2, name() << ": Socket priority is " << priority());
     setOption(fd, SOL_SOCKET, SO_PRIORITY, int(priority()), "setsockopt(SO_PRIORITY)");
   }
-  MOX_TRACE(family().trace, 1, name() << ": Socket fd is " << fd);
+  MOX_TRACE(f.trace, 1, name() << ": Socket fd is " << fd);
   fd_.fileDescIs(socket, this);
 }
 
@@ -191,15 +191,16 @@ void IpPam::handleCleanup() {
 }
 
 void IpPam::attachFilter(int fd) {
+  const IpSocketFamily& f = family();
   if (rxFilterSize() == 0) {
-    MOX_TRACE(family().trace, 0, name() << ": no filter program in rxFilter");
+    MOX_TRACE(f.trace, 0, name() << ": no filter program in rxFilter");
     throw Mox::ErrnoException(EINVAL,
                               "SO_ATTACH_FILTER option must be supplied with a valid filter");
   }
   std::vector<sock_filter> program;
   program.reserve(rxFilterSize());
   for (const auto& [index, insn] : rxFilterColl()) {
-    MOX_TRACE(family().trace, 3,
+    MOX_TRACE(f.trace, 3,
               name() << ": Filter[" << unsigned(index) << "] is " << insn.code()
                      << " jt: " << unsigned(insn.jt()) << " jf: " << unsigned(insn.jf())
                      << " k: " << insn.k());
@@ -208,37 +209,40 @@ void IpPam::attachFilter(int fd) {
   const sock_fprog fprog{U16(program.size()), program.data()};
   if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog) != 0) {
     const int error = errno;
-    MOX_TRACE(family().trace, 0, name() << ": SO_ATTACH_FILTER failed with " << error);
+    MOX_TRACE(f.trace, 0, name() << ": SO_ATTACH_FILTER failed with " << error);
     throw Mox::ErrnoException(error, "setsockopt(SO_ATTACH_FILTER)");
   }
 }
 
 void IpPam::applyTOS(int fd, IpDscp tos) {
-  MOX_TRACE(family().trace, 2, name() << ": TOS=" << unsigned(tos.value()));
-  const IpOptionStep& step = family().tos;
-  if (family().domain == AF_INET) {
+  const IpSocketFamily& f = family();
+  MOX_TRACE(f.trace, 2, name() << ": TOS=" << unsigned(tos.value()));
+  const IpOptionStep& step = f.tos;
+  if (f.domain == AF_INET) {
     // The IPv4 socket takes TOS as the one byte it is.
     const U8 value = tos.value();
     if (setsockopt(fd, step.level, step.option, &value, sizeof value) == 0) return;
     const int error = errno;
-    MOX_TRACE(family().trace, 0, name() << ": " << step.step << " failed with " << error);
+    MOX_TRACE(f.trace, 0, name() << ": " << step.step << " failed with " << error);
     throw Mox::ErrnoException(error, step.step);
   }
   setOption(fd, step.level, step.option, tos.value(), step.step);
 }
 
 void IpPam::applyTTL(int fd, IpTtl ttl) {
-  MOX_TRACE(family().trace, 2, name() << ": Set TTL=" << unsigned(ttl.value()));
+  const IpSocketFamily& f = family();
+  MOX_TRACE(f.trace, 2, name() << ": Set TTL=" << unsigned(ttl.value()));
   // -1 gives the kernel's default back.
   const int value = ttl.value() == 0 ? -1 : ttl.value();
-  const int level = family().domain == AF_INET ? IPPROTO_IP : IPPROTO_IPV6;
-  for (int option : family().ttlOptions) setOption(fd, level, option, value, family().ttlStep);
+  const int level = f.domain == AF_INET ? IPPROTO_IP : IPPROTO_IPV6;
+  for (int option : f.ttlOptions) setOption(fd, level, option, value, f.ttlStep);
 }
 
 void IpPam::changeOptions(U32 newOptions) {
+  const IpSocketFamily& f = family();
   const U32 changed = options() ^ newOptions;
   MOX_TRACE(
-      family().trace, 1,
+      f.trace, 1,
       name() << ": oldOptions=0x" << std::hex << options() << " changedOptions=0x" << changed);
   auto changes = [&](IpSocketOptions bit) { return (changed & U32(bit)) != 0; };
   auto isSet = [&](IpSocketOptions bit) { return (newOptions & U32(bit)) != 0; };
@@ -248,7 +252,7 @@ void IpPam::changeOptions(U32 newOptions) {
   IpPamBase::optionsIs(newOptions);
   try {
     if (changes(IpSocketOptions::ipHdrIncl)) doConfigureHeader(fd, true);
-    for (const IpOptionStep& step : family().receiveSteps) {
+    for (const IpOptionStep& step : f.receiveSteps) {
       if (changes(step.bit)) {
         setOption(fd, step.level, step.option, isSet(step.bit), step.step);
       }
@@ -264,12 +268,12 @@ void IpPam::changeOptions(U32 newOptions) {
       setOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, int(rxBuf()), "setsockopt(SO_RCVBUFFORCE)");
     }
     if (changes(IpSocketOptions::ipTransparent)) {
-      setOption(fd, family().transparent.level, family().transparent.option,
-                isSet(IpSocketOptions::ipTransparent), family().transparent.step);
+      setOption(fd, f.transparent.level, f.transparent.option,
+                isSet(IpSocketOptions::ipTransparent), f.transparent.step);
     }
     if (changes(IpSocketOptions::ipPriority)) {
       const int value = isSet(IpSocketOptions::ipPriority) ? int(priority()) : 0;
-      MOX_TRACE(family().trace, 2, name() << ": Socket priority is " << value);
+      MOX_TRACE(f.trace, 2, name() << ": Socket priority is " << value);
       setOption(fd, SOL_SOCKET, SO_PRIORITY, value, "setsockopt(SO_PRIORITY)");
     }
   } catch (...) {
@@ -279,20 +283,23 @@ void IpPam::changeOptions(U32 newOptions) {
 }
 
 void IpPam::resolveTxIfName() {
+  const IpSocketFamily& f = family();
   const U32 index = interfaceIndex(descriptor(), txIfName());
-  MOX_TRACE(family().trace, 5, name() << ": Tx IfName set to " << txIfName());
-  if (index == 0) MOX_TRACE(family().trace, 1, name() << ": Invalid txIfName supplied.");
+  MOX_TRACE(f.trace, 5, name() << ": Tx IfName set to " << txIfName());
+  if (index == 0) MOX_TRACE(f.trace, 1, name() << ": Invalid txIfName supplied.");
   txIfIndexIs(index);
 }
 
 void IpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
-  if (!socketFamily()) {
+  const IpSocketFamily* kind = socketFamily();
+  if (!kind) {
     IpPamBase::txPktIs(pkt);
     return;
   }
-  MOX_TRACE(family().trace, 9, name() << ": Sending pkt of size " << pkt->bytes());
+  const IpSocketFamily& f = *kind;
+  MOX_TRACE(f.trace, 9, name() << ": Sending pkt of size " << pkt->bytes());
   MOX_ASSERT_TEXT(enabled(), "enabled()");
-  const bool v6 = family().domain == AF_INET6;
+  const bool v6 = f.domain == AF_INET6;
   // The destination in the socket's family, whatever the family of txDstIpAddr.
   const IpGenAddr dst = v6 ? IpGenAddr(txDstIpAddr().v6Addr()) : IpGenAddr(txDstIpAddr().v4Addr());
   SockAddr destination;
@@ -301,7 +308,7 @@ void IpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   msg.msg_namelen = constructSockAddr(&destination.base, dst);
   msg.msg_iov = const_cast<iovec*>(pkt->iovecs());
   msg.msg_iovlen = pkt->iovecCount();
-  if (v6) MOX_TRACE(family().trace, 9, name() << ": sendmsg() to " << txDstIpAddr());
+  if (v6) MOX_TRACE(f.trace, 9, name() << ": sendmsg() to " << txDstIpAddr());
 
   if (!txIfName().empty()) resolveTxIfName();
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))];
@@ -310,7 +317,7 @@ void IpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
     msg.msg_controllen = v6 ? CMSG_SPACE(sizeof(in6_pktinfo)) : CMSG_SPACE(sizeof(in_pktinfo));
     std::memset(control, 0, sizeof control);
     cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
-    MOX_TRACE(family().trace, 9,
+    MOX_TRACE(f.trace, 9,
               name() << (v6 ? ": IPV6_PKTINFO option set" : ": IP_PKTINFO option set")
                      << "; Transmitting packet through ifindex " << txIfIndex()
                      << "; Overriding source ip Address " << txSrcIpAddr());
@@ -333,10 +340,10 @@ void IpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
       std::memcpy(CMSG_DATA(cmsg), &pktInfo, sizeof pktInfo);
     }
   }
-  MOX_TRACE(family().trace, 9, name() << ": sendmsg( ) with flags : " << txFlags());
+  MOX_TRACE(f.trace, 9, name() << ": sendmsg( ) with flags : " << txFlags());
   if (sendmsg(descriptor(), &msg, txFlags()) < 0) {
     const int error = errno;
-    MOX_TRACE(family().trace, 3,
+    MOX_TRACE(f.trace, 3,
               name() << ": sendmsg failed with " << error << " (" << strerror(error) << ")");
     // Every failure counts, a full send buffer (EAGAIN) included.
     txErrorsInc(1);
@@ -346,19 +353,20 @@ void IpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
 }
 
 void IpPam::doGetRxPkt() {
-  if (!socketFamily()) {
+  const IpSocketFamily* kind = socketFamily();
+  if (!kind) {
     Pam::doGetRxPkt();
     return;
   }
+  const IpSocketFamily& f = *kind;
   if (!enabled()) {
-    MOX_TRACE(family().trace, 1,
-              name() << ": " << family().unit << " not enabled. Aborting action");
+    MOX_TRACE(f.trace, 1, name() << ": " << f.unit << " not enabled. Aborting action");
     return;
   }
   Pkt::Manager* manager = globalPktManager();
   Mox::Ptr<Pkt> pkt = manager->newPkt();
   if (!pkt) {
-    MOX_TRACE(family().trace, 0, name() << ": Failed to obtain new packet object");
+    MOX_TRACE(f.trace, 0, name() << ": Failed to obtain new packet object");
     return;
   }
   const U32 capacity = maxRxPktData();
@@ -380,44 +388,44 @@ void IpPam::doGetRxPkt() {
   if (received < 0) {
     const int error = errno;
     if (error != EAGAIN) {
-      MOX_TRACE(family().trace, 3,
+      MOX_TRACE(f.trace, 3,
                 name() << ": recvmsg failed with " << error << " (" << strerror(error) << ") ");
     }
     // Finding nothing counts too, deliberately: a readable report that yields no packet.
     rxErrorsInc(1);
     return;
   }
-  MOX_TRACE(family().trace, 9, name() << ": Received packet of size " << received);
+  MOX_TRACE(f.trace, 9, name() << ": Received packet of size " << received);
   rxSrcIpAddrIs(sockAddrIpGenAddr(&source.base));
-  MOX_TRACE(family().trace, 9, name() << ": Source IP address is " << rxSrcIpAddr());
+  MOX_TRACE(f.trace, 9, name() << ": Source IP address is " << rxSrcIpAddr());
 
   const ReceivedInfo info = parseControl(msg);
   if (info.hasIfIndex) {
     rxIfIndexIs(info.ifIndex);
     rxDstIpAddrIs(info.dst);
-    MOX_TRACE(family().trace, 9,
+    MOX_TRACE(f.trace, 9,
               name() << ": Packet arrived on interface index " << info.ifIndex
                      << " with destination IP of " << info.dst);
   } else if (hasOption(IpSocketOptions::ipPktInfo)) {
-    MOX_TRACE(family().trace, 3, name() << ": recvmsg failed to retrieve ifindex");
+    MOX_TRACE(f.trace, 3, name() << ": recvmsg failed to retrieve ifindex");
   }
   if (info.hasOrigDst) {
     rxOrigDstIpAddrIs(info.origDst);
-    MOX_TRACE(family().trace, 9, name() << ": Original destination IP is " << info.origDst);
+    MOX_TRACE(f.trace, 9, name() << ": Original destination IP is " << info.origDst);
   }
   if (info.hasTos) {
     rxTOSIs(info.tos);
-    MOX_TRACE(family().trace, 9,
+    MOX_TRACE(f.trace, 9,
               name() << ": TOS of received packet is 0x" << std::hex << unsigned(info.tos));
   }
   if (info.hasTtl) {
     rxTTLIs(info.ttl);
-    MOX_TRACE(family().trace, 9,
+    MOX_TRACE(f.trace, 9,
               name() << ": TTL of received packet is 0x" << std::hex << unsigned(info.ttl));
   }
   pkt->delSharedTailData(capacity - U32(received));
   if (received == 0) {
-    MOX_TRACE(family().trace, 3, name() << ": Discarding empty packet");
+    MOX_TRACE(f.trace, 3, name() << ": Discarding empty packet");
     return;
   }
   rxPktCountInc(1);
