@@ -10,6 +10,10 @@ namespace {
 
 Mox::TraceHandle trace("Ip6SocketPam");
 
+const U32 kTransmitOptions =
+    ipSocketOptions({IpSocketOptions::ipFreeBind, IpSocketOptions::ipMulticastLoop,
+                     IpSocketOptions::ipTransparent, IpSocketOptions::ipPriority});
+
 }  // namespace
 
 Ip6HdrInclSocketPam::Ip6HdrInclSocketPam(const Mox::Name& name, const IpProtocolNumber& protocol,
@@ -40,6 +44,7 @@ void Ip6HdrInclSocketPam::enabledIs(bool enabled) {
     Ip6HdrInclSocketPamBase::enabledIs(false);
     return;
   }
+  txPam()->priorityIs(priority());
   txPam()->enabledIs(true);
   try {
     Ip6HdrInclSocketPamBase::enabledIs(true);
@@ -50,7 +55,8 @@ void Ip6HdrInclSocketPam::enabledIs(bool enabled) {
 }
 
 void Ip6HdrInclSocketPam::optionsIs(U32 options) {
-  txPam()->optionsIs(options & ~U32(IpSocketOptions::ipAttachFilter));
+  txPam()->priorityIs(priority());
+  txPam()->optionsIs(options & kTransmitOptions);
   Ip6HdrInclSocketPamBase::optionsIs(options);
 }
 

@@ -15,7 +15,8 @@ namespace Korva {
 class Ip6HdrInclSocketPam : public Ip6HdrInclSocketPamBase {
  public:
   void enabledIs(bool enabled) override;
-  // The transmit Pam takes every bit but the filter: it receives nothing to filter.
+  // The transmit Pam takes the bits that shape sending (free bind, multicast loop,
+  // transparency, priority); the receive bits are this Pam's alone.
   void optionsIs(U32 options) override;
   // Sends through txPam to the destination of the packet's own IPv6 header; a packet too
   // short for one, or a failed send, counts in txErrors.

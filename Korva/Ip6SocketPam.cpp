@@ -19,8 +19,9 @@ constexpr IpOptionStep kReceiveSteps[] = {
      "setsockopt(IPV6_RECVORIGDSTADDR)"},
     {IpSocketOptions::ipRecvTOS, IPPROTO_IPV6, IPV6_RECVTCLASS, "setsockopt(IPV6_RECVTCLASS)"},
     {IpSocketOptions::ipRecvTTL, IPPROTO_IPV6, IPV6_RECVHOPLIMIT, "setsockopt(IPV6_HOPLIMIT)"},
+    // Router Alert takes the option value to deliver; -1 stops the delivery.
     {IpSocketOptions::ipRouterAlert, IPPROTO_IPV6, IPV6_ROUTER_ALERT,
-     "setsockopt(IPV6_ROUTER_ALERT)"},
+     "setsockopt(IPV6_ROUTER_ALERT)", false, -1},
 };
 constexpr int kHopLimitOptions[] = {IPV6_UNICAST_HOPS, IPV6_MULTICAST_HOPS};
 

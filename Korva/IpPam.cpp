@@ -254,7 +254,7 @@ void IpPam::changeOptions(U32 newOptions) {
     if (changes(IpSocketOptions::ipHdrIncl)) doConfigureHeader(fd, true);
     for (const IpOptionStep& step : f.receiveSteps) {
       if (changes(step.bit)) {
-        setOption(fd, step.level, step.option, isSet(step.bit), step.step);
+        setOption(fd, step.level, step.option, isSet(step.bit) ? 1 : step.off, step.step);
       }
     }
     if (changes(IpSocketOptions::ipAttachFilter)) {

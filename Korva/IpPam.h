@@ -34,6 +34,8 @@ struct IpOptionStep {
   int option;
   const char* step;  // the failure message
   bool always = false;
+  // What a clear bit writes on an enabled Pam.
+  int off = 0;
 };
 // What sets the IPv4 and IPv6 sockets apart.
 struct IpSocketFamily {

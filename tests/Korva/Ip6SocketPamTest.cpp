@@ -118,8 +118,12 @@ TEST_F(Ip6SocketPamNetTest, HeaderIncludedPamSendsOurHeadersThroughItsTransmitPa
   Ptr<Korva::Ip6HdrInclSocketPam> pam =
       Korva::ip6HdrInclSocketPamFactory("udp6", Korva::ipProtoUdp, Korva::NamespaceName(left()));
   ASSERT_TRUE(pam->txPam());
+  // Receive bits stay with the receiving socket; the sending one takes the rest.
+  pam->optionsIs(ipSocketOptions({IpSocketOptions::ipRecvTTL, IpSocketOptions::ipPktInfo,
+                                  IpSocketOptions::ipMulticastLoop}));
   pam->enabledIs(true);
   EXPECT_TRUE(pam->txPam()->enabled());
+  EXPECT_EQ(pam->txPam()->options(), Mox::U32(IpSocketOptions::ipMulticastLoop));
   pam->txPktIs(udpDatagram(Ip6Addr("fd77::1"), Ip6Addr("fd77::2"), 5002, "built by hand"));
   EXPECT_EQ(reader.line(), "built by hand from fd77::1");
   EXPECT_EQ(pam->txPktCount(), 1u);
