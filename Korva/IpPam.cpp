@@ -18,10 +18,6 @@ namespace Korva {
 
 namespace {
 
-// Room for every control message a packet can carry here: packet information, original
-// destination, TOS or traffic class, TTL or hop limit.
-constexpr size_t kControlBytes = 256;
-
 template <class T>
 T controlValue(const cmsghdr* cmsg) {
   T value;
@@ -363,28 +359,8 @@ void IpPam::doGetRxPkt() {
     MOX_TRACE(f.trace, 1, name() << ": " << f.unit << " not enabled. Aborting action");
     return;
   }
-  Pkt::Manager* manager = globalPktManager();
-  Mox::Ptr<Pkt> pkt = manager->newPkt();
-  if (!pkt) {
-    MOX_TRACE(f.trace, 0, name() << ": Failed to obtain new packet object");
-    return;
-  }
-  const U32 capacity = maxRxPktData();
-  if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
-  MOX_ASSERT_TEXT(pkt->maxSharedData() >= capacity, "maxSize >= maxRxPktData()");
-  // The packet lands at the end of the buffer: what is left in front is head room.
-  iovec iov{pkt->newSharedHeadData(capacity), capacity};
-  SockAddr source;
-  alignas(cmsghdr) char control[kControlBytes];
-  msghdr msg{};
-  msg.msg_name = &source;
-  msg.msg_namelen = sizeof source;
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
-
-  const ssize_t received = recvmsg(descriptor(), &msg, rxFlags());
+  RxMessage rx(maxRxPktData());
+  const ssize_t received = rx.receive(descriptor(), rxFlags());
   if (received < 0) {
     const int error = errno;
     if (error != EAGAIN) {
@@ -396,10 +372,10 @@ void IpPam::doGetRxPkt() {
     return;
   }
   MOX_TRACE(f.trace, 9, name() << ": Received packet of size " << received);
-  rxSrcIpAddrIs(sockAddrIpGenAddr(&source.base));
+  rxSrcIpAddrIs(sockAddrIpGenAddr(&rx.source.base));
   MOX_TRACE(f.trace, 9, name() << ": Source IP address is " << rxSrcIpAddr());
 
-  const ReceivedInfo info = parseControl(msg);
+  const ReceivedInfo info = parseControl(rx.msg);
   if (info.hasIfIndex) {
     rxIfIndexIs(info.ifIndex);
     rxDstIpAddrIs(info.dst);
@@ -423,13 +399,12 @@ void IpPam::doGetRxPkt() {
     MOX_TRACE(f.trace, 9,
               name() << ": TTL of received packet is 0x" << std::hex << unsigned(info.ttl));
   }
-  pkt->delSharedTailData(capacity - U32(received));
   if (received == 0) {
     MOX_TRACE(f.trace, 3, name() << ": Discarding empty packet");
     return;
   }
   rxPktCountInc(1);
-  rxPktHolderIs(pkt);
+  rxPktHolderIs(rx.pkt);
 }
 
 }  // namespace Korva

@@ -55,43 +55,27 @@ TEST_F(Ip6SocketPamNetTest, OptionsReadBackAfterEnableAndAfterLiveChanges) {
   pam->txTTLIs(Korva::IpTtl(9));
   pam->priorityIs(3);
   pam->enabledIs(true);
-  struct Expected {
-    int level, option, value;
-  };
-  auto check = [&](std::initializer_list<Expected> table) {
-    for (const Expected& e : table) {
-      EXPECT_EQ(socketOption(*pam, e.level, e.option), e.value) << "option " << e.option;
-    }
-  };
-  check({{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0},
-         {IPPROTO_IPV6, IPV6_RECVPKTINFO, 1},
-         {IPPROTO_IPV6, IPV6_TCLASS, 0xb8},
-         {IPPROTO_IPV6, IPV6_UNICAST_HOPS, 9},
-         {IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 9},
-         {SOL_SOCKET, SO_PRIORITY, 3}});
+  IpPamTest::expectOptions(*pam, {{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0},
+                                  {IPPROTO_IPV6, IPV6_RECVPKTINFO, 1},
+                                  {IPPROTO_IPV6, IPV6_TCLASS, 0xb8},
+                                  {IPPROTO_IPV6, IPV6_UNICAST_HOPS, 9},
+                                  {IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 9},
+                                  {SOL_SOCKET, SO_PRIORITY, 3}});
   pam->optionsIs(pam->options() ^
                  ipSocketOptions({IpSocketOptions::ipMulticastLoop, IpSocketOptions::ipRecvTTL}));
   pam->txTOSIs(Korva::IpDscp(0x20));
   pam->txTTLIs(Korva::IpTtl(200));
-  check({{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 1},
-         {IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1},
-         {IPPROTO_IPV6, IPV6_TCLASS, 0x20},
-         {IPPROTO_IPV6, IPV6_UNICAST_HOPS, 200},
-         {IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 200}});
+  IpPamTest::expectOptions(*pam, {{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 1},
+                                  {IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1},
+                                  {IPPROTO_IPV6, IPV6_TCLASS, 0x20},
+                                  {IPPROTO_IPV6, IPV6_UNICAST_HOPS, 200},
+                                  {IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 200}});
 }
 
 // A UDP datagram whose IPv6 and UDP headers we build, checksum included.
 Ptr<Korva::Pkt> udpDatagram(const Ip6Addr& src, const Ip6Addr& dst, Mox::U16 port,
                             const std::string& payload) {
-  Ptr<Korva::Pkt> pkt = packetOf(payload);
-  auto* udp = new (pkt->newSharedHeadData(sizeof(Korva::UdpHdr))) Korva::UdpHdr;
-  udp->srcPort.valueIs(40000);
-  udp->dstPort.valueIs(port);
-  udp->len.valueIs(Mox::U16(pkt->bytes()));
-  auto udpView = Korva::udpHdrWrapperIpv6Factory(pkt, 0);
-  udpView->ipSrcIs(src);
-  udpView->ipDstIs(dst);
-  udp->checksum = udpView->computedChecksum();
+  Ptr<Korva::Pkt> pkt = IpPamTest::udpDatagram(src, dst, port, payload);
   auto* ip = new (pkt->newSharedHeadData(sizeof(Korva::Ip6Hdr))) Korva::Ip6Hdr;
   ip->versionIs(6);
   ip->payloadLen.valueIs(Mox::U16(pkt->bytes() - sizeof(Korva::Ip6Hdr)));
@@ -119,8 +103,8 @@ TEST_F(Ip6SocketPamNetTest, HeaderIncludedPamSendsOurHeadersThroughItsTransmitPa
       Korva::ip6HdrInclSocketPamFactory("udp6", Korva::ipProtoUdp, Korva::NamespaceName(left()));
   ASSERT_TRUE(pam->txPam());
   // Receive bits stay with the receiving socket; the sending one takes the rest.
-  pam->optionsIs(ipSocketOptions({IpSocketOptions::ipRecvTTL, IpSocketOptions::ipPktInfo,
-                                  IpSocketOptions::ipMulticastLoop}));
+  pam->optionsIs(ipSocketOptions(
+      {IpSocketOptions::ipRecvTTL, IpSocketOptions::ipPktInfo, IpSocketOptions::ipMulticastLoop}));
   pam->enabledIs(true);
   EXPECT_TRUE(pam->txPam()->enabled());
   EXPECT_EQ(pam->txPam()->options(), Mox::U32(IpSocketOptions::ipMulticastLoop));
@@ -134,15 +118,7 @@ TEST_F(Ip6SocketPamNetTest, HeaderIncludedPamSendsOurHeadersThroughItsTransmitPa
   EXPECT_FALSE(pam->txPam()->enabled());
 }
 
-class Ip6SocketPamLocalTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ns_ = std::make_unique<SocketTest::ScopedNs>("ip6");
-    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
-    Mox::ActivityManagerConfig::current();  // the loop's own descriptors exist before counting
-  }
-  std::unique_ptr<SocketTest::ScopedNs> ns_;
-};
+using Ip6SocketPamLocalTest = IpPamTest::NamespaceTest;
 
 TEST_F(Ip6SocketPamLocalTest, AFailedEnableClosesBothSockets) {
   const int descriptors = SocketTest::openDescriptorCount();

@@ -3,13 +3,21 @@
 // socket-option read-back, and packets from text.
 
 #include <Korva/IpPam.h>
+#include <Korva/UdpHdr.h>
 #include <Mox/Activity.h>
+
+#include <gtest/gtest.h>
 
 #include <sys/socket.h>
 
 #include <functional>
+#include <initializer_list>
+#include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
+
+#include "SocketTestUtil.h"
 
 namespace IpPamTest {
 
@@ -56,10 +64,54 @@ inline int socketOption(const Korva::IpPam& pam, int level, int option) {
   return value;
 }
 
+struct ExpectedOption {
+  int level, option, value;
+};
+
+inline void expectOptions(const Korva::IpPam& pam, std::initializer_list<ExpectedOption> table) {
+  for (const ExpectedOption& e : table) {
+    EXPECT_EQ(socketOption(pam, e.level, e.option), e.value) << "option " << e.option;
+  }
+}
+
 inline Mox::Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
   Mox::Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
   pkt->stringValueIs(bytes);
   return pkt;
 }
+
+// A UDP datagram from port 40000 to `port`, its checksum computed over the addresses it
+// will carry (IpAddr or Ip6Addr); the caller puts the IP header in front.
+template <class Address>
+Mox::Ptr<Korva::Pkt> udpDatagram(const Address& src, const Address& dst, Mox::U16 port,
+                                 const std::string& payload) {
+  Mox::Ptr<Korva::Pkt> pkt = packetOf(payload);
+  auto* udp = new (pkt->newSharedHeadData(sizeof(Korva::UdpHdr))) Korva::UdpHdr;
+  udp->srcPort.valueIs(40000);
+  udp->dstPort.valueIs(port);
+  udp->len.valueIs(Mox::U16(pkt->bytes()));
+  auto view = [&] {
+    if constexpr (std::is_same_v<Address, Korva::IpAddr>) {
+      return Korva::udpHdrWrapperFactory(pkt, 0);
+    } else {
+      return Korva::udpHdrWrapperIpv6Factory(pkt, 0);
+    }
+  }();
+  view->ipSrcIs(src);
+  view->ipDstIs(dst);
+  udp->checksum = view->computedChecksum();
+  return pkt;
+}
+
+// One throwaway namespace for the tests that need no peer.
+class NamespaceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ns_ = std::make_unique<SocketTest::ScopedNs>("ip");
+    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
+    Mox::ActivityManagerConfig::current();  // the loop's own descriptors exist before counting
+  }
+  std::unique_ptr<SocketTest::ScopedNs> ns_;
+};
 
 }  // namespace IpPamTest

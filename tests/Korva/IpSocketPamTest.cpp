@@ -144,15 +144,7 @@ TEST_F(IpSocketPamNetTest, RouterAlertIsOnTheWireUntilCleared) {
 
 // A UDP datagram whose IPv4 and UDP headers we build, checksums included.
 Ptr<Korva::Pkt> udpDatagram(IpAddr src, IpAddr dst, Mox::U16 port, const std::string& payload) {
-  Ptr<Korva::Pkt> pkt = packetOf(payload);
-  auto* udp = new (pkt->newSharedHeadData(sizeof(Korva::UdpHdr))) Korva::UdpHdr;
-  udp->srcPort.valueIs(40000);
-  udp->dstPort.valueIs(port);
-  udp->len.valueIs(Mox::U16(pkt->bytes()));
-  auto udpView = Korva::udpHdrWrapperFactory(pkt, 0);
-  udpView->ipSrcIs(src);
-  udpView->ipDstIs(dst);
-  udp->checksum = udpView->computedChecksum();
+  Ptr<Korva::Pkt> pkt = IpPamTest::udpDatagram(src, dst, port, payload);
   auto* ip = new (pkt->newSharedHeadData(sizeof(Korva::IpHdr))) Korva::IpHdr;
   ip->versionIs(4);
   ip->headerBytesIs(sizeof(Korva::IpHdr));
@@ -222,47 +214,32 @@ TEST_F(IpSocketPamNetTest, OptionsReadBackAfterEnableAndAfterLiveChanges) {
   pam->rxBufIs(1 << 20);
   pam->priorityIs(5);
   pam->enabledIs(true);
-  struct Expected {
-    int level, option, value;
-  };
-  auto check = [&](std::initializer_list<Expected> table) {
-    for (const Expected& e : table) {
-      EXPECT_EQ(socketOption(*pam, e.level, e.option), e.value) << "option " << e.option;
-    }
-  };
-  check({{IPPROTO_IP, IP_MULTICAST_LOOP, 0},
-         {IPPROTO_IP, IP_PKTINFO, 1},
-         {IPPROTO_IP, IP_RECVTTL, 1},
-         {IPPROTO_IP, IP_RECVTOS, 0},
-         {IPPROTO_IP, IP_TOS, 0xb8},
-         {IPPROTO_IP, IP_TTL, 9},
-         {SOL_SOCKET, SO_PRIORITY, 5},
-         {SOL_SOCKET, SO_RCVBUF, 2 << 20}});  // the kernel doubles what it is given
+  IpPamTest::expectOptions(
+      *pam, {{IPPROTO_IP, IP_MULTICAST_LOOP, 0},
+             {IPPROTO_IP, IP_PKTINFO, 1},
+             {IPPROTO_IP, IP_RECVTTL, 1},
+             {IPPROTO_IP, IP_RECVTOS, 0},
+             {IPPROTO_IP, IP_TOS, 0xb8},
+             {IPPROTO_IP, IP_TTL, 9},
+             {SOL_SOCKET, SO_PRIORITY, 5},
+             {SOL_SOCKET, SO_RCVBUF, 2 << 20}});  // the kernel doubles what it is given
 
   pam->optionsIs(pam->options() ^
                  ipSocketOptions({IpSocketOptions::ipMulticastLoop, IpSocketOptions::ipRecvTOS,
                                   IpSocketOptions::ipPktInfo, IpSocketOptions::ipPriority}));
   pam->txTOSIs(Korva::IpDscp(0x20));
   pam->txTTLIs(Korva::IpTtl(17));
-  check({{IPPROTO_IP, IP_MULTICAST_LOOP, 1},
-         {IPPROTO_IP, IP_PKTINFO, 0},
-         {IPPROTO_IP, IP_RECVTOS, 1},
-         {IPPROTO_IP, IP_TOS, 0x20},
-         {IPPROTO_IP, IP_TTL, 17},
-         {SOL_SOCKET, SO_PRIORITY, 0}});
+  IpPamTest::expectOptions(*pam, {{IPPROTO_IP, IP_MULTICAST_LOOP, 1},
+                                  {IPPROTO_IP, IP_PKTINFO, 0},
+                                  {IPPROTO_IP, IP_RECVTOS, 1},
+                                  {IPPROTO_IP, IP_TOS, 0x20},
+                                  {IPPROTO_IP, IP_TTL, 17},
+                                  {SOL_SOCKET, SO_PRIORITY, 0}});
 }
 
 // --- set-up failures and the counting rules, in one namespace ---
 
-class IpSocketPamLocalTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ns_ = std::make_unique<SocketTest::ScopedNs>("ip");
-    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
-    Mox::ActivityManagerConfig::current();  // the loop's own descriptors exist before counting
-  }
-  std::unique_ptr<SocketTest::ScopedNs> ns_;
-};
+using IpSocketPamLocalTest = IpPamTest::NamespaceTest;
 
 TEST_F(IpSocketPamLocalTest, FailedSetUpNamesTheStepAndLeavesNothingOpen) {
   struct Case {
