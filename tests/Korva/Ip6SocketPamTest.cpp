@@ -86,18 +86,8 @@ Ptr<Korva::Pkt> udpDatagram(const Ip6Addr& src, const Ip6Addr& dst, Mox::U16 por
   return pkt;
 }
 
-constexpr const char* kUdpReader = R"(
-import socket
-s = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
-s.bind(('fd77::2', 5002))
-s.settimeout(5)
-print('ready', flush=True)
-data, peer = s.recvfrom(2048)
-print(data.decode() + ' from ' + peer[0], flush=True)
-)";
-
 TEST_F(Ip6SocketPamNetTest, HeaderIncludedPamSendsOurHeadersThroughItsTransmitPam) {
-  SocketTest::PythonPeer reader(*right_, kUdpReader);
+  SocketTest::PythonPeer reader(*right_, IpPamTest::udpReader("AF_INET6", "fd77::2", 5002));
   ASSERT_EQ(reader.line(), "ready");
   Ptr<Korva::Ip6HdrInclSocketPam> pam =
       Korva::ip6HdrInclSocketPamFactory("udp6", Korva::ipProtoUdp, Korva::NamespaceName(left()));

@@ -103,6 +103,22 @@ Mox::Ptr<Korva::Pkt> udpDatagram(const Address& src, const Address& dst, Mox::U1
   return pkt;
 }
 
+// A Python UDP socket bound to `address` and `port` ("AF_INET" or "AF_INET6") that prints
+// the first datagram it gets and its sender: an ordinary receiver, not our code.
+inline std::string udpReader(const std::string& family, const std::string& address, int port) {
+  return "import socket\n"
+         "s = socket.socket(socket." +
+         family +
+         ", socket.SOCK_DGRAM)\n"
+         "s.bind(('" +
+         address + "', " + std::to_string(port) +
+         "))\n"
+         "s.settimeout(5)\n"
+         "print('ready', flush=True)\n"
+         "data, peer = s.recvfrom(2048)\n"
+         "print(data.decode() + ' from ' + peer[0], flush=True)\n";
+}
+
 // One throwaway namespace for the tests that need no peer.
 class NamespaceTest : public ::testing::Test {
  protected:

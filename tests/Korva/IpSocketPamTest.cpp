@@ -157,18 +157,8 @@ Ptr<Korva::Pkt> udpDatagram(IpAddr src, IpAddr dst, Mox::U16 port, const std::st
   return pkt;
 }
 
-constexpr const char* kUdpReader = R"(
-import socket
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.bind(('10.77.0.2', 5001))
-s.settimeout(5)
-print('ready', flush=True)
-data, peer = s.recvfrom(2048)
-print(data.decode() + ' from ' + peer[0], flush=True)
-)";
-
 TEST_F(IpSocketPamNetTest, OwnHeadersReachAnOrdinaryUdpSocket) {
-  SocketTest::PythonPeer reader(*right_, kUdpReader);
+  SocketTest::PythonPeer reader(*right_, IpPamTest::udpReader("AF_INET", "10.77.0.2", 5001));
   ASSERT_EQ(reader.line(), "ready");
   Ptr<IpSocketPam> pam = newPam("udp", Korva::ipProtoUdp, left());
   pam->optionsIs(ipSocketOptions({IpSocketOptions::ipHdrIncl}));
