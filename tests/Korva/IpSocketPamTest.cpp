@@ -87,8 +87,8 @@ TEST_F(IpSocketPamNetTest, PingArrivesWithItsMetadataAndTheFilterAdmitsOnlyReque
   Receiver receiver(pam.get());
 
   // The right side's own ping brings an echo reply back first: the filter drops it.
-  ASSERT_TRUE(right_->exec("ping -c 1 -W 2 10.77.0.1"));
-  ASSERT_TRUE(left_->exec("ping -c 1 -W 2 -t 33 -Q 0x20 10.77.0.2"));
+  ASSERT_TRUE(right_->exec("ping -c 1 -W 5 10.77.0.1"));
+  ASSERT_TRUE(left_->exec("ping -c 1 -W 5 -t 33 -Q 0x20 10.77.0.2"));
   const int request = receiver.waitFor([](const Arrival& a) { return icmpType(a) == 8; });
   ASSERT_EQ(request, 0) << "the echo reply got through the filter";
   const Arrival& arrival = receiver.arrivals[0];
@@ -100,7 +100,7 @@ TEST_F(IpSocketPamNetTest, PingArrivesWithItsMetadataAndTheFilterAdmitsOnlyReque
 
   // Without the filter, the reply to the right side's ping arrives too.
   pam->optionsIs(pam->options() & ~Mox::U32(IpSocketOptions::ipAttachFilter));
-  ASSERT_TRUE(right_->exec("ping -c 1 -W 2 10.77.0.1"));
+  ASSERT_TRUE(right_->exec("ping -c 1 -W 5 10.77.0.1"));
   EXPECT_GT(receiver.waitFor([](const Arrival& a) { return icmpType(a) == 0; }), 0);
 }
 
