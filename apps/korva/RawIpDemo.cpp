@@ -6,7 +6,7 @@
 // which proves the kernel took our headers and checksums.
 
 #include "Command.h"
-#include "DemoNet.h"
+#include "DemoNs.h"
 
 #include <Korva/IpSocketPam.h>
 #include <Korva/UdpHdr.h>
@@ -29,6 +29,12 @@ using Mox::Ptr;
 constexpr int kEchoRequests = 3;
 constexpr Mox::U16 kUdpPort = 7001;
 constexpr double kTimeoutSeconds = 5.0;
+
+// The demo's two namespaces, joined by a veth pair.
+struct Net {
+  KorvaTool::ThrowawayNs server;
+  KorvaTool::ThrowawayNs client;
+};
 
 // The classic BPF program that keeps ICMP echo requests: the type byte behind an IPv4
 // header of whatever length.
@@ -65,9 +71,9 @@ class EchoWatcher : public Korva::IpPam::Notifiee {
   int seen_ = 0;
 };
 
-bool watchPing(const KorvaTool::DemoNet& net) {
-  Ptr<Korva::IpSocketPam> pam = Korva::ipSocketPamFactory(
-      "icmp-watch", Korva::ipProtoIcmp, Korva::NamespaceName(net.server().name()));
+bool watchPing(const Net& net) {
+  Ptr<Korva::IpSocketPam> pam = Korva::ipSocketPamFactory("icmp-watch", Korva::ipProtoIcmp,
+                                                          Korva::NamespaceName(net.server.name()));
   pam->optionsIs(
       Korva::ipSocketOptions({IpSocketOptions::ipPktInfo, IpSocketOptions::ipRecvTTL,
                               IpSocketOptions::ipRecvTOS, IpSocketOptions::ipAttachFilter}));
@@ -75,10 +81,10 @@ bool watchPing(const KorvaTool::DemoNet& net) {
   pam->enabledIs(true);
   EchoWatcher watcher(pam.get());
   std::printf("  ping -c %d -t 42 -Q 0x10 10.99.0.1 from %s\n", kEchoRequests,
-              net.client().name().c_str());
+              net.client.name().c_str());
   // The kernel answers each request itself; only the requests pass the Pam's filter.
-  if (!net.client().exec("ping -c " + std::to_string(kEchoRequests) +
-                         " -i 0.2 -W 2 -t 42 -Q 0x10 10.99.0.1")) {
+  if (!net.client.exec("ping -c " + std::to_string(kEchoRequests) +
+                       " -i 0.2 -W 2 -t 42 -Q 0x10 10.99.0.1")) {
     return false;
   }
   if (!Mox::runUntil([&] { return watcher.seen() == kEchoRequests; }, kTimeoutSeconds)) {
@@ -112,14 +118,14 @@ Ptr<Korva::Pkt> udpDatagram(IpAddr src, IpAddr dst, Mox::U16 port, const std::st
   return pkt;
 }
 
-bool sendOwnHeaders(const KorvaTool::DemoNet& net) {
+bool sendOwnHeaders(const Net& net) {
   Ptr<Korva::UdpPam> server = Korva::udpPamFactory("udp-server");
-  server->netNsIs(Korva::NamespaceName(net.server().name()));
+  server->netNsIs(Korva::NamespaceName(net.server.name()));
   server->rxPortIs(kUdpPort);
   server->modeIs(Korva::UdpPam::Mode::server);
 
-  Ptr<Korva::IpSocketPam> raw = Korva::ipSocketPamFactory(
-      "udp-hdrincl", Korva::ipProtoUdp, Korva::NamespaceName(net.client().name()));
+  Ptr<Korva::IpSocketPam> raw = Korva::ipSocketPamFactory("udp-hdrincl", Korva::ipProtoUdp,
+                                                          Korva::NamespaceName(net.client.name()));
   raw->optionsIs(Korva::ipSocketOptions({IpSocketOptions::ipHdrIncl}));
   raw->enabledIs(true);
   const IpAddr client(10, 99, 0, 2), serverAddr(10, 99, 0, 1);
@@ -142,18 +148,22 @@ bool sendOwnHeaders(const KorvaTool::DemoNet& net) {
 }
 
 int runRawIpDemo() {
-  const KorvaTool::DemoNet net;
-  if (!net.ready()) return 1;
+  if (!KorvaTool::demoCapabilitiesPresent()) return 1;
+  const Net net{KorvaTool::ThrowawayNs("server"), KorvaTool::ThrowawayNs("client")};
+  if (!KorvaTool::joinByVeth(net.server, net.client)) return 1;
+  std::printf("  namespaces %s (kd0: 10.99.0.1) and %s (kd1: 10.99.0.2)\n",
+              net.server.name().c_str(), net.client.name().c_str());
   try {
     if (!watchPing(net) || !sendOwnHeaders(net)) return 1;
   } catch (const Mox::ErrnoException& error) {
     std::printf("  raw IP Pam set-up failed: %s\n", error.description().c_str());
     return 1;
   }
+  std::printf("  removing %s and %s\n", net.server.name().c_str(), net.client.name().c_str());
   return 0;
 }
 
 const bool registered = KorvaTool::registerDemoStep(
-    {40, "raw IP Pams: ping watched, our own headers sent", runRawIpDemo});
+    {35, "raw IP Pams: ping watched, our own headers sent", runRawIpDemo});
 
 }  // namespace

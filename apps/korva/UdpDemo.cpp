@@ -4,7 +4,7 @@
 // removed again, also when a step fails.
 
 #include "Command.h"
-#include "DemoNet.h"
+#include "DemoNs.h"
 
 #include <Korva/UdpPam.h>
 #include <Mox/Activity.h>
@@ -16,6 +16,7 @@
 namespace {
 
 using Korva::UdpPam;
+using KorvaTool::ThrowawayNs;
 using Mox::Ptr;
 
 constexpr Mox::U16 kServerPort = 7000;
@@ -68,7 +69,7 @@ class Peer : public UdpPam::Notifiee {
   int received_ = 0;
 };
 
-Ptr<UdpPam> newPam(const std::string& name, const KorvaTool::ThrowawayNs& ns, bool v6) {
+Ptr<UdpPam> newPam(const std::string& name, const ThrowawayNs& ns, bool v6) {
   Ptr<UdpPam> pam = Korva::udpPamFactory(name);
   pam->ipv6EnIs(v6);
   pam->netNsIs(Korva::NamespaceName(ns.name()));
@@ -76,8 +77,7 @@ Ptr<UdpPam> newPam(const std::string& name, const KorvaTool::ThrowawayNs& ns, bo
 }
 
 // One request and its answer in one family; false when either did not arrive in time.
-bool exchange(const KorvaTool::ThrowawayNs& serverNs, const KorvaTool::ThrowawayNs& clientNs,
-              bool v6) {
+bool exchange(const ThrowawayNs& serverNs, const ThrowawayNs& clientNs, bool v6) {
   const char* family = v6 ? "IPv6" : "IPv4";
   Ptr<UdpPam> server = newPam(std::string("server-") + family, serverNs, v6);
   server->rxPortIs(kServerPort);
@@ -105,17 +105,19 @@ bool exchange(const KorvaTool::ThrowawayNs& serverNs, const KorvaTool::Throwaway
 }
 
 int runUdpDemo() {
-  const KorvaTool::DemoNet net;
-  if (!net.ready()) return 1;
+  if (!KorvaTool::demoCapabilitiesPresent()) return 1;
+  const ThrowawayNs serverNs("server");
+  const ThrowawayNs clientNs("client");
+  if (!KorvaTool::joinByVeth(serverNs, clientNs)) return 1;
+  std::printf("  namespaces %s (kd0: 10.99.0.1, fd99::1) and %s (kd1: 10.99.0.2, fd99::2)\n",
+              serverNs.name().c_str(), clientNs.name().c_str());
   try {
-    if (!exchange(net.server(), net.client(), false) ||
-        !exchange(net.server(), net.client(), true)) {
-      return 1;
-    }
+    if (!exchange(serverNs, clientNs, false) || !exchange(serverNs, clientNs, true)) return 1;
   } catch (const Mox::ErrnoException& error) {
     std::printf("  UDP Pam set-up failed: %s\n", error.description().c_str());
     return 1;
   }
+  std::printf("  removing %s and %s\n", serverNs.name().c_str(), clientNs.name().c_str());
   return 0;
 }
 

@@ -1,4 +1,4 @@
-#include "DemoNet.h"
+#include "DemoNs.h"
 
 #include <Korva/NetnsUtils.h>
 
@@ -22,7 +22,24 @@ bool hasCapability(int capability) {
   return data[capability / 32].effective & (1u << (capability % 32));
 }
 
-bool hasCapabilities() {
+// Addresses one veth end, host 1 or 2 of 10.99.0.0/24 and fd99::/64. `nodad` makes the
+// IPv6 address usable at once instead of after duplicate detection.
+bool runQuietly(const std::string& line) {
+  if (std::system((line + " >/dev/null 2>&1").c_str()) == 0) return true;
+  std::printf("  failed: %s\n", line.c_str());
+  return false;
+}
+
+bool configureEnd(const ThrowawayNs& ns, const std::string& link, int host) {
+  const std::string h = std::to_string(host);
+  return ns.ip("addr add 10.99.0." + h + "/24 dev " + link) &&
+         ns.ip("addr add fd99::" + h + "/64 dev " + link + " nodad") &&
+         ns.ip("link set " + link + " up") && ns.ip("link set lo up");
+}
+
+}  // namespace
+
+bool demoCapabilitiesPresent() {
   struct Need {
     int capability;
     const char* name;
@@ -38,23 +55,6 @@ bool hasCapabilities() {
   }
   return true;
 }
-
-bool runQuietly(const std::string& line) {
-  if (std::system((line + " >/dev/null 2>&1").c_str()) == 0) return true;
-  std::printf("  failed: %s\n", line.c_str());
-  return false;
-}
-
-// Addresses one veth end, host 1 or 2 of 10.99.0.0/24 and fd99::/64. `nodad` makes the
-// IPv6 address usable at once instead of after duplicate detection.
-bool configureEnd(const ThrowawayNs& ns, const std::string& link, int host) {
-  const std::string h = std::to_string(host);
-  return ns.ip("addr add 10.99.0." + h + "/24 dev " + link) &&
-         ns.ip("addr add fd99::" + h + "/64 dev " + link + " nodad") &&
-         ns.ip("link set " + link + " up") && ns.ip("link set lo up");
-}
-
-}  // namespace
 
 ThrowawayNs::ThrowawayNs(const std::string& role)
     : name_("korva-demo-" + role + "-" + std::to_string(getpid())) {
@@ -73,22 +73,13 @@ bool ThrowawayNs::exec(const std::string& command) const {
   return runQuietly("ip netns exec " + name_ + " " + command);
 }
 
-DemoNet::DemoNet() : server_("server"), client_("client") {
-  if (!hasCapabilities()) return;
-  if (!server_.created() || !client_.created()) {
+bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second) {
+  if (!first.created() || !second.created()) {
     std::printf("  could not create the namespaces\n");
-    return;
+    return false;
   }
-  ready_ = server_.ip("link add kd0 type veth peer name kd1 netns " + client_.name()) &&
-           configureEnd(server_, "kd0", 1) && configureEnd(client_, "kd1", 2);
-  if (ready_) {
-    std::printf("  namespaces %s (kd0: 10.99.0.1, fd99::1) and %s (kd1: 10.99.0.2, fd99::2)\n",
-                server_.name().c_str(), client_.name().c_str());
-  }
-}
-
-DemoNet::~DemoNet() {
-  if (ready_) std::printf("  removing %s and %s\n", server_.name().c_str(), client_.name().c_str());
+  return first.ip("link add kd0 type veth peer name kd1 netns " + second.name()) &&
+         configureEnd(first, "kd0", 1) && configureEnd(second, "kd1", 2);
 }
 
 std::string interfaceName(int fd, Mox::U32 index) {

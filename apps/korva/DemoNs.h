@@ -1,13 +1,15 @@
 #pragma once
-// The network the `korva demo` steps run in: two throwaway namespaces, "server" and
-// "client", joined by a veth pair (kd0: 10.99.0.1, fd99::1; kd1: 10.99.0.2, fd99::2).
-// Everything is removed again when the DemoNet goes, also when a step fails.
+// What the demo steps that need real network namespaces share: the capability check and
+// throwaway namespaces joined by a veth pair, removed again whatever happens.
 
 #include <Mox/Types.h>
 
 #include <string>
 
 namespace KorvaTool {
+
+// True when the process may create namespaces and links; otherwise says what is missing.
+bool demoCapabilitiesPresent();
 
 // A named namespace that is deleted, with the links in it, when this goes.
 class ThrowawayNs {
@@ -29,21 +31,9 @@ class ThrowawayNs {
   bool created_ = false;
 };
 
-class DemoNet {
- public:
-  // Checks the capabilities it needs and builds the network, saying what went wrong.
-  DemoNet();
-  ~DemoNet();
-
-  bool ready() const { return ready_; }
-  const ThrowawayNs& server() const { return server_; }
-  const ThrowawayNs& client() const { return client_; }
-
- private:
-  ThrowawayNs server_;
-  ThrowawayNs client_;
-  bool ready_ = false;
-};
+// Links the two namespaces with the veth pair kd0 (in `first`: 10.99.0.1, fd99::1) and
+// kd1 (in `second`: 10.99.0.2, fd99::2), both up, with their loopbacks.
+bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second);
 
 // The name of interface `index` in the namespace of socket `fd`; "?" when there is none.
 std::string interfaceName(int fd, Mox::U32 index);
