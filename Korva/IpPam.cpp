@@ -25,82 +25,49 @@ T controlValue(const cmsghdr* cmsg) {
   return value;
 }
 
-// What the control messages of one packet said.
-struct ReceivedInfo {
-  bool hasIfIndex = false;
+// What one control message said, where a packet's attributes take it.
+struct ControlValue {
+  enum Kind { none, pktInfo, origDst, tos, ttl } kind = none;
   U32 ifIndex = 0;
-  IpGenAddr dst;
-  bool hasOrigDst = false;
-  IpGenAddr origDst;
-  bool hasTos = false;
-  U8 tos = 0;
-  bool hasTtl = false;
-  U8 ttl = 0;
+  IpGenAddr address;
+  U8 byte = 0;
 };
 
-void absorbIpv4(const cmsghdr* cmsg, ReceivedInfo& info) {
-  switch (cmsg->cmsg_type) {
-    case IP_PKTINFO: {
-      const auto pktInfo = controlValue<in_pktinfo>(cmsg);
-      info.hasIfIndex = true;
-      info.ifIndex = U32(pktInfo.ipi_ifindex);
-      info.dst = IpAddr(pktInfo.ipi_addr.s_addr);
-      break;
-    }
-    case IP_ORIGDSTADDR: {
-      const auto address = controlValue<sockaddr_in>(cmsg);
-      info.hasOrigDst = true;
-      info.origDst = IpAddr(address.sin_addr.s_addr);
-      break;
-    }
-    case IP_TOS:
-      info.hasTos = true;
-      info.tos = controlValue<U8>(cmsg);
-      break;
-    case IP_TTL:
-      info.hasTtl = true;
-      info.ttl = U8(controlValue<int>(cmsg));
-      break;
-  }
+IpGenAddr ip6AddrAt(const in6_addr& address) {
+  Ip6Addr v6;
+  v6.copyFromBuffer(address.s6_addr);
+  return IpGenAddr(v6);
 }
 
-void absorbIpv6(const cmsghdr* cmsg, ReceivedInfo& info) {
-  switch (cmsg->cmsg_type) {
-    case IPV6_PKTINFO: {
-      const auto pktInfo = controlValue<in6_pktinfo>(cmsg);
-      info.hasIfIndex = true;
-      info.ifIndex = pktInfo.ipi6_ifindex;
-      Ip6Addr dst;
-      dst.copyFromBuffer(pktInfo.ipi6_addr.s6_addr);
-      info.dst = dst;
-      break;
+ControlValue readControl(const cmsghdr* cmsg) {
+  if (cmsg->cmsg_level == IPPROTO_IP) {
+    switch (cmsg->cmsg_type) {
+      case IP_PKTINFO: {
+        const auto pktInfo = controlValue<in_pktinfo>(cmsg);
+        return {ControlValue::pktInfo, U32(pktInfo.ipi_ifindex), IpAddr(pktInfo.ipi_addr.s_addr)};
+      }
+      case IP_ORIGDSTADDR:
+        return {ControlValue::origDst, 0, IpAddr(controlValue<sockaddr_in>(cmsg).sin_addr.s_addr)};
+      case IP_TOS:
+        return {ControlValue::tos, 0, {}, controlValue<U8>(cmsg)};
+      case IP_TTL:
+        return {ControlValue::ttl, 0, {}, U8(controlValue<int>(cmsg))};
     }
-    case IPV6_ORIGDSTADDR: {
-      const auto address = controlValue<sockaddr_in6>(cmsg);
-      Ip6Addr origDst;
-      origDst.copyFromBuffer(address.sin6_addr.s6_addr);
-      info.hasOrigDst = true;
-      info.origDst = origDst;
-      break;
+  } else if (cmsg->cmsg_level == IPPROTO_IPV6) {
+    switch (cmsg->cmsg_type) {
+      case IPV6_PKTINFO: {
+        const auto pktInfo = controlValue<in6_pktinfo>(cmsg);
+        return {ControlValue::pktInfo, pktInfo.ipi6_ifindex, ip6AddrAt(pktInfo.ipi6_addr)};
+      }
+      case IPV6_ORIGDSTADDR:
+        return {ControlValue::origDst, 0, ip6AddrAt(controlValue<sockaddr_in6>(cmsg).sin6_addr)};
+      case IPV6_TCLASS:
+        return {ControlValue::tos, 0, {}, U8(controlValue<int>(cmsg))};
+      case IPV6_HOPLIMIT:
+        return {ControlValue::ttl, 0, {}, U8(controlValue<int>(cmsg))};
     }
-    case IPV6_TCLASS:
-      info.hasTos = true;
-      info.tos = U8(controlValue<int>(cmsg));
-      break;
-    case IPV6_HOPLIMIT:
-      info.hasTtl = true;
-      info.ttl = U8(controlValue<int>(cmsg));
-      break;
   }
-}
-
-ReceivedInfo parseControl(msghdr& msg) {
-  ReceivedInfo info;
-  for (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
-    if (cmsg->cmsg_level == IPPROTO_IP) absorbIpv4(cmsg, info);
-    if (cmsg->cmsg_level == IPPROTO_IPV6) absorbIpv6(cmsg, info);
-  }
-  return info;
+  return {};
 }
 
 }  // namespace
@@ -375,29 +342,38 @@ void IpPam::doGetRxPkt() {
   rxSrcIpAddrIs(sockAddrIpGenAddr(&rx.source.base));
   MOX_TRACE(f.trace, 9, name() << ": Source IP address is " << rxSrcIpAddr());
 
-  const ReceivedInfo info = parseControl(rx.msg);
-  if (info.hasIfIndex) {
-    rxIfIndexIs(info.ifIndex);
-    rxDstIpAddrIs(info.dst);
-    MOX_TRACE(f.trace, 9,
-              name() << ": Packet arrived on interface index " << info.ifIndex
-                     << " with destination IP of " << info.dst);
-  } else if (hasOption(IpSocketOptions::ipPktInfo)) {
+  bool hasIfIndex = false;
+  for (cmsghdr* cmsg = CMSG_FIRSTHDR(&rx.msg); cmsg; cmsg = CMSG_NXTHDR(&rx.msg, cmsg)) {
+    const ControlValue value = readControl(cmsg);
+    switch (value.kind) {
+      case ControlValue::pktInfo:
+        hasIfIndex = true;
+        rxIfIndexIs(value.ifIndex);
+        rxDstIpAddrIs(value.address);
+        MOX_TRACE(f.trace, 9,
+                  name() << ": Packet arrived on interface index " << value.ifIndex
+                         << " with destination IP of " << value.address);
+        break;
+      case ControlValue::origDst:
+        rxOrigDstIpAddrIs(value.address);
+        MOX_TRACE(f.trace, 9, name() << ": Original destination IP is " << value.address);
+        break;
+      case ControlValue::tos:
+        rxTOSIs(value.byte);
+        MOX_TRACE(f.trace, 9,
+                  name() << ": TOS of received packet is 0x" << std::hex << unsigned(value.byte));
+        break;
+      case ControlValue::ttl:
+        rxTTLIs(value.byte);
+        MOX_TRACE(f.trace, 9,
+                  name() << ": TTL of received packet is 0x" << std::hex << unsigned(value.byte));
+        break;
+      case ControlValue::none:
+        break;
+    }
+  }
+  if (!hasIfIndex && hasOption(IpSocketOptions::ipPktInfo)) {
     MOX_TRACE(f.trace, 3, name() << ": recvmsg failed to retrieve ifindex");
-  }
-  if (info.hasOrigDst) {
-    rxOrigDstIpAddrIs(info.origDst);
-    MOX_TRACE(f.trace, 9, name() << ": Original destination IP is " << info.origDst);
-  }
-  if (info.hasTos) {
-    rxTOSIs(info.tos);
-    MOX_TRACE(f.trace, 9,
-              name() << ": TOS of received packet is 0x" << std::hex << unsigned(info.tos));
-  }
-  if (info.hasTtl) {
-    rxTTLIs(info.ttl);
-    MOX_TRACE(f.trace, 9,
-              name() << ": TTL of received packet is 0x" << std::hex << unsigned(info.ttl));
   }
   if (received == 0) {
     MOX_TRACE(f.trace, 3, name() << ": Discarding empty packet");
