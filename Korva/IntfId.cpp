@@ -9,7 +9,7 @@
 namespace Korva {
 
 IntfId::IntfId(std::string_view name)
-    : value_(name.empty() ? kNullValue : IntfIdMgr::singleton()->stringToIntfId(name)) {}
+    : value_(name.empty() ? nullValue : IntfIdMgr::singleton()->stringToIntfId(name)) {}
 
 Mox::String8 IntfId::stringValue() const {
   return IntfIdMgr::singleton()->intfIdToString(*this, true);

@@ -370,7 +370,7 @@ void IntfIdMgr::handleIntfIdDesc(U8 typeId) {
 
 U64 IntfIdMgr::stringToIntfId(std::string_view name) const {
   // The empty name is the null identifier, however few layouts the trie has to tell apart.
-  if (name.empty()) return IntfId::kNullValue;
+  if (name.empty()) return IntfId::nullValue;
   // Numbers from the end of the name: parts[0] is the last one. One more slot than a
   // layout has parts, for the sub-interface 0 that a name without ".n" gets.
   std::array<U64, IntfIdDesc::maxParts + 1> parts;
@@ -412,7 +412,7 @@ U64 IntfIdMgr::stringToIntfId(std::string_view name) const {
 
   const IntfIdTrie::Layout* layout = trie_ ? trie_->lookup(prefix) : nullptr;
   if (!layout) {
-    if (name.empty()) return IntfId::kNullValue;
+    if (name.empty()) return IntfId::nullValue;
     MOX_TRACE(trace, 3, "No Match " << name);
     invalid("Invalid IntfId <%s>", name);
   }

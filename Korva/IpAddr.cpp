@@ -93,13 +93,12 @@ unsigned digitValue(char c) noexcept {
   return static_cast<unsigned>(static_cast<unsigned char>(c)) - '0';
 }
 
-// Reads one octet's digit run as Mox::dectol would (leading zeros included) and fails above
-// 255. Inlined because this is the hot path: with four characters to spare, up to three
-// digits are combined without a branch per digit, since random octet lengths would
-// mispredict one.
-U32 readOctet(TextIter& p, TextIter end) {
-  if (p == end || digitValue(*p) > 9) throwInvalidIpAddr();
-  U32 n;
+// Reads one octet's digit run as Mox::dectol would (leading zeros included) into `n`; false
+// above 255 or without a digit. Inlined because this is the hot path: with four characters
+// to spare, up to three digits are combined without a branch per digit, since random octet
+// lengths would mispredict one.
+bool readOctet(TextIter& p, TextIter end, U32& n) noexcept {
+  if (p == end || digitValue(*p) > 9) return false;
   if (end - p >= 4) {
     const unsigned d0 = digitValue(p[0]), d1 = digitValue(p[1]), d2 = digitValue(p[2]);
     const bool two = d1 <= 9;
@@ -110,26 +109,35 @@ U32 readOctet(TextIter& p, TextIter end) {
     n = digitValue(*p++);
   }
   for (; p != end && digitValue(*p) <= 9; ++p) {
-    if (n > 255) throwInvalidIpAddr();
+    if (n > 255) return false;
     n = n * 10 + digitValue(*p);
   }
-  if (n > 255) throwInvalidIpAddr();
-  return n;
+  return n <= 255;
+}
+
+// The dotted-quad reader without raising: false leaves `it` where it was.
+bool readDottedQuad(TextIter& it, TextIter end, U32* valueNbo) noexcept {
+  TextIter p = it;
+  U32 value = 0;
+  for (int octet = 0;; ++octet) {
+    U32 n;
+    if (!readOctet(p, end, n)) return false;
+    value = value << 8 | n;
+    if (octet == 3) break;
+    if (p == end || *p != '.') return false;
+    ++p;
+  }
+  it = p;
+  *valueNbo = detail::swapNbo32(value);
+  return true;
 }
 
 // The dotted-quad reader; internal so the library's own callers reach it without going
 // through the exported symbol.
 U32 readDottedQuad(TextIter& it, TextIter end) {
-  TextIter p = it;
-  U32 value = 0;
-  for (int octet = 0;; ++octet) {
-    value = value << 8 | readOctet(p, end);
-    if (octet == 3) break;
-    if (p == end || *p != '.') throwInvalidIpAddr();
-    ++p;
-  }
-  it = p;
-  return detail::swapNbo32(value);
+  U32 valueNbo;
+  if (!readDottedQuad(it, end, &valueNbo)) throwInvalidIpAddr();
+  return valueNbo;
 }
 
 }  // namespace
@@ -138,12 +146,18 @@ U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
   return readDottedQuad(it, end);
 }
 
-void IpAddr::stringValueIs(std::string_view text) {
+std::optional<IpAddr> IpAddr::tryParse(std::string_view text) noexcept {
   TextIter it = text.data();
   TextIter end = it + text.size();
-  const U32 valueNbo = readDottedQuad(it, end);
-  if (it != end) throwInvalidIpAddr();
-  valueNbo_ = valueNbo;
+  U32 valueNbo;
+  if (!readDottedQuad(it, end, &valueNbo) || it != end) return std::nullopt;
+  return IpAddr(valueNbo);
+}
+
+void IpAddr::stringValueIs(std::string_view text) {
+  const std::optional<IpAddr> parsed = tryParse(text);
+  if (!parsed) throwInvalidIpAddr();
+  *this = *parsed;
 }
 
 char* IpAddr::toChars(char* out) const noexcept {
@@ -266,12 +280,12 @@ void Prefix::stringValueIs(std::string_view text) {
   parseWhole(text, this, readPrefix, "Invalid Prefix - non-zero after prefixlen");
 }
 
-bool operator<(const Prefix& a, const Prefix& b) noexcept {
+std::weak_ordering operator<=>(const Prefix& a, const Prefix& b) noexcept {
   // Lengths compare as signed here, so the null-prefix length counts as no common bits.
   const Mox::S32 common = std::min(static_cast<Mox::S32>(a.len_), static_cast<Mox::S32>(b.len_));
   const U32 mask = common <= 0 ? 0u : detail::leadingBitsMask(static_cast<U32>(common));
-  if (((a.address_.value() ^ b.address_.value()) & mask) == 0) return a.len_ > b.len_;
-  return a.address_ < b.address_;
+  if (((a.address_.value() ^ b.address_.value()) & mask) == 0) return b.len_ <=> a.len_;
+  return a.address_ <=> b.address_;
 }
 
 std::string valueToStrep(const Prefix& value) {

@@ -1,4 +1,4 @@
-#include <Korva/ValueHash.h>
+#include <Korva/ValueType.h>
 
 #include <gtest/gtest.h>
 
