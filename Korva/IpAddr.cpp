@@ -155,9 +155,11 @@ std::optional<IpAddr> IpAddr::tryParse(std::string_view text) noexcept {
 }
 
 void IpAddr::stringValueIs(std::string_view text) {
-  const std::optional<IpAddr> parsed = tryParse(text);
-  if (!parsed) throwInvalidIpAddr();
-  *this = *parsed;
+  TextIter it = text.data();
+  TextIter end = it + text.size();
+  const U32 valueNbo = readDottedQuad(it, end);
+  if (it != end) throwInvalidIpAddr();
+  valueNbo_ = valueNbo;
 }
 
 char* IpAddr::toChars(char* out) const noexcept {
