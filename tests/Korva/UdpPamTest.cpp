@@ -28,6 +28,16 @@ using Korva::UdpPam;
 using Mox::Ptr;
 using Mode = UdpPam::Mode;
 
+// Socket set-up is the Pam's own business: agents change modes, they never run the steps.
+// (clang-format cannot lay out a disjunction of requires-expressions yet.)
+// clang-format off
+template <class Pam>
+constexpr bool kSetUpStepsArePublic = requires(Pam& pam) { pam.doNewSocket(); } ||
+                                      requires(Pam& pam) { pam.doBind(); } ||
+                                      requires(Pam& pam) { pam.noteLocalPort(); };
+// clang-format on
+static_assert(!kSetUpStepsArePublic<UdpPam>);
+
 Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
   Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
   pkt->stringValueIs(bytes);
