@@ -218,16 +218,6 @@ Ip6Addr readIp6Addr(TextIter& it, TextIter end) {
   return readPlainIp6Addr(it, end, &address) ? address : readCheckedIp6Addr(it, end);
 }
 
-// The rare texts the plain reader leaves (dotted tails, failures) go to the full reader.
-std::optional<Ip6Addr> readWholeCheckedIp6Addr(TextIter it, TextIter end) noexcept {
-  try {
-    Ip6Addr address = readCheckedIp6Addr(it, end);
-    if (it == end) return address;
-  } catch (const RangeException&) {
-  }
-  return std::nullopt;
-}
-
 char* writeHex(char* out, U16 value) noexcept {
   static constexpr char digits[] = "0123456789abcdef";
   const int count = value == 0 ? 1 : (std::bit_width(value) + 3) / 4;
@@ -365,6 +355,20 @@ std::string Ip6Addr::stringValue() const {
   char text[maxTextSize];
   return std::string(text, toChars(text));
 }
+
+namespace {
+
+// The rare texts the plain reader leaves (dotted tails, failures) go to the full reader.
+std::optional<Ip6Addr> readWholeCheckedIp6Addr(TextIter it, TextIter end) noexcept {
+  try {
+    Ip6Addr address = readCheckedIp6Addr(it, end);
+    if (it == end) return address;
+  } catch (const RangeException&) {
+  }
+  return std::nullopt;
+}
+
+}  // namespace
 
 std::optional<Ip6Addr> Ip6Addr::tryParse(std::string_view text) noexcept {
   TextIter it = text.data();

@@ -93,12 +93,26 @@ unsigned digitValue(char c) noexcept {
   return static_cast<unsigned>(static_cast<unsigned char>(c)) - '0';
 }
 
-// Reads one octet's digit run as Mox::dectol would (leading zeros included) into `n`; false
-// above 255 or without a digit. Inlined because this is the hot path: with four characters
-// to spare, up to three digits are combined without a branch per digit, since random octet
-// lengths would mispredict one.
-bool readOctet(TextIter& p, TextIter end, U32& n) noexcept {
-  if (p == end || digitValue(*p) > 9) return false;
+// What the quiet readers give for no digit or a value above 255.
+constexpr U32 invalidOctet = 256;
+
+// The readers below come in two instances: `raise` throws "Invalid IpAddr" at the failing
+// character (the path stringValueIs takes), the other reports the failure and lets the
+// caller decide. Keeping the raising instance free of failure checks keeps it as fast.
+template <bool raise>
+[[gnu::always_inline]] inline U32 octetFailure() {
+  if constexpr (raise) throwInvalidIpAddr();
+  return invalidOctet;
+}
+
+// Reads one octet's digit run as Mox::dectol would (leading zeros included) and fails above
+// 255. Inlined because this is the hot path: with four characters to spare, up to three
+// digits are combined without a branch per digit, since random octet lengths would
+// mispredict one.
+template <bool raise>
+U32 readOctet(TextIter& p, TextIter end) noexcept(!raise) {
+  if (p == end || digitValue(*p) > 9) return octetFailure<raise>();
+  U32 n;
   if (end - p >= 4) {
     const unsigned d0 = digitValue(p[0]), d1 = digitValue(p[1]), d2 = digitValue(p[2]);
     const bool two = d1 <= 9;
@@ -109,22 +123,28 @@ bool readOctet(TextIter& p, TextIter end, U32& n) noexcept {
     n = digitValue(*p++);
   }
   for (; p != end && digitValue(*p) <= 9; ++p) {
-    if (n > 255) return false;
+    if (n > 255) return octetFailure<raise>();
     n = n * 10 + digitValue(*p);
   }
-  return n <= 255;
+  if (n > 255) return octetFailure<raise>();
+  return n;
 }
 
-// The dotted-quad reader without raising: false leaves `it` where it was.
-bool readDottedQuad(TextIter& it, TextIter end, U32* valueNbo) noexcept {
+// The dotted-quad reader: the network-order word, leaving `it` after the fourth octet.
+// Without `raise`, false on failure leaves `it` where it was.
+template <bool raise>
+bool readDottedQuad(TextIter& it, TextIter end, U32* valueNbo) noexcept(!raise) {
   TextIter p = it;
   U32 value = 0;
   for (int octet = 0;; ++octet) {
-    U32 n;
-    if (!readOctet(p, end, n)) return false;
+    const U32 n = readOctet<raise>(p, end);
+    if (!raise && n == invalidOctet) return false;
     value = value << 8 | n;
     if (octet == 3) break;
-    if (p == end || *p != '.') return false;
+    if (p == end || *p != '.') {
+      if constexpr (raise) throwInvalidIpAddr();
+      return false;
+    }
     ++p;
   }
   it = p;
@@ -132,11 +152,11 @@ bool readDottedQuad(TextIter& it, TextIter end, U32* valueNbo) noexcept {
   return true;
 }
 
-// The dotted-quad reader; internal so the library's own callers reach it without going
-// through the exported symbol.
+// The raising reader; internal so the library's own callers reach it without going through
+// the exported symbol.
 U32 readDottedQuad(TextIter& it, TextIter end) {
   U32 valueNbo;
-  if (!readDottedQuad(it, end, &valueNbo)) throwInvalidIpAddr();
+  readDottedQuad<true>(it, end, &valueNbo);
   return valueNbo;
 }
 
@@ -150,7 +170,7 @@ std::optional<IpAddr> IpAddr::tryParse(std::string_view text) noexcept {
   TextIter it = text.data();
   TextIter end = it + text.size();
   U32 valueNbo;
-  if (!readDottedQuad(it, end, &valueNbo) || it != end) return std::nullopt;
+  if (!readDottedQuad<false>(it, end, &valueNbo) || it != end) return std::nullopt;
   return IpAddr(valueNbo);
 }
 
