@@ -4,7 +4,7 @@ BENCH_BUILD ?= build-bench
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test demo bench format clean
+.PHONY: all deps configure build test package demo bench format clean
 
 all: build
 
@@ -21,6 +21,10 @@ build: configure
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+# Debian packages (libkorva0, libkorva-dev, korva) in $(BUILD).
+package: build
+	cmake --build $(BUILD) --target package
 
 demo: build
 	$(BUILD)/korva demo

@@ -244,16 +244,6 @@ TEST_F(FileDescriptorTest, HangUpIsReportedAsReadable) {
   EXPECT_EQ(read(fd->descriptor(), &byte, 1), 0);
 }
 
-TEST_F(FileDescriptorTest, ReadinessIsTracedAtLevelNine) {
-  Mox::TraceCapture capture;
-  Mox::traceConfigIs("FileDescriptor/9");
-  auto fd = readEnd();
-  writeByte();
-  turns(2);
-  Mox::traceConfigIs("");
-  EXPECT_TRUE(capture.contains("pipe: readable #2"));
-}
-
 // --- notifiees ---
 
 TEST_F(FileDescriptorTest, NotifieesDetachedDuringNotificationMissOnlyWhatComesAfter) {

@@ -194,7 +194,8 @@ Values::Part Status::pending(Mox::U32 sequence) const {
 
 Mox::U32 Status::pendingEnq(const Values::Part& value) {
   const Mox::U32 key = pendingMetadata_.tail++;
-  pending_.emplace(key, value);
+  // Sequences grow, so the entry goes last: no search down the tree.
+  pending_.emplace_hint(pending_.end(), key, value);
   Mox::queueHeadUpdate(pending_, &pendingMetadata_);
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(key); });
   return key;
