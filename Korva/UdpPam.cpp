@@ -322,24 +322,8 @@ void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
 }
 
 void UdpPam::doGetRxPkt() {
-  Pkt::Manager* manager = globalPktManager();
-  Mox::Ptr<Pkt> pkt = manager->newPkt();
-  const U32 capacity = maxRxPktData();
-  if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
-  MOX_ASSERT_TEXT(pkt->maxSharedData() >= capacity, "maxSize >= maxRxPktData()");
-  // The datagram lands at the end of the buffer: what is left in front is head room.
-  iovec iov{pkt->newSharedHeadData(capacity), capacity};
-  SockAddr source;
-  alignas(cmsghdr) char control[controlBytes];
-  msghdr msg{};
-  msg.msg_name = &source;
-  msg.msg_namelen = sizeof source;
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
-
-  const ssize_t received = recvmsg(fd_.descriptor(), &msg, 0);
+  RxMessage rx(maxRxPktData());
+  const ssize_t received = rx.receive(fd_.descriptor(), 0);
   if (received < 0) {
     const int error = errno;
     if (error != EAGAIN) {
@@ -349,12 +333,12 @@ void UdpPam::doGetRxPkt() {
     return;
   }
   MOX_TRACE(trace, 9, name() << ": Received packet of size " << received);
-  if (msg.msg_flags & MSG_TRUNC) {
+  if (rx.msg.msg_flags & MSG_TRUNC) {
     MOX_TRACE(trace, 3, name() << ": Discarding truncated packet");
     return;
   }
-  const ReceivedInfo info = parseControl(msg);
-  const IpGenAddr sender = sockAddrIpGenAddr(&source.base);
+  const ReceivedInfo info = parseControl(rx.msg);
+  const IpGenAddr sender = sockAddrIpGenAddr(&rx.source.base);
   if (sender.isV6()) {
     rxSrcIp6AddrIs(sender.v6Addr());
     rxDstIp6AddrIs(info.dst6);
@@ -362,7 +346,7 @@ void UdpPam::doGetRxPkt() {
     rxSrcIpAddrIs(sender.v4Addr());
     rxDstIpAddrIs(info.dst);
   }
-  rxSrcPortIs(sockAddrPort(&source.base));
+  rxSrcPortIs(sockAddrPort(&rx.source.base));
   rxIfIndexIs(info.ifIndex);
   rxTTLIs(info.ttl);
   rxTOSIs(info.tos);
@@ -372,9 +356,8 @@ void UdpPam::doGetRxPkt() {
                    << (ipv6En() ? rxSrcIp6Addr().stringValue() : rxSrcIpAddr().stringValue())
                    << " and dest IP "
                    << (ipv6En() ? info.dst6.stringValue() : info.dst.stringValue()));
-  pkt->delSharedTailData(capacity - U32(received));
   rxPktsInc(1);
-  rxPktHolderIs(pkt);
+  rxPktHolderIs(rx.pkt);
 }
 
 void UdpPam::handleMcastGroup(const Mox::String8& devName, const Ip6Addr& group, bool join) {
