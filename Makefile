@@ -1,10 +1,11 @@
 # The front door. `make test` and `make demo` do all the set-up on a fresh machine.
 BUILD       ?= build
 BENCH_BUILD ?= build-bench
+CLANG_BUILD ?= build-clang
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test package demo bench format clean
+.PHONY: all deps configure build test check-clang package demo bench format clean
 
 all: build
 
@@ -22,6 +23,12 @@ build: configure
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
+# The library and the tool built by clang too, warnings as errors, so both compilers stay clean.
+check-clang: deps
+	cmake -S . -B $(CLANG_BUILD) -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-Werror \
+	  -DKORVA_BUILD_TESTS=OFF -DKORVA_BUILD_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build $(CLANG_BUILD) -j $(JOBS) --target Korva korva
+
 # Debian packages (libkorva0, libkorva-dev, korva) in $(BUILD).
 package: build
 	cmake --build $(BUILD) --target package
@@ -38,4 +45,4 @@ format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(BENCH_BUILD) $(CLANG_BUILD)

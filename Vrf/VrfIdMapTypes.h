@@ -70,7 +70,7 @@ class VrfEntry {
  private:
   VrfId key_;
   char name_[maxNameLength + 1] = {};
-  char reserved_[3] = {};  // keeps the size a multiple of 4 without padding bytes
+  [[maybe_unused]] char reserved_[3] = {};  // keeps the size a multiple of 4 without padding bytes
 };
 static_assert(sizeof(VrfEntry) == 108 && std::has_unique_object_representations_v<VrfEntry>);
 
