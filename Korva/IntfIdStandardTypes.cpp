@@ -3,8 +3,10 @@
 //
 // Widths leave room for real systems: up to 1023 per port number, sub-interfaces up to
 // 65535. Type ids and widths are part of the identifiers other processes read, so they
-// never change once shipped. Short prefixes of the types that have a kernel or short-name
-// conversion are chosen so that stringToVexIntf reads a short name back to its identifier.
+// never change once shipped. Every short name printed reads back to its identifier through
+// stringToVexIntf: a short prefix is one that the kernel- or short-name conversion maps to
+// the long prefix ("tap-" is the kernel's word for Test), and a type whose conversion word
+// does not fit a short prefix (Internal, Fabric) has none, so its short name is its long one.
 
 #include <Korva/IntfIdDesc.h>
 #include <Mox/Plugin.h>
@@ -34,9 +36,9 @@ const StandardType standardTypes[] = {
     {5, "Vlan", "Vl", 1, {{12, false, '/'}}},
     {6, "Vxlan", "Vx", 1, {{16, false, '/'}}},
     {7, "Tunnel", "Tun", 1, {{16, true, '/'}}},
-    {8, "Test", "Te", 1, {portPart, portPart}},
-    {9, "Internal", "In", 1, {{16, false, '/'}}},
-    {10, "Fabric", "Fa", 1, {{16, false, '/'}}},
+    {8, "Test", "tap-", 1, {portPart, portPart}},
+    {9, "Internal", "", 1, {{16, false, '/'}}},
+    {10, "Fabric", "", 1, {{16, false, '/'}}},
 };
 
 void registerStandardIntfTypes(void* context) {

@@ -106,9 +106,9 @@ TEST_F(IntfIdDescTest, StandardTypesAndShortNames) {
                                                        {"Vlan4094", "Vl4094"},
                                                        {"Vxlan1", "Vx1"},
                                                        {"Tunnel0", "Tun0"},
-                                                       {"Test3", "Te3"},
-                                                       {"Internal2", "In2"},
-                                                       {"Fabric4", "Fa4"}};
+                                                       {"Test3", "tap-3"},
+                                                       {"Internal2", "Internal2"},
+                                                       {"Fabric4", "Fabric4"}};
   std::set<U8> typeIds;
   for (const auto& [longName, shortName] : names) {
     const IntfId id(longName);

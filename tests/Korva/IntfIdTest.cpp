@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <set>
 #include <sstream>
 #include <unordered_set>
 
@@ -99,8 +98,6 @@ TEST_F(IntfIdTest, PrintThenParseGivesTheSameIdForEveryLayout) {
   }
   ASSERT_GE(layouts.size(), 12u);  // the ten standard types and the test plugin's two
   std::mt19937_64 rng(20261121);
-  const std::set<std::string> shortReadable = {"Ethernet", "Port-Channel", "Management", "Loopback",
-                                               "Vlan",     "Vxlan",        "Tunnel"};
   for (int round = 0; round < 120000; ++round) {
     const unsigned index = layouts[round % layouts.size()];
     const Korva::IntfIdTrie::Layout& layout = *trie->layout(index);
@@ -108,7 +105,9 @@ TEST_F(IntfIdTest, PrintThenParseGivesTheSameIdForEveryLayout) {
     const std::string name = id.stringValue();
     ASSERT_EQ(IntfId(name), id) << name;
     ASSERT_TRUE(name.starts_with(layout.prefix)) << name;
-    if (shortReadable.contains(layout.prefix)) {
+    // Every short name the library prints reads back; the test plugin's "Rc" is a word no
+    // name converter knows.
+    if (!layout.prefix.starts_with("Recirc")) {
       ASSERT_EQ(Korva::stringToVexIntf(id.shortName()), id) << id.shortName();
     }
     IntfId read;
