@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace Mox {
 
@@ -138,14 +139,56 @@ int NamespaceWorker::socket(int domain, int type, int protocol) {
   return result;
 }
 
+// At most this many workers stay parked; the least recently used one beyond it is ended.
+// Each holds a thread and keeps its namespace alive, and agents use few namespaces at once.
+constexpr size_t kMaxParkedWorkers = 8;
+
+struct ParkedWorker {
+  std::shared_ptr<NamespaceWorker> worker;
+  unsigned long lastUse = 0;
+};
+
 struct WorkerRegistry {
   std::mutex mutex;
-  std::map<std::string, std::shared_ptr<NamespaceWorker>> byName;
+  std::map<std::string, ParkedWorker> byName;
+  unsigned long uses = 0;
 };
 
 WorkerRegistry& workers() {
   static WorkerRegistry* registry = new WorkerRegistry;  // workers live for the process
   return *registry;
+}
+
+using Retired = std::vector<std::shared_ptr<NamespaceWorker>>;
+
+// Takes out every worker whose name is gone or now names another namespace (deleted by
+// `ip netns del` or another process, perhaps made again): a worker would otherwise keep
+// the deleted namespace alive for the life of the process. Retired workers end when the
+// caller drops them, outside the registry lock.
+void retireOrphans(WorkerRegistry& registry, Retired& retired) {
+  char path[4096];
+  struct stat file;
+  for (auto it = registry.byName.begin(); it != registry.byName.end();) {
+    const bool named = netnsRunPath(it->first.c_str(), path, sizeof path) == 0 &&
+                       ::stat(path, &file) == 0 && it->second.worker->denotes(file);
+    if (named) {
+      ++it;
+      continue;
+    }
+    retired.push_back(std::move(it->second.worker));
+    it = registry.byName.erase(it);
+  }
+}
+
+void retireLeastRecentlyUsed(WorkerRegistry& registry, Retired& retired) {
+  while (registry.byName.size() > kMaxParkedWorkers) {
+    auto oldest = registry.byName.begin();
+    for (auto it = oldest; it != registry.byName.end(); ++it) {
+      if (it->second.lastUse < oldest->second.lastUse) oldest = it;
+    }
+    retired.push_back(std::move(oldest->second.worker));
+    registry.byName.erase(oldest);
+  }
 }
 
 }  // namespace
@@ -179,20 +222,26 @@ int setnsByName(const char* name) {
 int netnsSocketAt(int domain, int type, int protocol, const char* name) {
   char path[4096];
   if (netnsRunPath(name, path, sizeof path) < 0) return -1;
+  WorkerRegistry& registry = workers();
+  Retired retired;  // declared before the lock, so retired workers end after it is released
+  std::unique_lock lock(registry.mutex);
+  retireOrphans(registry, retired);
   struct stat file;
   if (::stat(path, &file) < 0) return fail(std::string("stat ") + path, errno);
 
-  WorkerRegistry& registry = workers();
-  std::unique_lock lock(registry.mutex);
-  auto& worker = registry.byName[name];
-  if (!worker || !worker->denotes(file)) {
-    // The name is new, or now names another namespace (deleted and made again).
-    worker.reset();
-    worker = NamespaceWorker::start(path, file);
-    if (!worker) return fail(std::string("enter namespace ") + name, errno);
+  ParkedWorker& parked = registry.byName[name];
+  if (!parked.worker) {
+    parked.worker = NamespaceWorker::start(path, file);
+    if (!parked.worker) {
+      const int error = errno;
+      registry.byName.erase(name);
+      return fail(std::string("enter namespace ") + name, error);
+    }
   }
-  // Shared, so a concurrent replacement cannot pull the worker from under this request.
-  std::shared_ptr<NamespaceWorker> current = worker;
+  parked.lastUse = ++registry.uses;
+  // Shared, so a concurrent retirement cannot pull the worker from under this request.
+  std::shared_ptr<NamespaceWorker> current = parked.worker;
+  retireLeastRecentlyUsed(registry, retired);
   lock.unlock();
   int fd = current->socket(domain, type, protocol);
   if (fd < 0) return fail(std::string("socket in namespace ") + name, errno);
@@ -206,7 +255,7 @@ void netnsForget(const char* name) {
     std::lock_guard lock(registry.mutex);
     auto found = registry.byName.find(name);
     if (found == registry.byName.end()) return;
-    worker = std::move(found->second);
+    worker = std::move(found->second.worker);
     registry.byName.erase(found);
   }
   // The worker stops and is joined when its last request, if one is under way, is done.

@@ -22,7 +22,9 @@ int setnsByName(const char* name);
 
 // A socket created inside the named namespace. The calling thread never changes namespace:
 // the socket is made by a worker thread that lives in that namespace. Workers are kept per
-// name and replaced when the name comes to denote another namespace.
+// name, at most eight, the least recently used ended first. Each call first ends the
+// workers whose name is gone or now denotes another namespace, so a namespace deleted by
+// anyone (`ip netns del`, another process) is not kept alive by this process.
 int netnsSocketAt(int domain, int type, int protocol, const char* name);
 
 // Ends the worker kept for the name, if any: a worker would keep a deleted namespace (and

@@ -21,9 +21,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -175,6 +178,31 @@ TEST_F(NetnsUtils, DeleteLetsTheNamespaceGo) {
   EXPECT_TRUE(anyThreadIn(inode)) << "the socket worker lives there";
   ASSERT_EQ(netNsDelete(ns.name()), 0);
   EXPECT_FALSE(anyThreadIn(inode)) << "no thread may keep a deleted namespace alive";
+}
+
+size_t threadCount() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                       std::filesystem::directory_iterator());
+}
+
+TEST_F(NetnsUtils, WorkersEndWhenOthersDeleteTheirNamespaces) {
+  const char* missing = "korva-test-missing";
+  Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing);  // ends what earlier tests left parked
+  const size_t baseline = threadCount();
+  std::vector<std::unique_ptr<ScopedNs>> spaces;
+  for (int i = 0; i < 60; ++i) {
+    const ScopedNs& ns = *spaces.emplace_back(std::make_unique<ScopedNs>());
+    ASSERT_EQ(std::system(("ip netns add " + ns.name()).c_str()), 0);
+    int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
+    ASSERT_GE(fd, 0);
+    close(fd);
+    ASSERT_LE(threadCount(), baseline + 8) << "parked workers are bounded";
+  }
+  for (const auto& ns : spaces) {
+    ASSERT_EQ(std::system(("ip netns del " + ns->name()).c_str()), 0);
+  }
+  EXPECT_EQ(Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing), -1);
+  EXPECT_EQ(threadCount(), baseline) << "one use ends the workers of deleted namespaces";
 }
 
 TEST_F(NetnsUtils, SocketAtAMissingNamespaceKeepsErrno) {
