@@ -1,0 +1,102 @@
+#pragma once
+// Helpers for DTLS tests: a throwaway CA with server and client certificates made by the
+// openssl command, and an openssl command (s_client, s_server) run inside a namespace as
+// a peer whose output the event loop watches.
+
+#include <Mox/Activity.h>
+#include <Mox/FileDescriptor.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace DtlsTest {
+
+// ca.pem, server.pem and client.pem (certificate and key in one file, signed by the CA),
+// mismatched.pem (the server's certificate with the client's key) and othertype.pem (the
+// server's RSA certificate with an EC key), in a fresh folder removed when the object goes.
+class Certificates {
+ public:
+  Certificates() : dir_(::testing::TempDir() + "korva-dtls-" + std::to_string(getpid())) {
+    const std::string script =
+        "set -e; rm -rf " + dir_ + "; mkdir -p " + dir_ + "; cd " + dir_ +
+        "; openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem"
+        " -subj /CN=korva-test-ca -days 2"
+        "; for n in server client; do"
+        " openssl req -newkey rsa:2048 -nodes -keyout $n.key -out $n.csr -subj /CN=$n"
+        "; openssl x509 -req -in $n.csr -CA ca.pem -CAkey ca.key -CAcreateserial"
+        " -out $n.crt -days 2; cat $n.crt $n.key > $n.pem; done"
+        "; openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.key"
+        "; cat server.crt client.key > mismatched.pem; cat server.crt ec.key > othertype.pem";
+    made_ = std::system(("(" + script + ") >/dev/null 2>&1").c_str()) == 0;
+  }
+  ~Certificates() { std::system(("rm -rf " + dir_).c_str()); }
+  bool made() const { return made_; }
+  std::string path(const std::string& file) const { return dir_ + "/" + file; }
+
+ private:
+  std::string dir_;
+  bool made_ = false;
+};
+
+// `ip netns exec <ns> openssl <arguments>`, standard output and error collected.
+class OpenSslPeer {
+ public:
+  OpenSslPeer(const std::string& ns, const std::vector<std::string>& arguments) {
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+    std::vector<std::string> command{"ip", "netns", "exec", ns, "openssl"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      dup2(out[1], 2);
+      std::vector<char*> argv;
+      for (std::string& word : command) argv.push_back(word.data());
+      argv.push_back(nullptr);
+      execvp("ip", argv.data());
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    input_ = in[1];
+    // Watched by the loop, so a test running it wakes when the peer prints.
+    output_ = Mox::make<Mox::FileDescriptor>("openssl", out[0]);
+  }
+  ~OpenSslPeer() {
+    if (input_ >= 0) close(input_);
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  void send(const std::string& text) {
+    ASSERT_EQ(write(input_, text.data(), text.size()), ssize_t(text.size()));
+  }
+  // Runs the loop until the peer printed `text`, or 5 s pass.
+  bool prints(const std::string& text) {
+    return Mox::runUntil([&] { return drained().find(text) != std::string::npos; }, 5.0);
+  }
+  const std::string& drained() {
+    char buffer[4096];
+    ssize_t n;
+    while (output_ && (n = read(output_->descriptor(), buffer, sizeof buffer)) > 0) {
+      printed_.append(buffer, size_t(n));
+    }
+    return printed_;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int input_ = -1;
+  Mox::Ptr<Mox::FileDescriptor> output_;
+  std::string printed_;
+};
+
+}  // namespace DtlsTest
