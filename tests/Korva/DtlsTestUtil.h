@@ -1,7 +1,7 @@
 #pragma once
 // Helpers for DTLS tests: a throwaway CA with server and client certificates made by the
-// openssl command, and an openssl command (s_client, s_server) run inside a namespace as
-// a peer whose output the event loop watches.
+// openssl command, and peer programs (openssl s_client and s_server, the korva tool) whose
+// output the event loop watches.
 
 #include <Mox/Activity.h>
 #include <Mox/FileDescriptor.h>
@@ -44,14 +44,13 @@ class Certificates {
   bool made_ = false;
 };
 
-// `ip netns exec <ns> openssl <arguments>`, standard output and error collected.
-class OpenSslPeer {
+// A program run as a peer (`command` is its argument vector, found on PATH), standard
+// output and error collected through a pipe the event loop watches.
+class Peer {
  public:
-  OpenSslPeer(const std::string& ns, const std::vector<std::string>& arguments) {
+  explicit Peer(std::vector<std::string> command) {
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-    std::vector<std::string> command{"ip", "netns", "exec", ns, "openssl"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
     pid_ = fork();
     if (pid_ == 0) {
       dup2(in[0], 0);
@@ -60,24 +59,28 @@ class OpenSslPeer {
       std::vector<char*> argv;
       for (std::string& word : command) argv.push_back(word.data());
       argv.push_back(nullptr);
-      execvp("ip", argv.data());
+      execvp(argv[0], argv.data());
       _exit(127);
     }
     close(in[0]);
     close(out[1]);
     input_ = in[1];
     // Watched by the loop, so a test running it wakes when the peer prints.
-    output_ = Mox::make<Mox::FileDescriptor>("openssl", out[0]);
+    output_ = Mox::make<Mox::FileDescriptor>("peer", out[0]);
   }
-  ~OpenSslPeer() {
+  ~Peer() {
     if (input_ >= 0) close(input_);
-    if (pid_ > 0) {
+    if (pid_ > 0 && status_ < 0) {
       kill(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
     }
   }
   void send(const std::string& text) {
     ASSERT_EQ(write(input_, text.data(), text.size()), ssize_t(text.size()));
+  }
+  void closeInput() {
+    if (input_ >= 0) close(input_);
+    input_ = -1;
   }
   // Runs the loop until the peer printed `text`, or 5 s pass.
   bool prints(const std::string& text) {
@@ -91,12 +94,35 @@ class OpenSslPeer {
     }
     return printed_;
   }
+  // The exit status once the peer ended within 5 s; -1 otherwise.
+  int exitStatus() {
+    Mox::runUntil(
+        [&] {
+          drained();
+          int status = 0;
+          if (status_ < 0 && waitpid(pid_, &status, WNOHANG) == pid_) {
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+          }
+          return status_ >= 0;
+        },
+        5.0);
+    return status_;
+  }
 
  private:
   pid_t pid_ = -1;
   int input_ = -1;
+  int status_ = -1;
   Mox::Ptr<Mox::FileDescriptor> output_;
   std::string printed_;
 };
+
+// `ip netns exec <ns> openssl <arguments>`.
+inline std::vector<std::string> openssl(const std::string& ns,
+                                        const std::vector<std::string>& arguments) {
+  std::vector<std::string> command{"ip", "netns", "exec", ns, "openssl"};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
+}
 
 }  // namespace DtlsTest

@@ -200,10 +200,10 @@ TEST_F(UdpPamDtlsTest, OpenSslClientExchangesLinesWithTheServer) {
     SCOPED_TRACE(c.option);
     Ptr<UdpPamDtlsServer> pam = server(4433, c.version);
     Agent agent(pam.get(), true);
-    DtlsTest::OpenSslPeer peer(
+    DtlsTest::Peer peer(DtlsTest::openssl(
         ns(), {"s_client", c.option, "-connect", "127.0.0.1:4433", "-cert", file("client.pem"),
                "-key", file("client.pem"), "-CAfile", file("ca.pem"), "-verify_return_error",
-               "-cipher", c.ciphers, "-quiet"});
+               "-cipher", c.ciphers, "-quiet"}));
     peer.send("ping from s_client\n");
     ASSERT_TRUE(agent.receives(1)) << peer.drained();
     EXPECT_EQ(agent.received[0], "ping from s_client\n");
@@ -218,8 +218,8 @@ TEST_F(UdpPamDtlsTest, OpenSslClientExchangesLinesWithTheServer) {
 
 TEST_F(UdpPamDtlsTest, ServerRefusesAClientWithoutCertificate) {
   Ptr<UdpPamDtlsServer> pam = server(4434);
-  DtlsTest::OpenSslPeer peer(ns(), {"s_client", "-dtls1_2", "-connect", "127.0.0.1:4434", "-CAfile",
-                                    file("ca.pem"), "-quiet"});
+  DtlsTest::Peer peer(DtlsTest::openssl(ns(), {"s_client", "-dtls1_2", "-connect", "127.0.0.1:4434",
+                                               "-CAfile", file("ca.pem"), "-quiet"}));
   ASSERT_TRUE(Mox::runUntil([&] { return pam->errorPeer() != SessionPeer(); }, 5.0))
       << peer.drained();
   EXPECT_TRUE(pam->udpPamDtlsSessionColl().empty());
@@ -229,9 +229,10 @@ TEST_F(UdpPamDtlsTest, ServerRefusesAClientWithoutCertificate) {
 // openssl s_server, requiring a client certificate, against the client; the client's
 // first packet is sent before there is a handshake and arrives after it.
 TEST_F(UdpPamDtlsTest, ClientExchangesLinesWithOpenSslServer) {
-  DtlsTest::OpenSslPeer peer(ns(), {"s_server", "-dtls1_2", "-accept", "4435", "-cert",
-                                    file("server.pem"), "-key", file("server.pem"), "-CAfile",
-                                    file("ca.pem"), "-Verify", "1", "-verify_return_error"});
+  DtlsTest::Peer peer(DtlsTest::openssl(
+      ns(),
+      {"s_server", "-dtls1_2", "-accept", "4435", "-cert", file("server.pem"), "-key",
+       file("server.pem"), "-CAfile", file("ca.pem"), "-Verify", "1", "-verify_return_error"}));
   ASSERT_TRUE(peer.prints("ACCEPT")) << peer.drained();
   Ptr<UdpPamDtlsClient> pam = client(4435);
   Agent agent(pam.get(), false);
