@@ -38,9 +38,12 @@ int ownerIndex() {
   return index;
 }
 
+// The first queued OpenSSL error as text. The queue is left empty, as SSL_get_error needs
+// it before the next call: the record paths clear it only here, on failure.
 std::string sslErrorText() {
   char text[256];
   ERR_error_string_n(ERR_get_error(), text, sizeof text);
+  ERR_clear_error();
   return text;
 }
 
@@ -258,6 +261,9 @@ void UdpPamDtls::doGetRxPkt() {
   while (!readable_.empty()) {
     const Mox::Ptr<UdpPamDtlsSession> session = readable_.front();
     if (Mox::Ptr<Pkt> pkt = session->rxPkt()) {
+      // Without records held back by OpenSSL the session is drained; what the socket still
+      // has makes it readable again.
+      if (!session->ssl() || !SSL_has_pending(session->ssl())) std::erase(readable_, session);
       rxSrcIpAddrIs(session->sessionIndex().peerIp());
       rxSrcPortIs(session->sessionIndex().peerPort().value());
       rxDstIpAddrIs(session->localIp());
@@ -467,13 +473,40 @@ void UdpPamDtlsSession::start(int fd) {
     return;
   }
   SSL_set_bio(ssl_, bio, bio);
+  retransmission_ = Mox::make<Mox::Clock>(name());
+  retransmissionReactor_ = std::make_unique<MoxRetransmission>(this, retransmission_);
   modeIs(Mode::enabled);
   // Watching polls the session once: a client's first handshake step sends its hello, a
   // server's answers the hello the cookie exchange kept.
   fd_.fileDescIs(socket, this);
 }
 
+void UdpPamDtlsSession::armRetransmission() {
+  timeval due{};
+  retransmission_->minimumTimeIs(DTLSv1_get_timeout(ssl_, &due) == 1
+                                     ? Mox::now() + double(due.tv_sec) + double(due.tv_usec) / 1e6
+                                     : Mox::kNever);
+}
+
+void UdpPamDtlsSession::MoxRetransmission::onTime() {
+  notifier()->minimumTimeIs(Mox::kNever);
+  session_->handleRetransmission();
+}
+
+// A flight that got no answer in time is sent again; OpenSSL gives up after a dozen.
+void UdpPamDtlsSession::handleRetransmission() {
+  if (!ssl_ || state() == State::connected) return;
+  if (DTLSv1_handle_timeout(ssl_) < 0) {
+    MOX_TRACE(trace, 1, name() << ": retransmission failed (" << sslErrorText() << ")");
+    reset();
+    return;
+  }
+  MOX_TRACE(trace, 5, name() << ": flight retransmitted");
+  armRetransmission();
+}
+
 void UdpPamDtlsSession::releaseConnection() noexcept {
+  if (retransmission_) retransmission_->minimumTimeIs(Mox::kNever);
   fd_.del();
   SSL_free(ssl_);
   ssl_ = nullptr;
@@ -521,6 +554,7 @@ void UdpPamDtlsSession::doSslControl() {
   MOX_TRACE(trace, 9, name() << ": " << SSL_state_string_long(ssl_));
   if (result == 1) {
     MOX_TRACE(trace, 1, "UdpPamDtlsSession::doSslControl : accept/connect SUCCESS!");
+    retransmission_->minimumTimeIs(Mox::kNever);
     stateIs(State::connected);
     const Mox::Ptr<UdpPamDtlsSession> self(this);
     if (const Mox::Ptr<Pkt> parked = txPktHolder()) {
@@ -544,6 +578,7 @@ void UdpPamDtlsSession::doSslControl() {
   const int error = SSL_get_error(ssl_, result);
   if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
     MOX_TRACE(trace, 5, "UdpPamDtlsSession::doSslControl: SSL_ERROR_WANT_READ/WANT_WRITE");
+    armRetransmission();
     return;
   }
   MOX_TRACE(
@@ -579,7 +614,6 @@ void UdpPamDtlsSession::sslWrite(const Pkt& pkt) {
     gathered = pkt.stringValue();
     data = reinterpret_cast<const U8*>(gathered.data());
   }
-  ERR_clear_error();
   const int result = SSL_write(ssl_, data, int(pkt.bytes()));
   if (result > 0) {
     owner_->txPktsInc(1);
@@ -629,7 +663,6 @@ void UdpPamDtlsSession::doGetRxPkt() {
   const U32 capacity = owner_->maxRxPktData();
   if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
   U8* data = pkt->newSharedHeadData(capacity);
-  ERR_clear_error();
   const int result = SSL_read(ssl_, data, int(capacity));
   if (result > 0) {
     noteAddresses();

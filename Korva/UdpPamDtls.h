@@ -20,12 +20,14 @@
 
 #include <Korva/UdpPam.h>
 #include <Korva/UdpPamDtls.mox.h>
+#include <Mox/Clock.h>
 
 #include <openssl/types.h>
 
 #include <array>
 #include <deque>
 #include <map>
+#include <memory>
 
 namespace Korva {
 
@@ -190,6 +192,23 @@ class UdpPamDtlsSession : public UdpPamDtlsSessionBase {
   // Drives the handshake one step.
   void doSslControl();
   void sslWrite(const Pkt& pkt);
+  // Resends the last flight when OpenSSL's retransmission timer ran out.
+  class MoxRetransmission : public Mox::Clock::Notifiee {
+   public:
+    MoxRetransmission(UdpPamDtlsSession* session, const Mox::Ptr<Mox::Clock>& clock)
+        : session_(session) {
+      notifierIs(clock);
+    }
+    void onTime() override;
+
+   private:
+    UdpPamDtlsSession* session_;
+  };
+
+  // Arms the retransmission clock for when OpenSSL's handshake timer runs out (disarms it
+  // when none runs).
+  void armRetransmission();
+  void handleRetransmission();
   // Lets the descriptor and the SSL object go and hands the peer to the owner as failed.
   void reset();
   void releaseConnection() noexcept;
@@ -199,6 +218,8 @@ class UdpPamDtlsSession : public UdpPamDtlsSessionBase {
   SSL* ssl_;
   UdpPamDtls* owner_;
   PamFd fd_;
+  Mox::Ptr<Mox::Clock> retransmission_;
+  std::unique_ptr<MoxRetransmission> retransmissionReactor_;
   bool addressesKnown_ = false;
   IpAddr localIp_;
   U16 localPort_ = 0;

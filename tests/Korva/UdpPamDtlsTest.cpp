@@ -340,6 +340,28 @@ TEST_F(UdpPamDtlsTest, ClientSessionResetsAtItsTwentyFirstHandshakeFailure) {
   EXPECT_EQ(pam->txDrops(), 0u);
 }
 
+// A hello that gets no answer is sent again when OpenSSL's timer (a second) runs out.
+TEST_F(UdpPamDtlsTest, ClientResendsAnUnansweredHello) {
+  const int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns());
+  auto silent = Mox::make<Mox::FileDescriptor>("silent", fd);
+  ASSERT_EQ(Korva::socketBind(fd, Korva::IpGenAddr(kLoopback), 4441), 0);
+  Ptr<UdpPamDtlsClient> pam = client(4441);
+  pam->txPktIs(packetOf("waits"));
+  std::vector<std::string> hellos;
+  ASSERT_TRUE(Mox::runUntil(
+      [&] {
+        char buffer[4096];
+        const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+        if (n > 0) hellos.emplace_back(buffer, size_t(n));
+        return hellos.size() == 2;
+      },
+      5.0));
+  // The same ClientHello in a record of the next sequence number.
+  EXPECT_EQ(hellos[0][13], 1);
+  EXPECT_EQ(hellos[0].substr(13), hellos[1].substr(13));
+  EXPECT_NE(hellos[0].substr(0, 13), hellos[1].substr(0, 13));
+}
+
 // Our client and server: the packet parked before the handshake arrives once and first;
 // the client's destroy() tells the server, which deletes the session.
 TEST_F(UdpPamDtlsTest, ParkedPacketArrivesOnceAndDestroyEndsTheServerSession) {
