@@ -68,13 +68,20 @@ bool cookieFor(SSL* ssl, const std::array<U8, 16>& secret, unsigned char* cookie
     return false;
   }
   MOX_TRACE(trace, 9, "generate cookie peer family is INET");
-  unsigned char material[6];
+  constexpr size_t kMaterialBytes = 6;
+  std::unique_ptr<unsigned char, void (*)(unsigned char*)> material(
+      static_cast<unsigned char*>(OPENSSL_malloc(kMaterialBytes)),
+      [](unsigned char* bytes) { OPENSSL_free(bytes); });
+  if (!material) {
+    MOX_TRACE(trace, 0, "generate_cookie: error out of memory");
+    return false;
+  }
   size_t addressLength = 4;
-  BIO_ADDR_rawaddress(peer.get(), material, &addressLength);
+  BIO_ADDR_rawaddress(peer.get(), material.get(), &addressLength);
   const unsigned short port = BIO_ADDR_rawport(peer.get());
-  std::memcpy(material + 4, &port, 2);
+  std::memcpy(material.get() + 4, &port, 2);
   return EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA1", nullptr, secret.data(), secret.size(),
-                   material, sizeof material, cookie, DTLS1_COOKIE_LENGTH, length) != nullptr;
+                   material.get(), kMaterialBytes, cookie, DTLS1_COOKIE_LENGTH, length) != nullptr;
 }
 
 // One context set-up step: a failure traces OpenSSL's reason (and `traceText` when
@@ -86,9 +93,19 @@ void require(bool ok, const char* step, const std::string& traceText = std::stri
   throw Mox::Exception(step);
 }
 
+int verifyCookie(SSL* ssl, const unsigned char* cookie, unsigned int length) {
+  auto* pam = static_cast<const UdpPamDtls*>(SSL_get_ex_data(ssl, ownerIndex()));
+  unsigned char expected[DTLS1_COOKIE_LENGTH];
+  size_t bytes = 0;
+  return pam->cookieInitialized() && cookieFor(ssl, pam->cookieSecret(), expected, &bytes) &&
+         bytes == length && CRYPTO_memcmp(expected, cookie, bytes) == 0;
+}
+
 }  // namespace
 
-int generateCookie(SSL* ssl, unsigned char* cookie, unsigned int* length) {
+// --- UdpPamDtls ---
+
+int UdpPamDtls::generateCookie(SSL* ssl, unsigned char* cookie, unsigned int* length) {
   auto* pam = static_cast<UdpPamDtls*>(SSL_get_ex_data(ssl, ownerIndex()));
   if (!pam->cookieInitialized()) {
     if (RAND_bytes(pam->cookieSecret_.data(), int(pam->cookieSecret_.size())) != 1) {
@@ -102,20 +119,6 @@ int generateCookie(SSL* ssl, unsigned char* cookie, unsigned int* length) {
   *length = unsigned(bytes);
   return 1;
 }
-
-namespace {
-
-int verifyCookie(SSL* ssl, const unsigned char* cookie, unsigned int length) {
-  auto* pam = static_cast<const UdpPamDtls*>(SSL_get_ex_data(ssl, ownerIndex()));
-  unsigned char expected[DTLS1_COOKIE_LENGTH];
-  size_t bytes = 0;
-  return pam->cookieInitialized() && cookieFor(ssl, pam->cookieSecret(), expected, &bytes) &&
-         bytes == length && CRYPTO_memcmp(expected, cookie, bytes) == 0;
-}
-
-}  // namespace
-
-// --- UdpPamDtls ---
 
 UdpPamDtls::UdpPamDtls(const Mox::Name& name, U8 dtlsVersion, const Mox::String8& cipherSuite,
                        const Mox::String8& certKeyFile, const Mox::String8& caFile, bool isServer)
@@ -219,6 +222,8 @@ void UdpPamDtls::deleteSession(const SessionPeer& peer) {
   std::erase(readable_, session);
   activeSessionDel(peer);
   session->destroy();
+  // Whoever still holds the session holds a closed one that no longer reports here.
+  session->owner_ = nullptr;
 }
 
 void UdpPamDtls::closeSessions() {
@@ -523,6 +528,11 @@ void UdpPamDtlsSession::destroy() {
 void UdpPamDtlsSession::reset() {
   const Mox::Ptr<UdpPamDtlsSession> self(this);
   releaseConnection();
+  // A packet still waiting for the handshake is lost with it.
+  if (txPktHolder()) {
+    owner_->txDropsInc(1);
+    txPktHolderDel();
+  }
   disconnectedIs(true);
   modeIs(Mode::disabled);
   owner_->peerEnded(sessionIndex(), true);
@@ -590,7 +600,7 @@ void UdpPamDtlsSession::doSslControl() {
 void UdpPamDtlsSession::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   MOX_ASSERT(pkt);
   if (mode() != Mode::enabled) {
-    owner_->txDropsInc(1);
+    if (owner_) owner_->txDropsInc(1);
     return;
   }
   if (state() == State::connected) {

@@ -82,7 +82,9 @@ class UdpPamDtls : public UdpPamDtlsBase {
 
  private:
   friend class UdpPamDtlsSession;
-  friend int generateCookie(SSL* ssl, unsigned char* cookie, unsigned int* length);
+
+  // The cookie of the peer of `ssl`, under this Pam's secret (made on first use).
+  static int generateCookie(SSL* ssl, unsigned char* cookie, unsigned int* length);
 
   // A connected session has records to read.
   void sessionReadable(UdpPamDtlsSession* session);

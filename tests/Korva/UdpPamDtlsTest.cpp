@@ -337,7 +337,7 @@ TEST_F(UdpPamDtlsTest, ClientSessionResetsAtItsTwentyFirstHandshakeFailure) {
   EXPECT_EQ(tracesWith(capture, "failed more than 20 times, resetting FD and SSL objects"), 1u);
   EXPECT_EQ(pam->errorPeer(), peer);
   EXPECT_FALSE(pam->udpPamDtlsSession(peer));
-  EXPECT_EQ(pam->txDrops(), 0u);
+  EXPECT_EQ(pam->txDrops(), 1u) << "the parked packet";
 }
 
 // A hello that gets no answer is sent again when OpenSSL's timer (a second) runs out.
