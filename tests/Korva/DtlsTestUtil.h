@@ -12,8 +12,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "SocketTestUtil.h"
 
 namespace DtlsTest {
 
@@ -124,5 +127,29 @@ inline std::vector<std::string> openssl(const std::string& ns,
   command.insert(command.end(), arguments.begin(), arguments.end());
   return command;
 }
+
+// A test with the certificates (made once per suite) in a namespace of its own whose
+// loopback is up.
+class Fixture : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { certificates_ = new Certificates(); }
+  static void TearDownTestSuite() {
+    delete certificates_;
+    certificates_ = nullptr;
+  }
+  void SetUp() override {
+    if (!certificates_->made()) GTEST_SKIP() << "the openssl command could not make certificates";
+    ns_ = std::make_unique<SocketTest::ScopedNs>("dtls");
+    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
+    ASSERT_TRUE(ns_->ip("link set lo up"));
+    Mox::ActivityManagerConfig::current();
+  }
+  static std::string file(const std::string& name) { return certificates_->path(name); }
+  const std::string& ns() const { return ns_->name(); }
+
+ private:
+  static inline Certificates* certificates_ = nullptr;
+  std::unique_ptr<SocketTest::ScopedNs> ns_;
+};
 
 }  // namespace DtlsTest

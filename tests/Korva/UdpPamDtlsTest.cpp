@@ -132,23 +132,8 @@ bool isHelloVerifyRequest(const std::string& datagram) {
   return datagram.size() > 14 && datagram[0] == 22 && datagram[13] == 3;
 }
 
-class UdpPamDtlsTest : public ::testing::Test {
+class UdpPamDtlsTest : public DtlsTest::Fixture {
  protected:
-  static void SetUpTestSuite() { certificates_ = new DtlsTest::Certificates(); }
-  static void TearDownTestSuite() {
-    delete certificates_;
-    certificates_ = nullptr;
-  }
-  void SetUp() override {
-    if (!certificates_->made()) GTEST_SKIP() << "the openssl command could not make certificates";
-    ns_ = std::make_unique<SocketTest::ScopedNs>("dtls");
-    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
-    ASSERT_TRUE(ns_->ip("link set lo up"));
-    Mox::ActivityManagerConfig::current();
-  }
-  static std::string file(const std::string& name) { return certificates_->path(name); }
-  const std::string& ns() const { return ns_->name(); }
-
   Ptr<UdpPamDtlsServer> server(U16 port, Mox::U8 version = DtlsConstants::dtlsV12(),
                                const std::string& dh = kDhParams) {
     Ptr<UdpPamDtlsServer> pam = Korva::udpPamDtlsServerFactory(
@@ -168,9 +153,6 @@ class UdpPamDtlsTest : public ::testing::Test {
     pam->modeIs(UdpPam::Mode::client);
     return pam;
   }
-
-  static inline DtlsTest::Certificates* certificates_ = nullptr;
-  std::unique_ptr<SocketTest::ScopedNs> ns_;
 };
 
 TEST(SessionPeerTest, TextFormBothWays) {

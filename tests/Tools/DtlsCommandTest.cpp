@@ -3,37 +3,21 @@
 #include <string>
 
 #include "Korva/DtlsTestUtil.h"
-#include "Korva/SocketTestUtil.h"
 
 namespace {
 
 const std::string kKorva = std::string(KORVA_BINARY_DIR) + "/korva";
 
-class DtlsCommandTest : public ::testing::Test {
+class DtlsCommandTest : public DtlsTest::Fixture {
  protected:
-  static void SetUpTestSuite() { certificates_ = new DtlsTest::Certificates(); }
-  static void TearDownTestSuite() {
-    delete certificates_;
-    certificates_ = nullptr;
-  }
-  void SetUp() override {
-    if (!certificates_->made()) GTEST_SKIP() << "the openssl command could not make certificates";
-    ns_ = std::make_unique<SocketTest::ScopedNs>("dtlscmd");
-    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
-    ASSERT_TRUE(ns_->ip("link set lo up"));
-  }
-  static std::string file(const std::string& name) { return certificates_->path(name); }
   // `korva dtls <words>` with the namespace and the certificates of `role`.
   std::vector<std::string> korva(const std::vector<std::string>& words, const std::string& role) {
     std::vector<std::string> command{kKorva, "dtls"};
     command.insert(command.end(), words.begin(), words.end());
-    command.insert(command.end(), {"--netns", ns_->name(), "--cert", file(role + ".crt"), "--key",
+    command.insert(command.end(), {"--netns", ns(), "--cert", file(role + ".crt"), "--key",
                                    file(role + ".key"), "--ca", file("ca.pem")});
     return command;
   }
-
-  static inline DtlsTest::Certificates* certificates_ = nullptr;
-  std::unique_ptr<SocketTest::ScopedNs> ns_;
 };
 
 TEST_F(DtlsCommandTest, ServeEchoesEachLineConnectSends) {
