@@ -137,8 +137,16 @@ class LineClient : public UdpPamDtls::Notifiee {
   // All input was read and sent.
   bool inputDone() const { return ended_ && pending_.empty(); }
   bool repliesDue() const { return replies_ < sent_; }
+  // Nothing was sent, or the session with the server is up.
+  bool sessionUp() const { return sent_ == 0 || connected(); }
 
  private:
+  bool connected() const {
+    const UdpPamDtls& pam = *notifier();
+    const auto session =
+        pam.udpPamDtlsSession(Korva::SessionPeer(pam.txDstIpAddr(), Korva::Port(pam.txPort())));
+    return session && session->state() == Korva::UdpPamDtlsSession::State::connected;
+  }
   struct Reader : Mox::FileDescriptor::Notifiee {
     explicit Reader(LineClient* client) : client(client) { notifierIs(client->input_); }
     void onReadableCount() override { client->readInput(); }
@@ -157,15 +165,8 @@ class LineClient : public UdpPamDtls::Notifiee {
     }
     sendLines();
   }
-  bool connected() const {
-    const UdpPamDtls& pam = *notifier();
-    const auto session =
-        pam.udpPamDtlsSession(Korva::SessionPeer(pam.txDstIpAddr(), Korva::Port(pam.txPort())));
-    return session && session->state() == Korva::UdpPamDtlsSession::State::connected;
-  }
   void sendLines() {
-    for (size_t end;
-         (sent_ == 0 || connected()) && (end = pending_.find('\n')) != std::string::npos;) {
+    for (size_t end; sessionUp() && (end = pending_.find('\n')) != std::string::npos;) {
       Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
       pkt->stringValueIs(pending_.substr(0, end));
       pending_.erase(0, end + 1);
@@ -194,7 +195,7 @@ int connect(const DtlsOptions& options) {
   const auto failed = [&] { return pam->errorPeer() != Korva::SessionPeer(); };
   Mox::runUntil([&] { return client.inputDone() || failed(); }, 1e9);
   Mox::runUntil([&] { return !client.repliesDue() || failed(); }, kReplyWaitSeconds);
-  const bool ok = !failed();
+  const bool ok = !failed() && client.sessionUp();
   pam->destroy();
   if (!ok) {
     std::fprintf(stderr, "korva dtls connect: the DTLS session with %s:%u failed\n",
