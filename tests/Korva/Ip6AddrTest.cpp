@@ -303,6 +303,7 @@ TEST(Ip6PrefixPredicates, ContainsValidOverlaps) {
   EXPECT_FALSE(p.contains(ip6("2001:db9::")));
   EXPECT_TRUE(Ip6Prefix("::/0").contains(ip6("ffff::")));
   EXPECT_TRUE(Ip6Prefix("2001:db8::/31").contains(ip6("2001:db9::")));
+  EXPECT_TRUE(Ip6Prefix("2001:db8::1/128").contains(ip6("2001:db8::1")));
   EXPECT_FALSE(Ip6Prefix::nullPrefix().contains(Ip6Addr()));
   EXPECT_TRUE(Ip6Prefix::nullPrefix().validAsPrefix());
   EXPECT_FALSE(Ip6AddrWithMask(Ip6Addr(), Ip6Prefix::nullPrefixLen).validAsPrefix());
