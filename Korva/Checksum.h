@@ -10,7 +10,7 @@
 #include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
 #include <Korva/Pkt.h>
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 #include <bit>
 #include <type_traits>

@@ -6,8 +6,8 @@
 // colon-separated bytes. A failed parse raises Mox::RangeException and changes nothing.
 
 #include <Korva/IpAddr.h>
+#include <Korva/Types.h>
 #include <Mox/Exception.h>
-#include <Mox/Types.h>
 
 #include <array>
 #include <iosfwd>

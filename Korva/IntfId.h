@@ -5,8 +5,8 @@
 // numeric parts of the name in the remaining bits. Parsing and printing go through the
 // process-wide IntfIdMgr, which must be initialised first.
 
+#include <Korva/Types.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <cstddef>
 #include <functional>
