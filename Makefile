@@ -5,7 +5,7 @@ I386_BUILD  ?= $(BUILD)/i386
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-i386 demo bench format clean
+.PHONY: all deps configure build test test-i386 package demo bench format clean
 
 all: build
 
@@ -27,6 +27,10 @@ test: build
 
 test-i386: deps
 	scripts/test-i386 $(I386_BUILD) $(JOBS) $(CMAKE_FLAGS)
+
+# Debian packages (libkorva0, libkorva-dev, korva) in $(BUILD).
+package: build
+	cmake --build $(BUILD) --target package
 
 demo: build
 	$(BUILD)/korva demo

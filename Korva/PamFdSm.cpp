@@ -58,4 +58,16 @@ Mox::Ptr<PamFdSm> PamFdSmIs(Mox::Ptr<Mox::ActivityConfig> activity,
   return Mox::Ptr<PamFdSm>(new PamFdSm(std::move(activity), fileDesc, pam));
 }
 
+void PamFd::fileDescIs(const Mox::Ptr<Mox::FileDescriptor>& fileDesc, Pam* pam) {
+  del();
+  fileDesc_ = fileDesc;
+  fdSm_ = PamFdSmIs(Mox::ActivityConfig::current(), fileDesc_, pam);
+}
+
+void PamFd::del() noexcept {
+  if (fdSm_) fdSm_->onZombie();
+  fdSm_ = nullptr;
+  fileDesc_ = nullptr;
+}
+
 }  // namespace Korva

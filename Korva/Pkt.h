@@ -214,6 +214,9 @@ class Pkt::Manager : public Mox::PtrInterface {
   U64 pktCount_ = 0;
 };
 
+// A packet that may be looked at but not changed (an observer's copy).
+using ConstPktPtr = Mox::Ptr<const Pkt>;
+
 // The process-wide manager, "Pkt::Manager", made on first use and never destroyed.
 Pkt::Manager* globalPktManager();
 

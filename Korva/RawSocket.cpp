@@ -1,4 +1,6 @@
 #include <Korva/RawSocket.h>
+#include <Korva/SocketUtils.h>
+#include <Korva/deferClose.h>
 #include <Mox/Exception.h>
 #include <Mox/Trace.h>
 
@@ -7,7 +9,6 @@
 #include <net/if_arp.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -28,37 +29,25 @@ int openSocket(int domain, int type, int protocol) {
   return fd;
 }
 
-sockaddr_in inetAddress(IpAddr address) {
-  sockaddr_in result{};
-  result.sin_family = AF_INET;
-  result.sin_port = 0;
-  result.sin_addr.s_addr = address.valueNbo();
-  return result;
-}
-
 // The packet-socket address of `device`: its index and hardware address, for IPv4 frames.
 sockaddr_ll deviceLinkAddress(const Mox::String8& device) {
-  // Looking the device up needs some socket of this namespace; this one is left open.
-  const int lookup = openSocket(AF_INET, SOCK_DGRAM, 0);
-  ifreq request{};
-  std::strncpy(request.ifr_name, device.c_str(), IFNAMSIZ);
+  // Looking the device up needs some socket of this namespace. A failed look-up closes it
+  // again; a successful set-up leaves it open, released by its owner.
+  const auto lookup =
+      Mox::make<Mox::FileDescriptor>("EthSocket lookup", openSocket(AF_INET, SOCK_DGRAM, 0));
   sockaddr_ll address{};
   address.sll_family = AF_PACKET;
   address.sll_protocol = htons(0x0800);
   address.sll_hatype = ARPHRD_ETHER;
   address.sll_pkttype = 0;
   address.sll_halen = 6;
-  // A failed look-up closes the socket again: only a successful set-up leaves it open.
-  auto query = [&](unsigned long what) {
-    if (ioctl(lookup, what, &request) == 0) return;
-    const int error = errno;
-    close(lookup);
-    throw Mox::ErrnoException(error, "");
-  };
-  query(SIOCGIFINDEX);
-  address.sll_ifindex = request.ifr_ifindex;
-  query(SIOCGIFHWADDR);
+  address.sll_ifindex = int(interfaceIndex(lookup->descriptor(), device));
+  if (address.sll_ifindex == 0) throwErrno();
+  ifreq request{};
+  std::strncpy(request.ifr_name, device.c_str(), IFNAMSIZ);
+  if (ioctl(lookup->descriptor(), SIOCGIFHWADDR, &request) != 0) throwErrno();
   std::memcpy(address.sll_addr, request.ifr_hwaddr.sa_data, 6);
+  lookup->release();
   return address;
 }
 
@@ -70,21 +59,24 @@ RawSocket::RawSocket(Mox::String8 name, Mox::String8 device, Protocol protocol, 
     : PktSocket(std::move(name)), device_(std::move(device)), protocol_(protocol), kind_(kind) {}
 
 ssize_t RawSocket::sendPkt(Mox::Ptr<Pkt> pkt, IpAddr dst) {
-  const ssize_t sent = sendmsg(std::move(pkt), inetAddress(dst));
+  SockAddr to;
+  constructSockAddr(&to.base, dst);
+  const ssize_t sent = sendmsg(std::move(pkt), to.v4);
   if (sent < 0 && errno != EAGAIN) throwErrno();
   return sent;
 }
 
 U32 RawSocket::bufSize(int option) const {
   int bytes = 0;
-  socklen_t length = sizeof bytes;
-  if (getsockopt(descriptor(), SOL_SOCKET, option, &bytes, &length) != 0) throwErrno();
+  if (getSocketOptionInteger(descriptor(), SOL_SOCKET, option, &bytes) != 0) throwErrno();
   return U32(bytes);
 }
 
 void RawSocket::bufSizeIs(int option, U32 bytes) {
-  const int value = int(bytes);
-  if (setsockopt(descriptor(), SOL_SOCKET, option, &value, sizeof value) != 0) throwErrno();
+  // The kernel doubles what it is given, so nothing is read back.
+  if (setSocketOptionInteger(descriptor(), SOL_SOCKET, option, int(bytes), false) != 0) {
+    throwErrno();
+  }
 }
 
 U32 RawSocket::sendBufSize() const {
@@ -110,9 +102,9 @@ IpSocket::IpSocket(Mox::String8 device, Protocol protocol, Options options)
                 protocol.isAny() ? Protocol(IPPROTO_RAW) : protocol, ip),
       options_(options) {
   descriptorIs(openSocket(AF_INET, SOCK_RAW, protocol_.value()));
-  if (options_ & headerIncluded) {
-    const int on = 1;
-    if (setsockopt(descriptor(), IPPROTO_IP, IP_HDRINCL, &on, sizeof on) != 0) throwErrno();
+  if ((options_ & headerIncluded) &&
+      setSocketOptionInteger(descriptor(), IPPROTO_IP, IP_HDRINCL, 1, false) != 0) {
+    throwErrno();
   }
   MOX_TRACE(trace, 5,
             "IpSocket " << device_ << " protocol " << protocol_ << " on fd " << descriptor());
@@ -127,10 +119,7 @@ void IpSocket::deviceIs(const Mox::String8& device) {
 }
 
 void IpSocket::bind(IpAddr address) {
-  const sockaddr_in local = inetAddress(address);
-  if (::bind(descriptor(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-    throwErrno();
-  }
+  if (socketBind(descriptor(), address, 0) != 0) throwErrno();
 }
 
 // --- EthSocket ---
@@ -142,6 +131,9 @@ EthSocket::EthSocket(Mox::String8 name, Mox::String8 device, Protocol protocol)
   if (::bind(descriptor(), reinterpret_cast<const sockaddr*>(&link), sizeof link) != 0) {
     throwErrno();
   }
+  // Closing a bound packet socket can block while the kernel drains it, which the loop must
+  // never wait for. Until it is bound (a failed set-up) it closes at once.
+  fileDescriptor_->closerIs(deferClose);
   MOX_TRACE(trace, 5,
             "EthSocket " << fileDescriptor_->name() << " on " << device_ << " ifindex "
                          << link.sll_ifindex << " fd " << descriptor());

@@ -1,14 +1,11 @@
 #include <Korva/NetnsUtils.h>
+#include <Korva/SocketUtils.h>
 #include <Korva/UdpPam.h>
 #include <Mox/Activity.h>
 #include <Mox/Trace.h>
 
-#include <arpa/inet.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -23,12 +20,6 @@ Mox::TraceHandle trace("UdpPam");
 // hop limit, and TOS or traffic class.
 constexpr size_t kControlBytes = 128;
 
-union SocketAddress {
-  sockaddr base;
-  sockaddr_in v4;
-  sockaddr_in6 v6;
-};
-
 const char* modeText(UdpPam::Mode mode) {
   switch (mode) {
     case UdpPam::Mode::disabled:
@@ -39,10 +30,6 @@ const char* modeText(UdpPam::Mode mode) {
       return "client";
   }
   return "?";
-}
-
-int descriptorOf(const UdpPam& pam) {
-  return pam.fileDesc() ? pam.fileDesc()->descriptor() : -1;
 }
 
 // One socket option set at creation: where it lives, and the words of its failure.
@@ -81,31 +68,16 @@ constexpr OptionStep kIpv4Tos{IPPROTO_IP, IP_TOS,
 constexpr OptionStep kIpv6Tos{IPPROTO_IPV6, IPV6_TCLASS,
                               "Failed to set IP_TOS, errno: ", "setsockopt(IP_TOS)"};
 
-// Sets one option (an int, or a single byte where the kernel takes one); a failure is
-// traced and thrown with the step's name.
-template <class Value>
-void setSocketOption(const UdpPam& pam, int fd, const OptionStep& step, Value value) {
-  if (setsockopt(fd, step.level, step.option, &value, sizeof value) == 0) return;
+// A failed option step (`result` non-zero) is traced and thrown with the step's name.
+void requireOption(const UdpPam& pam, const OptionStep& step, int result) {
+  if (result == 0) return;
   const int error = errno;
   MOX_TRACE(trace, 0, pam.name() << ": " << step.failureTrace << error);
   throw Mox::ErrnoException(error, step.step);
 }
 
-SocketAddress ipv4Address(IpAddr address, U16 port) {
-  SocketAddress socketAddress{};
-  socketAddress.v4.sin_family = AF_INET;
-  socketAddress.v4.sin_port = htons(port);
-  socketAddress.v4.sin_addr.s_addr = address.valueNbo();
-  return socketAddress;
-}
-
-SocketAddress ipv6Address(const Ip6Addr& address, U16 port, U32 scope) {
-  SocketAddress socketAddress{};
-  socketAddress.v6.sin6_family = AF_INET6;
-  socketAddress.v6.sin6_port = htons(port);
-  address.copyToBuffer(socketAddress.v6.sin6_addr.s6_addr);
-  socketAddress.v6.sin6_scope_id = scope;
-  return socketAddress;
+void setIntegerOption(const UdpPam& pam, int fd, const OptionStep& step, int value) {
+  requireOption(pam, step, setSocketOptionInteger(fd, step.level, step.option, value, false));
 }
 
 Ip6Addr ip6AddrOf(const in6_addr& address) {
@@ -114,26 +86,30 @@ Ip6Addr ip6AddrOf(const in6_addr& address) {
   return ip6Addr;
 }
 
-// The index of a device in the socket's own namespace (which need not be the caller's); 0
-// with errno set when there is no such device.
-int interfaceIndexAt(int fd, const Mox::String8& devName) {
-  ifreq request{};
-  std::strncpy(request.ifr_name, devName.c_str(), IFNAMSIZ - 1);
-  if (ioctl(fd, SIOCGIFINDEX, &request) != 0) return 0;
-  return request.ifr_ifindex;
+// The address a server binds, in the Pam's family.
+IpGenAddr localAddr(const UdpPam& pam) {
+  return pam.ipv6En() ? IpGenAddr(pam.rxIp6Addr()) : IpGenAddr(pam.rxIpAddr());
 }
 
-// The socket is made anew; a failure leaves the Pam in its mode without a socket, so a
-// later change of namespace or mode tries again.
-void renewSocket(UdpPam& pam) {
-  pam.doDelSocket();
-  if (pam.mode() == UdpPam::Mode::disabled) return;
-  try {
-    pam.doNewSocket();
-  } catch (...) {
-    pam.doDelSocket();
-    throw;
+// A client's peer, or the destination of a server's next datagram.
+IpGenAddr peerAddr(const UdpPam& pam) {
+  return pam.ipv6En() ? IpGenAddr(pam.txDstIp6Addr()) : IpGenAddr(pam.txDstIpAddr());
+}
+
+// Joins or leaves a multicast group on the named device: `requestFor` fills the option's
+// structure for the device's index. A device that does not exist fails like the option.
+template <class Group, class RequestFor>
+void changeMembership(const UdpPam& pam, int fd, const Mox::String8& devName, const Group& group,
+                      bool join, int level, int option, const char* step, RequestFor requestFor) {
+  MOX_TRACE(trace, 1,
+            pam.name() << ": " << (join ? "joining " : "leaving ") << group << " on " << devName);
+  if (const U32 ifIndex = interfaceIndex(fd, devName)) {
+    const auto request = requestFor(ifIndex);
+    if (setsockopt(fd, level, option, &request, sizeof request) == 0) return;
   }
+  const int error = errno;
+  MOX_TRACE(trace, 0, pam.name() << ": multicast group change failed with " << error);
+  throw Mox::ErrnoException(error, step);
 }
 
 // What the control messages of one datagram said; TTL and TOS are -1 when absent.
@@ -178,19 +154,27 @@ ReceivedInfo parseControl(msghdr& msg) {
 
 }  // namespace
 
-UdpPam::~UdpPam() {
-  // The reactor keeps a plain pointer back to this Pam: it goes first.
-  fdSmDel();
-}
-
 void UdpPam::handleMode() {
   MOX_TRACE(trace, 1, name() << ": mode is: " << modeText(mode()));
-  renewSocket(*this);
+  renewSocket();
 }
 
 void UdpPam::handleNetNs() {
   MOX_TRACE(trace, 1, name() << ": network namespace is: " << netNs().value());
-  if (mode() != Mode::disabled) renewSocket(*this);
+  if (mode() != Mode::disabled) renewSocket();
+}
+
+// A failure leaves the Pam in its mode without a socket, so a later change of namespace or
+// mode tries again.
+void UdpPam::renewSocket() {
+  doDelSocket();
+  if (mode() == Mode::disabled) return;
+  try {
+    doNewSocket();
+  } catch (...) {
+    doDelSocket();
+    throw;
+  }
 }
 
 void UdpPam::doNewSocket() {
@@ -201,53 +185,44 @@ void UdpPam::doNewSocket() {
     MOX_TRACE(trace, 0, name() << ": Failed to open socket, errno: " << error);
     throw Mox::ErrnoException(error, "socket");
   }
-  try {
-    // Arrival interface and destination for clients and servers alike.
-    for (const OptionStep& step : v6 ? kIpv6ReceiveInfo : kIpv4ReceiveInfo) {
-      setSocketOption(*this, fd, step, 1);
-    }
-    setSocketOption(*this, fd, kBroadcast, 1);
-    // Loopback of our own multicast stays on only when asked for.
-    if (!enableIpMulticastLoop()) {
-      setSocketOption(*this, fd, v6 ? kIpv6MulticastLoop : kIpv4MulticastLoop, 0);
-    }
-    if (txTos().value() != 0) {
-      MOX_TRACE(trace, 2, name() << ": TOS=" << unsigned(txTos().value()));
-      if (v6) {
-        setSocketOption(*this, fd, kIpv6Tos, int(txTos().value()));
-      } else {
-        setSocketOption(*this, fd, kIpv4Tos, txTos().value());
-      }
-    }
-    setSocketOption(*this, fd, kReuseAddr, 1);
-  } catch (...) {
-    close(fd);
-    throw;
+  // The descriptor entity owns the socket from here on: a failed step below closes it.
+  const auto socket = Mox::make<Mox::FileDescriptor>(name(), fd);
+  // Arrival interface and destination for clients and servers alike.
+  for (const OptionStep& step : v6 ? kIpv6ReceiveInfo : kIpv4ReceiveInfo) {
+    setIntegerOption(*this, fd, step, 1);
   }
+  setIntegerOption(*this, fd, kBroadcast, 1);
+  // Loopback of our own multicast stays on only when asked for.
+  if (!enableIpMulticastLoop()) {
+    setIntegerOption(*this, fd, v6 ? kIpv6MulticastLoop : kIpv4MulticastLoop, 0);
+  }
+  if (txTos().value() != 0) {
+    MOX_TRACE(trace, 2, name() << ": TOS=" << unsigned(txTos().value()));
+    if (v6) {
+      setIntegerOption(*this, fd, kIpv6Tos, int(txTos().value()));
+    } else {
+      // IPv4 takes the TOS as a single byte.
+      const U8 tos = txTos().value();
+      requireOption(*this, kIpv4Tos, setsockopt(fd, IPPROTO_IP, IP_TOS, &tos, sizeof tos));
+    }
+  }
+  setIntegerOption(*this, fd, kReuseAddr, 1);
   MOX_TRACE(trace, 1, name() << ": Socket fd is " << fd << ", mode is " << modeText(mode()));
-  // From here on the descriptor entity owns the socket (and closes it on a failed set-up).
-  fileDescIs(Mox::make<Mox::FileDescriptor>(name(), fd));
-  fdSmIs(PamFdSmIs(Mox::ActivityConfig::current(), fileDesc(), this));
+  fd_.fileDescIs(socket, this);
   MOX_TRACE(trace, 1, name() << ": Done setting file desc ");
   if (mode() == Mode::server) doBind();
 }
 
 void UdpPam::doDelSocket() {
-  fdSmDel();
-  fileDescDel();
+  fd_.del();
   socketConnectedIs(false);
   rxPortLocalDel();
 }
 
 void UdpPam::doBind() {
-  const SocketAddress local =
-      ipv6En() ? ipv6Address(rxIp6Addr(), rxPort(), 0) : ipv4Address(rxIpAddr(), rxPort());
-  const socklen_t length = ipv6En() ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-  MOX_TRACE(trace, 1,
-            name() << ": Binding socket to "
-                   << (ipv6En() ? rxIp6Addr().stringValue() : rxIpAddr().stringValue()) << " port "
-                   << rxPort());
-  if (bind(descriptorOf(*this), &local.base, length) != 0) {
+  const IpGenAddr local = localAddr(*this);
+  MOX_TRACE(trace, 1, name() << ": Binding socket to " << local << " port " << rxPort());
+  if (socketBind(fd_.descriptor(), local, rxPort()) != 0) {
     const int error = errno;
     MOX_TRACE(trace, 0, name() << ": bind failed with " << error);
     throw Mox::ErrnoException(error, "bind");
@@ -256,37 +231,23 @@ void UdpPam::doBind() {
 }
 
 void UdpPam::noteLocalPort() {
-  SocketAddress local{};
+  SockAddr local{};
   socklen_t length = sizeof local;
-  if (getsockname(descriptorOf(*this), &local.base, &length) != 0) return;
-  // The port sits at the same place in both families.
-  rxPortLocalIs(ntohs(local.v4.sin_port));
+  if (getsockname(fd_.descriptor(), &local.base, &length) != 0) return;
+  rxPortLocalIs(sockAddrPort(&local.base));
 }
 
 bool UdpPam::doConnect() {
   if (mode() != Mode::client || socketConnected()) return socketConnected();
-  SocketAddress peer;
-  socklen_t length;
-  if (ipv6En()) {
-    if (!txDstIp6Addr().isUnicast()) {
-      MOX_TRACE(trace, 0, name() << ": Ip6Addr " << txDstIp6Addr() << " not a unicast address");
-      return false;
-    }
-    peer = ipv6Address(txDstIp6Addr(), txPort(), txIfIndex());
-    length = sizeof(sockaddr_in6);
-  } else {
-    if (!txDstIpAddr().isUnicast()) {
-      MOX_TRACE(trace, 0, name() << ": IpAddr " << txDstIpAddr() << " not a unicast address");
-      return false;
-    }
-    peer = ipv4Address(txDstIpAddr(), txPort());
-    length = sizeof(sockaddr_in);
+  const IpGenAddr peer = peerAddr(*this);
+  if (!peer.isUnicast()) {
+    MOX_TRACE(
+        trace, 0,
+        name() << ": " << (ipv6En() ? "Ip6Addr " : "IpAddr ") << peer << " not a unicast address");
+    return false;
   }
-  MOX_TRACE(trace, 1,
-            name() << ": Connecting to "
-                   << (ipv6En() ? txDstIp6Addr().stringValue() : txDstIpAddr().stringValue())
-                   << " port " << txPort());
-  if (connect(descriptorOf(*this), &peer.base, length) != 0) {
+  MOX_TRACE(trace, 1, name() << ": Connecting to " << peer << " port " << txPort());
+  if (socketConnect(fd_.descriptor(), peer, txPort(), txIfIndex()) != 0) {
     const int error = errno;
     MOX_TRACE(trace, 0,
               name() << ": connect failed with " << error << " (" << strerror(error) << ")");
@@ -304,19 +265,17 @@ void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   MOX_TRACE(trace, 9, name() << ": Sending pkt of size " << pkt->bytes());
   const bool v6 = ipv6En();
   msghdr msg{};
-  SocketAddress destination;
+  SockAddr destination;
   if (mode() == Mode::client) {
     if (!doConnect()) return;
-  } else if (v6) {
-    MOX_ASSERT(!txDstIp6Addr().isZero());
-    destination = ipv6Address(txDstIp6Addr(), txPort(), txIfIndex());
-    msg.msg_name = &destination;
-    msg.msg_namelen = sizeof(sockaddr_in6);
   } else {
-    MOX_ASSERT_TEXT(txDstIpAddr() != IpAddr(), "txDstIpAddr() != Korva::IpAddr::ipAddrZero()");
-    destination = ipv4Address(txDstIpAddr(), txPort());
+    if (v6) {
+      MOX_ASSERT(!txDstIp6Addr().isZero());
+    } else {
+      MOX_ASSERT_TEXT(txDstIpAddr() != IpAddr(), "txDstIpAddr() != Korva::IpAddr::ipAddrZero()");
+    }
     msg.msg_name = &destination;
-    msg.msg_namelen = sizeof(sockaddr_in);
+    msg.msg_namelen = constructSockAddr(&destination.base, peerAddr(*this), txPort(), txIfIndex());
   }
   msg.msg_iov = const_cast<iovec*>(pkt->iovecs());
   msg.msg_iovlen = pkt->iovecCount();
@@ -350,7 +309,7 @@ void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
     }
   }
 
-  if (sendmsg(descriptorOf(*this), &msg, 0) < 0) {
+  if (sendmsg(fd_.descriptor(), &msg, 0) < 0) {
     const int error = errno;
     MOX_TRACE(trace, 3,
               name() << ": sendmsg failed with " << error << " (" << strerror(error) << ")");
@@ -370,7 +329,7 @@ void UdpPam::doGetRxPkt() {
   MOX_ASSERT_TEXT(pkt->maxSharedData() >= capacity, "maxSize >= maxRxPktData()");
   // The datagram lands at the end of the buffer: what is left in front is head room.
   iovec iov{pkt->newSharedHeadData(capacity), capacity};
-  SocketAddress source;
+  SockAddr source;
   alignas(cmsghdr) char control[kControlBytes];
   msghdr msg{};
   msg.msg_name = &source;
@@ -380,7 +339,7 @@ void UdpPam::doGetRxPkt() {
   msg.msg_control = control;
   msg.msg_controllen = sizeof control;
 
-  const ssize_t received = recvmsg(descriptorOf(*this), &msg, 0);
+  const ssize_t received = recvmsg(fd_.descriptor(), &msg, 0);
   if (received < 0) {
     const int error = errno;
     if (error != EAGAIN) {
@@ -395,14 +354,15 @@ void UdpPam::doGetRxPkt() {
     return;
   }
   const ReceivedInfo info = parseControl(msg);
-  if (source.base.sa_family == AF_INET6) {
-    rxSrcIp6AddrIs(ip6AddrOf(source.v6.sin6_addr));
+  const IpGenAddr sender = sockAddrIpGenAddr(&source.base);
+  if (sender.isV6()) {
+    rxSrcIp6AddrIs(sender.v6Addr());
     rxDstIp6AddrIs(info.dst6);
   } else {
-    rxSrcIpAddrIs(IpAddr(source.v4.sin_addr.s_addr));
+    rxSrcIpAddrIs(sender.v4Addr());
     rxDstIpAddrIs(info.dst);
   }
-  rxSrcPortIs(ntohs(source.v4.sin_port));
+  rxSrcPortIs(sockAddrPort(&source.base));
   rxIfIndexIs(info.ifIndex);
   rxTTLIs(info.ttl);
   rxTOSIs(info.tos);
@@ -418,48 +378,40 @@ void UdpPam::doGetRxPkt() {
 }
 
 void UdpPam::handleMcastGroup(const Mox::String8& devName, const Ip6Addr& group, bool join) {
-  ipv6_mreq request{};
-  group.copyToBuffer(request.ipv6mr_multiaddr.s6_addr);
-  const int fd = descriptorOf(*this);
-  request.ipv6mr_interface = unsigned(interfaceIndexAt(fd, devName));
-  MOX_TRACE(trace, 1,
-            name() << ": " << (join ? "joining " : "leaving ") << group << " on " << devName);
-  if (request.ipv6mr_interface == 0 ||
-      setsockopt(fd, IPPROTO_IPV6, join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP, &request,
-                 sizeof request) != 0) {
-    const int error = errno;
-    MOX_TRACE(trace, 0, name() << ": multicast group change failed with " << error);
-    throw Mox::ErrnoException(error, "setsockopt(IPV6_JOIN_GROUP|IPV6_LEAVE_GROUP)");
-  }
+  changeMembership(*this, fd_.descriptor(), devName, group, join, IPPROTO_IPV6,
+                   join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP,
+                   "setsockopt(IPV6_JOIN_GROUP|IPV6_LEAVE_GROUP)", [&](U32 ifIndex) {
+                     ipv6_mreq request{};
+                     group.copyToBuffer(request.ipv6mr_multiaddr.s6_addr);
+                     request.ipv6mr_interface = ifIndex;
+                     return request;
+                   });
 }
 
 void UdpPam::handleV4McastGroup(const Mox::String8& devName, const IpAddr& group, bool join) {
-  ip_mreqn request{};
-  request.imr_multiaddr.s_addr = group.valueNbo();
-  const int fd = descriptorOf(*this);
-  request.imr_ifindex = interfaceIndexAt(fd, devName);
-  MOX_TRACE(trace, 1,
-            name() << ": " << (join ? "joining " : "leaving ") << group << " on " << devName);
-  if (request.imr_ifindex == 0 ||
-      setsockopt(fd, IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &request,
-                 sizeof request) != 0) {
-    const int error = errno;
-    MOX_TRACE(trace, 0, name() << ": multicast group change failed with " << error);
-    throw Mox::ErrnoException(error, "setsockopt(IP_ADD_MEMBERSHIP|IP_DROP_MEMBERSHIP)");
-  }
+  changeMembership(*this, fd_.descriptor(), devName, group, join, IPPROTO_IP,
+                   join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP,
+                   "setsockopt(IP_ADD_MEMBERSHIP|IP_DROP_MEMBERSHIP)", [&](U32 ifIndex) {
+                     ip_mreqn request{};
+                     request.imr_multiaddr.s_addr = group.valueNbo();
+                     request.imr_ifindex = int(ifIndex);
+                     return request;
+                   });
 }
 
 void UdpPam::incSockBufSize(U32 bytes) {
-  const int fd = descriptorOf(*this);
+  const int fd = fd_.descriptor();
   const int wanted = int(bytes);
   // Forcing passes the system-wide limit when the agent may; otherwise ask within it.
   for (auto [option, forced] :
        {std::pair{SO_RCVBUF, SO_RCVBUFFORCE}, {SO_SNDBUF, SO_SNDBUFFORCE}}) {
     int current = 0;
-    socklen_t length = sizeof current;
-    if (getsockopt(fd, SOL_SOCKET, option, &current, &length) == 0 && current >= wanted) continue;
-    if (setsockopt(fd, SOL_SOCKET, forced, &wanted, sizeof wanted) == 0 ||
-        setsockopt(fd, SOL_SOCKET, option, &wanted, sizeof wanted) == 0) {
+    if (getSocketOptionInteger(fd, SOL_SOCKET, option, &current) == 0 && current >= wanted) {
+      continue;
+    }
+    // The kernel doubles what it is given, so nothing is read back.
+    if (setSocketOptionInteger(fd, SOL_SOCKET, forced, wanted, false) == 0 ||
+        setSocketOptionInteger(fd, SOL_SOCKET, option, wanted, false) == 0) {
       continue;
     }
     MOX_TRACE(trace, 0, name() << ": Error increasing socket buffer size, errno: " << errno);

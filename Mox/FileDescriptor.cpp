@@ -21,8 +21,8 @@ constexpr U32 kWritableEvents = EPOLLOUT | EPOLLERR | EPOLLHUP;
 
 }  // namespace
 
-FileDescriptor::FileDescriptor(Name name, int descriptor)
-    : Entity(std::move(name)), manager_(ActivityManagerConfig::current()) {
+FileDescriptor::FileDescriptor(Name name, int descriptor, Closer closer)
+    : Entity(std::move(name)), manager_(ActivityManagerConfig::current()), closer_(closer) {
   if (descriptor != -1) descriptorIs(descriptor);
 }
 
@@ -50,6 +50,16 @@ void FileDescriptor::descriptorIs(int descriptor) {
     throw;
   }
   MOX_TRACE(trace, 5, name() << ": took over fd " << descriptor);
+}
+
+int FileDescriptor::release() noexcept {
+  const int descriptor = descriptor_;
+  if (descriptor < 0) return -1;
+  manager_->watchIs(*this, 0);  // removing never throws
+  MOX_TRACE(trace, 5, name() << ": released fd " << descriptor);
+  descriptor_ = -1;
+  nonBlocking_ = false;
+  return descriptor;
 }
 
 void FileDescriptor::notifyOnReadableIs(bool on) {
@@ -86,7 +96,7 @@ void FileDescriptor::watchUpdate() {
 void FileDescriptor::closeDescriptor() noexcept {
   if (descriptor_ < 0) return;
   manager_->watchIs(*this, 0);  // removing never throws
-  if (close(descriptor_) < 0) {
+  if (closer_(descriptor_) < 0) {
     MOX_TRACE(trace, 1, name() << ": close(" << descriptor_ << ") failed, errno " << errno);
   }
   MOX_TRACE(trace, 5, name() << ": closed fd " << descriptor_);

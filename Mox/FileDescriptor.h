@@ -1,6 +1,9 @@
 #pragma once
 // A descriptor owned by the runtime and watched by this thread's event loop. It is switched
-// to non-blocking when taken over and closed when the entity goes (or takes another one).
+// to non-blocking when taken over and closed when the entity goes (or takes another one),
+// through the closer its owner chose: close(2) by default, or a function that must not
+// block the loop (one that hands the descriptor to another thread). release() hands the
+// descriptor back open instead, so it always has exactly one owner that closes it.
 // Each time the loop sees it readable (writable) the readable (writable) count goes up by
 // one and notifiees hear onReadableCount() (onWritableCount()). Level-triggered (the
 // default), the count rises on every turn for as long as the descriptor stays ready;
@@ -17,6 +20,8 @@
 #include <Mox/Ptr.h>
 #include <Mox/Types.h>
 
+#include <unistd.h>
+
 namespace Mox {
 
 class ActivityManagerConfig;
@@ -24,9 +29,11 @@ class ActivityManagerConfig;
 class FileDescriptor : public Entity {
  public:
   class Notifiee;
+  // Closes a descriptor the way close(2) does (returns its result).
+  using Closer = int (*)(int descriptor);
 
-  // Takes `descriptor` over when it is not -1 (see descriptorIs).
-  explicit FileDescriptor(Name name, int descriptor = -1);
+  // Takes `descriptor` over when it is not -1 (see descriptorIs), to be closed by `closer`.
+  explicit FileDescriptor(Name name, int descriptor = -1, Closer closer = ::close);
   ~FileDescriptor() override;
 
   int descriptor() const noexcept { return descriptor_; }
@@ -34,6 +41,13 @@ class FileDescriptor : public Entity {
   // just closes. A failed set-up (fcntl, epoll_ctl) closes the new descriptor too and throws
   // Mox::ErrnoException naming the failed step.
   void descriptorIs(int descriptor);
+  // Stops watching the descriptor and returns it open (still non-blocking); the entity
+  // holds none afterwards. -1 when it held none.
+  int release() noexcept;
+
+  Closer closer() const noexcept { return closer_; }
+  // How every later close is done; set it before taking a descriptor over.
+  void closerIs(Closer closer) noexcept { closer_ = closer; }
   bool nonBlocking() const noexcept { return nonBlocking_; }
 
   bool notifyOnReadable() const noexcept { return notifyOnReadable_; }
@@ -59,6 +73,7 @@ class FileDescriptor : public Entity {
   void ready(U32 events);
 
   Ptr<ActivityManagerConfig> manager_;
+  Closer closer_;
   int descriptor_ = -1;
   U32 slot_ = kNoSlot;     // the loop's registry slot while watched
   U32 watchedEvents_ = 0;  // what epoll watches for now

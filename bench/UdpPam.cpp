@@ -5,6 +5,7 @@
 // information, TTL, TOS). BM_Ratio interleaves the two batch by batch and reports the
 // CPU time per echo of each and pam_per_s / bare_per_s as `ratio`; the goal is >= 0.9.
 
+#include <Korva/SocketUtils.h>
 #include <Korva/UdpPam.h>
 #include <Mox/Assert.h>
 
@@ -29,11 +30,8 @@ class EchoPair {
     server_->modeIs(Korva::UdpPam::Mode::server);
     client_ = socket(AF_INET, SOCK_DGRAM, 0);
     MOX_ASSERT(client_ >= 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(server_->rxPortLocal());
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    MOX_ASSERT(connect(client_, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0);
+    MOX_ASSERT(Korva::socketConnect(client_, Korva::IpAddr(127, 0, 0, 1), server_->rxPortLocal()) ==
+               0);
     std::memset(payload_, 'p', sizeof payload_);
   }
   ~EchoPair() { close(client_); }

@@ -9,3 +9,6 @@ foreach(source ${bench_sources})
   target_include_directories(bench_${name} PRIVATE ${CMAKE_SOURCE_DIR}/bench)
   list(APPEND KORVA_BENCH_TARGETS bench_${name})
 endforeach()
+# LMDB is the baseline of the shared-memory table benchmark only.
+find_library(LMDB_LIBRARY lmdb REQUIRED)
+target_link_libraries(bench_Cairn PRIVATE ${LMDB_LIBRARY})

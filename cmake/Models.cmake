@@ -1,8 +1,11 @@
-# Model files (*.mox) are compiled by tools/moxgen into C++ under the build tree.
-# models/Dir/Name.mox becomes ${KORVA_GEN_DIR}/Dir/Name.mox.h and .mox.cpp, included as
-# <Dir/Name.mox.h>. A model belongs to the library its `library` line names; without one,
+# Model files (*.mox) are compiled by tools/moxgen into C++ under the build tree, each
+# library into a folder of its own: models/Dir/Name.mox becomes Dir/Name.mox.h and
+# .mox.cpp under ${KORVA_GEN_DIR}/korva (libKorva) or ${KORVA_GEN_DIR}/mox (libMox), included
+# as <Dir/Name.mox.h>. A model belongs to the library its `library` line names; without one,
 # models/Mox/** belong to libMox and every other model to libKorva. The models of a test
-# binary live in tests/<Dir>/models/ and are generated into ${CMAKE_BINARY_DIR}/gen-tests/<Dir>.
+# binary live in tests/<Dir>/models/ and are generated into ${CMAKE_BINARY_DIR}/gen-tests/<Dir>;
+# the hand-written classes of those models are declared under tests/<Dir>/ (as
+# tests/Models/ModelTest/Handlers.h for tests/Models/models/ModelTest/Handlers.mox).
 # See tools/moxgen/README.md for the language.
 
 set(MOXGEN ${CMAKE_SOURCE_DIR}/tools/moxgen/moxgen)
@@ -44,6 +47,9 @@ function(korva_compile_models target root out_dir)
   endforeach()
 endfunction()
 
+# Compiles the models of one library (prefix MOX or KORVA) into its own generated folder,
+# puts that folder on the library's include path and installs its headers beside the
+# hand-written ones.
 function(korva_add_models target prefix)
   file(GLOB_RECURSE models CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/models/*.mox)
   set(mine "")
@@ -56,7 +62,15 @@ function(korva_add_models target prefix)
       list(APPEND mine ${model})
     endif()
   endforeach()
-  korva_compile_models(${target} ${CMAKE_SOURCE_DIR}/models ${KORVA_GEN_DIR} ${mine})
+  if(NOT mine)
+    return()
+  endif()
+  string(TOLOWER ${prefix} folder)
+  set(out_dir ${KORVA_GEN_DIR}/${folder})
+  korva_compile_models(${target} ${CMAKE_SOURCE_DIR}/models ${out_dir} ${mine})
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${out_dir}>)
+  install(DIRECTORY ${out_dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/korva
+    FILES_MATCHING PATTERN "*.h")
 endfunction()
 
 function(korva_add_test_models target dir)
@@ -67,5 +81,5 @@ function(korva_add_test_models target dir)
   get_filename_component(name ${dir} NAME)
   set(out_dir ${CMAKE_BINARY_DIR}/gen-tests/${name})
   korva_compile_models(${target} ${dir}/models ${out_dir} ${models})
-  target_include_directories(${target} PRIVATE ${out_dir})
+  target_include_directories(${target} PRIVATE ${out_dir} ${dir})
 endfunction()

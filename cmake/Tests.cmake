@@ -1,6 +1,8 @@
 # One GoogleTest binary per folder under tests/ (tests/Mox -> test_Mox), so a new suite
 # file needs no build edit. Files under tests/<Dir>/plugins/ are built as loadable
-# modules that the folder's tests find through KORVA_TEST_PLUGIN_DIR.
+# modules that the folder's tests find through KORVA_TEST_PLUGIN_DIR, and files under
+# tests/<Dir>/programs/ as programs the tests start as other processes, found through
+# KORVA_TEST_PROGRAM_DIR.
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
@@ -30,11 +32,24 @@ foreach(dir ${test_dirs})
       LIBRARY_OUTPUT_DIRECTORY ${plugin_dir} OUTPUT_NAME ${plugin_name} PREFIX "")
     add_dependencies(${target} ${name}_${plugin_name})
   endforeach()
+  file(GLOB programs CONFIGURE_DEPENDS ${dir}/programs/*.cpp)
+  set(program_dir ${CMAKE_BINARY_DIR}/test-programs/${name})
+  foreach(program ${programs})
+    get_filename_component(program_name ${program} NAME_WE)
+    add_executable(${name}_${program_name} ${program})
+    target_link_libraries(${name}_${program_name} PRIVATE Korva)
+    target_include_directories(${name}_${program_name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+    set_target_properties(${name}_${program_name} PROPERTIES
+      RUNTIME_OUTPUT_DIRECTORY ${program_dir} OUTPUT_NAME ${program_name})
+    add_dependencies(${target} ${name}_${program_name})
+  endforeach()
   target_compile_definitions(${target} PRIVATE
+    KORVA_TEST_PROGRAM_DIR="${program_dir}"
     KORVA_TEST_PLUGIN_DIR="${plugin_dir}"
     KORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
     KORVA_BINARY_DIR="${CMAKE_BINARY_DIR}")
-  gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  # Each case takes well under a second; a hung one fails in seconds.
+  gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 20)
 endforeach()
 
 include(cmake/ToolTests.cmake OPTIONAL)

@@ -2,4 +2,4 @@
 add_test(NAME moxgen_golden
   COMMAND ${Python3_EXECUTABLE} -m unittest discover -s ${CMAKE_SOURCE_DIR}/tools/moxgen/tests
   WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}/tools/moxgen/tests)
-set_tests_properties(moxgen_golden PROPERTIES TIMEOUT 60)
+set_tests_properties(moxgen_golden PROPERTIES TIMEOUT 30)

@@ -4,74 +4,26 @@
 // removed again, also when a step fails.
 
 #include "Command.h"
+#include "DemoNs.h"
 
-#include <Korva/NetnsUtils.h>
 #include <Korva/UdpPam.h>
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
 
-#include <linux/capability.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
-#include <vector>
 
 namespace {
 
 using Korva::UdpPam;
+using KorvaTool::ThrowawayNs;
 using Mox::Ptr;
 
 constexpr Mox::U16 kServerPort = 7000;
 constexpr double kTimeoutSeconds = 5.0;
-
-bool hasCapability(int capability) {
-  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct data[2] = {};
-  if (syscall(SYS_capget, &header, data) != 0) return false;
-  return data[capability / 32].effective & (1u << (capability % 32));
-}
-
-// A named namespace that is deleted, with the links in it, when this goes.
-class ThrowawayNs {
- public:
-  explicit ThrowawayNs(const std::string& role)
-      : name_("korva-demo-" + role + "-" + std::to_string(getpid())) {
-    created_ = Korva::netNsAdd(name_) == 0;
-  }
-  ~ThrowawayNs() {
-    if (created_) Korva::netNsDelete(name_);
-  }
-  ThrowawayNs(const ThrowawayNs&) = delete;
-  ThrowawayNs& operator=(const ThrowawayNs&) = delete;
-
-  bool created() const { return created_; }
-  const std::string& name() const { return name_; }
-  // Runs `ip -n <ns> <command>`; says which command failed.
-  bool ip(const std::string& command) const {
-    const std::string line = "ip -n " + name_ + " " + command;
-    if (std::system((line + " >/dev/null 2>&1").c_str()) == 0) return true;
-    std::printf("  failed: %s\n", line.c_str());
-    return false;
-  }
-
- private:
-  std::string name_;
-  bool created_ = false;
-};
-
-// Addresses one veth end, host 1 or 2 of 10.99.0.0/24 and fd99::/64. `nodad` makes the
-// IPv6 address usable at once instead of after duplicate detection.
-bool configureEnd(const ThrowawayNs& ns, const std::string& link, int host) {
-  const std::string h = std::to_string(host);
-  return ns.ip("addr add 10.99.0." + h + "/24 dev " + link) &&
-         ns.ip("addr add fd99::" + h + "/64 dev " + link + " nodad") &&
-         ns.ip("link set " + link + " up") && ns.ip("link set lo up");
-}
 
 // The name of an interface index in the namespace of the Pam's socket.
 std::string interfaceName(const UdpPam& pam, Mox::U32 index) {
@@ -163,28 +115,10 @@ bool exchange(const ThrowawayNs& serverNs, const ThrowawayNs& clientNs, bool v6)
 }
 
 int runUdpDemo() {
-  struct Need {
-    int capability;
-    const char* name;
-    const char* purpose;
-  };
-  for (const Need& need : {Need{CAP_SYS_ADMIN, "CAP_SYS_ADMIN", "create network namespaces"},
-                           Need{CAP_NET_ADMIN, "CAP_NET_ADMIN", "create veth links"}}) {
-    if (!hasCapability(need.capability)) {
-      std::printf("  missing capability %s (needed to %s); run as root\n", need.name, need.purpose);
-      return 1;
-    }
-  }
+  if (!KorvaTool::demoCapabilitiesPresent()) return 1;
   const ThrowawayNs serverNs("server");
   const ThrowawayNs clientNs("client");
-  if (!serverNs.created() || !clientNs.created()) {
-    std::printf("  could not create the namespaces\n");
-    return 1;
-  }
-  if (!serverNs.ip("link add kd0 type veth peer name kd1 netns " + clientNs.name()) ||
-      !configureEnd(serverNs, "kd0", 1) || !configureEnd(clientNs, "kd1", 2)) {
-    return 1;
-  }
+  if (!KorvaTool::joinByVeth(serverNs, clientNs)) return 1;
   std::printf("  namespaces %s (kd0: 10.99.0.1, fd99::1) and %s (kd1: 10.99.0.2, fd99::2)\n",
               serverNs.name().c_str(), clientNs.name().c_str());
   try {

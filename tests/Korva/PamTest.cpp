@@ -20,20 +20,17 @@ using Mox::Ptr;
 class SocketTestPam : public Korva::Pam {
  public:
   explicit SocketTestPam(int fd) : Pam("socketTestPam") {
-    fileDesc = Mox::make<Mox::FileDescriptor>("socketTestPam", fd);
-    fdSm = Korva::PamFdSmIs(Mox::ActivityConfig::current(), fileDesc, this);
+    pamFd.fileDescIs(Mox::make<Mox::FileDescriptor>("socketTestPam", fd), this);
   }
-  ~SocketTestPam() override { fdSm = nullptr; }
   void doGetRxPkt() override {
     Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
     char buffer[256];
-    ssize_t n = recv(fileDesc->descriptor(), buffer, sizeof buffer, 0);
+    ssize_t n = recv(pamFd.descriptor(), buffer, sizeof buffer, 0);
     if (n <= 0) return;
     pkt->stringValueIs(std::string(buffer, static_cast<size_t>(n)));
     rxPktHolderIs(pkt);
   }
-  Ptr<Mox::FileDescriptor> fileDesc;
-  Ptr<Korva::PamFdSm> fdSm;
+  Korva::PamFd pamFd;
 };
 
 // Records every hook of a Pam in order.
@@ -121,7 +118,7 @@ TEST(PamFdSm, ReadinessBecomesCountsAndAReactorReadsPackets) {
 
   // Without its reactor the Pam hears nothing more from the descriptor.
   const Mox::U32 before = pam->readableCount();
-  pam->fdSm->fileDescDel();
+  pam->pamFd.fdSm()->fileDescDel();
   ASSERT_EQ(send(pair[1], "three", 5, 0), 5);
   Mox::runOnce();
   EXPECT_EQ(pam->readableCount(), before);

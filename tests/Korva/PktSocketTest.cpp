@@ -28,12 +28,12 @@ using testing::internal::GetCapturedStderr;
 
 // --- Protocol: text ---
 
-TEST(ProtocolText, EverySixteenBitValueRoundTrips) {
-  for (U32 number = 0; number <= 0xFFFF; ++number) {
-    const Protocol printed{U16(number)};
+TEST(ProtocolText, BoundariesRoundTrip) {
+  for (U16 number : {0, 1, 9, 10, 0x0800, 0xFFFE, 0xFFFF}) {
+    const Protocol printed{number};
     Protocol read;
     read.stringValueIs(valueToStrep(printed));
-    ASSERT_EQ(read, printed) << number;
+    EXPECT_EQ(read, printed) << number;
   }
   EXPECT_EQ(valueToStrep(Protocol(Protocol::any)), "65535");
   EXPECT_TRUE(Protocol(65535).isAny());

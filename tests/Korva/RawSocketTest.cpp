@@ -1,4 +1,5 @@
 #include <Korva/RawSocket.h>
+#include <Korva/deferClose.h>
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
 
@@ -190,6 +191,11 @@ TEST_F(EthSocketTest, ReceivesAnIpv4FrameArrivingOnItsDevice) {
     auto pkt = sock->recvPkt(&from);
     ASSERT_TRUE(pkt);
     EXPECT_EQ(pkt->stringValue(), frame);
+
+    // The packet socket closes on the closer thread, never on the loop's.
+    const Mox::U32 queued = Korva::deferCloseStats().enqueued;
+    sock = nullptr;
+    EXPECT_EQ(Korva::deferCloseStats().enqueued, queued + 1);
   });
 }
 

@@ -28,6 +28,16 @@ using Korva::UdpPam;
 using Mox::Ptr;
 using Mode = UdpPam::Mode;
 
+// Socket set-up is the Pam's own business: agents change modes, they never run the steps.
+// (clang-format cannot lay out a disjunction of requires-expressions yet.)
+// clang-format off
+template <class Pam>
+constexpr bool kSetUpStepsArePublic = requires(Pam& pam) { pam.doNewSocket(); } ||
+                                      requires(Pam& pam) { pam.doBind(); } ||
+                                      requires(Pam& pam) { pam.noteLocalPort(); };
+// clang-format on
+static_assert(!kSetUpStepsArePublic<UdpPam>);
+
 Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
   Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
   pkt->stringValueIs(bytes);
@@ -159,6 +169,7 @@ TEST_P(UdpPamFamilyTest, ClientAndServerExchangeAcrossTheVethPair) {
   Ptr<UdpPam> client = newPam("client", right(), v6());
   destinationIs(*client, 1);
   client->txPortIs(4789);
+  client->txTosIs(Korva::IpDscp(0xb8));
   client->modeIs(Mode::client);
   EXPECT_FALSE(client->socketConnected()) << "a client connects on its first send";
   Receiver atServer(server.get());
@@ -174,6 +185,7 @@ TEST_P(UdpPamFamilyTest, ClientAndServerExchangeAcrossTheVethPair) {
   EXPECT_EQ(destination(*server), address(1));
   EXPECT_EQ(server->rxIfIndex(), leftIndex_);
   EXPECT_EQ(server->rxTTL(), 64) << "the sender's default TTL or hop limit";
+  EXPECT_EQ(server->rxTOS(), 0xb8) << "the sender's TOS or traffic class";
 
   // The server answers whoever spoke last, as a responder does.
   if (v6()) {
@@ -191,6 +203,7 @@ TEST_P(UdpPamFamilyTest, ClientAndServerExchangeAcrossTheVethPair) {
   EXPECT_EQ(client->rxSrcPort(), 4789);
   EXPECT_EQ(destination(*client), address(2));
   EXPECT_EQ(client->rxIfIndex(), rightIndex_);
+  EXPECT_EQ(client->rxTOS(), 0);
 
   EXPECT_EQ(client->txPkts(), 1u);
   EXPECT_EQ(server->txPkts(), 2u);
@@ -351,6 +364,21 @@ TEST_F(UdpPamLoopbackTest, RefusedSendsStillCountAndNoErrorIsCounted) {
   EXPECT_TRUE(capture.contains("sendmsg failed with " + std::to_string(ECONNREFUSED)));
   EXPECT_EQ(pam->txPkts(), 2u);
   EXPECT_EQ(pam->txErrors(), 0u);
+}
+
+TEST_F(UdpPamLoopbackTest, ClientRefusesANonUnicastPeer) {
+  for (const char* peer : {"224.0.0.1", "255.255.255.255"}) {
+    Ptr<UdpPam> pam = client(peer, 4797);
+    pam->txDstIpAddrIs(IpAddr(peer));
+    pam->txPktIs(packetOf("x"));
+    EXPECT_FALSE(pam->socketConnected()) << peer;
+    sockaddr_in local{};
+    socklen_t length = sizeof local;
+    getsockname(pam->fileDesc()->descriptor(), reinterpret_cast<sockaddr*>(&local), &length);
+    EXPECT_EQ(local.sin_port, 0) << peer << ": a send or connect would have bound a port";
+    EXPECT_EQ(pam->txPkts(), 0u) << peer;
+    EXPECT_EQ(pam->txErrors(), 0u) << peer;
+  }
 }
 
 TEST_F(UdpPamLoopbackTest, TruncatedDatagramsAreDropped) {

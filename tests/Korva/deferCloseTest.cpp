@@ -1,13 +1,18 @@
 #include <Korva/deferClose.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -87,8 +92,10 @@ TEST(DeferClose, FullRingClosesInline) {
   LingeringConnection blocker;
   ASSERT_EQ(Korva::deferClose(blocker.client), 0);  // the closer is now stuck in close()
 
+  // Bounded: a ring that never reports full fails here instead of looping.
   std::vector<int> queued;
   while (stats.enqueued.load() - stats.closed.load() < Korva::DeferCloseStats::ringSize) {
+    ASSERT_LT(queued.size(), Korva::DeferCloseStats::ringSize) << "the ring never filled";
     int fd = open("/dev/null", O_RDONLY);
     ASSERT_GE(fd, 0);
     queued.push_back(fd);
@@ -106,6 +113,33 @@ TEST(DeferClose, FullRingClosesInline) {
   blocker.releaseClient();
   ASSERT_TRUE(closerDrained());
   for (int fd : queued) EXPECT_FALSE(isOpen(fd));
+}
+
+// The blocked-signal mask of every thread of this process, as the kernel reports it.
+std::vector<unsigned long long> threadSignalMasks() {
+  std::vector<unsigned long long> masks;
+  DIR* tasks = opendir("/proc/self/task");
+  while (dirent* task = readdir(tasks)) {
+    if (task->d_name[0] == '.') continue;
+    std::ifstream status(std::string("/proc/self/task/") + task->d_name + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("SigBlk:")) masks.push_back(std::stoull(line.substr(7), nullptr, 16));
+    }
+  }
+  closedir(tasks);
+  return masks;
+}
+
+TEST(DeferClose, CloserThreadTakesOnlyItsOwnFaults) {
+  ASSERT_EQ(Korva::deferClose(open("/dev/null", O_RDONLY)), 0);
+  ASSERT_TRUE(closerDrained());
+  unsigned long long expected = ~0ull;
+  // The kernel never blocks KILL and STOP; glibc keeps its own two (32 and 33) unblocked.
+  for (int signal : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGKILL, SIGSTOP, 32, 33}) {
+    expected &= ~(1ull << (signal - 1));
+  }
+  const std::vector<unsigned long long> masks = threadSignalMasks();
+  EXPECT_EQ(std::count(masks.begin(), masks.end(), expected), 1) << std::hex << expected;
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 // Attributes with a handler: the entity's own member runs after each real change, before
 // the notifiees' hooks, and a handler that throws keeps the hooks from running.
 
-#include <ModelTest/Handlers.mox.h>
+#include <ModelTest/Handlers.h>
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace ModelTest {
@@ -16,6 +18,16 @@ void Switch::handleState() {
 }
 
 namespace {
+
+// The generated base serves the hand-written class: its factory makes a Switch, its
+// notifiees watch a Switch, and the handler stays out of the public API.
+template <class Entity>
+concept HandlerIsPublic = requires(Entity& entity) {
+  entity.handleState();
+};
+static_assert(!HandlerIsPublic<Switch>);
+static_assert(std::is_same_v<decltype(switchFactory("")), Mox::Ptr<Switch>>);
+static_assert(std::is_same_v<decltype(std::declval<Switch::Notifiee&>().notifier()), Switch*>);
 
 struct Recorder : Switch::Notifiee {
   explicit Recorder(Switch* entity) { notifierIs(entity); }

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "BoundedRun.h"
+
 namespace {
 
 using Mox::Clock;
@@ -29,7 +31,7 @@ struct Watcher : Clock::Notifiee {
 class ClockTest : public ::testing::Test {
  protected:
   bool runUntilFired(size_t count, double timeout) {
-    return Mox::runUntil([&] { return watcher_.times.size() >= count; }, timeout);
+    return runUntilBounded([&] { return watcher_.times.size() >= count; }, timeout);
   }
 
   Mox::VirtualTime time_;
@@ -89,7 +91,7 @@ TEST_F(ClockTest, ClocksFireInDeadlineOrderAtTheirOwnTimes) {
     };
     clock->minimumTimeIs(Mox::now() + offset);
   }
-  EXPECT_FALSE(Mox::runUntil([&] { return order.size() > 4; }, 10.0));
+  EXPECT_FALSE(runUntilBounded([&] { return order.size() > 4; }, 10.0));
   EXPECT_EQ(order, (std::vector<std::string>{"clock1@1", "clock3@1", "clock2@2", "clock0@3"}));
 }
 

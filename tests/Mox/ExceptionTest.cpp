@@ -7,15 +7,6 @@
 
 namespace {
 
-TEST(Exception, WhatIsTheExactTextAndTheFamilyCatchesIt) {
-  try {
-    throw Mox::RangeException("Invalid IntfId <Ethernet1/>");
-  } catch (const Mox::Exception& e) {
-    EXPECT_STREQ(e.what(), "Invalid IntfId <Ethernet1/>");
-  }
-  EXPECT_THROW(throw Mox::MemoryLimitExceededException("table full"), std::exception);
-}
-
 TEST(ErrnoException, KeepsErrnoAndNamesTheStep) {
   const Mox::ErrnoException e(EPERM, "setsockopt(IP_HDRINCL)");
   EXPECT_EQ(e.errorNumber(), EPERM);

@@ -16,6 +16,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -122,6 +123,37 @@ TEST_F(FileDescriptorTest, RefusedDescriptorThrowsNamingTheStep) {
   EXPECT_FALSE(isOpen(file));
 }
 
+// Every close goes through the owner's closer, once per descriptor: a replaced one, a
+// refused one and the last one when the entity goes; a released descriptor stays open and
+// unwatched, and the entity no longer closes it.
+TEST_F(FileDescriptorTest, ClosesThroughItsCloserAndReleasesOpen) {
+  static std::vector<int> closed;
+  closed.clear();
+  const FileDescriptor::Closer recording = [](int descriptor) {
+    closed.push_back(descriptor);
+    return close(descriptor);
+  };
+  const int first = pipe_[0], second = pipe_[1];
+  pipe_[0] = pipe_[1] = -1;
+  auto fd = Mox::make<FileDescriptor>("closer", first, recording);
+  fd->descriptorIs(second);
+  EXPECT_EQ(closed, std::vector<int>{first});
+  EXPECT_GE(kernelWatchedEvents(second), 0);
+  EXPECT_EQ(fd->release(), second);
+  EXPECT_EQ(fd->descriptor(), -1);
+  EXPECT_EQ(kernelWatchedEvents(second), -1);
+  EXPECT_EQ(fd->release(), -1);
+  const int refused = memfd_create("korva-fd-test", MFD_CLOEXEC);
+  EXPECT_THROW(fd->descriptorIs(refused), Mox::ErrnoException);
+  fd->descriptorIs(dup(second));
+  const int last = fd->descriptor();
+  fd = nullptr;
+  EXPECT_EQ(closed, (std::vector<int>{first, refused, last}));
+  EXPECT_TRUE(isOpen(second));
+  EXPECT_TRUE(fcntl(second, F_GETFL) & O_NONBLOCK) << "released as it was held";
+  close(second);
+}
+
 // --- readiness ---
 
 TEST_F(FileDescriptorTest, LevelCountsEveryTurnUntilReadEdgeOncePerArrival) {
@@ -210,16 +242,6 @@ TEST_F(FileDescriptorTest, HangUpIsReportedAsReadable) {
   EXPECT_EQ(fd->readableCount(), 1u);
   char byte;
   EXPECT_EQ(read(fd->descriptor(), &byte, 1), 0);
-}
-
-TEST_F(FileDescriptorTest, ReadinessIsTracedAtLevelNine) {
-  Mox::TraceCapture capture;
-  Mox::traceConfigIs("FileDescriptor/9");
-  auto fd = readEnd();
-  writeByte();
-  turns(2);
-  Mox::traceConfigIs("");
-  EXPECT_TRUE(capture.contains("pipe: readable #2"));
 }
 
 // --- notifiees ---

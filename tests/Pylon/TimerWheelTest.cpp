@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "BoundedRun.h"
+
 namespace {
 
 using Mox::kNever;
@@ -38,7 +40,7 @@ class TimerWheelTest : public ::testing::Test {
     return std::make_unique<LoggingTimer>(wheel_, id, log_);
   }
   bool runUntilLogHas(size_t count, double timeout = 3600.0) {
-    return Mox::runUntil([&] { return log_.size() >= count; }, timeout);
+    return runUntilBounded([&] { return log_.size() >= count; }, timeout);
   }
   double at(double offset) const { return time_.start() + offset; }
 

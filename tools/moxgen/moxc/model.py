@@ -120,8 +120,14 @@ class EntityDef:
     base_args: Optional[str] = None
     factory: Optional[str] = None
     attrs: List[Attr] = field(default_factory=list)
-    methods: List[str] = field(default_factory=list)
     enums: List[EnumDef] = field(default_factory=list)
+    # The class is written by hand on the generated `NameBase`, which holds the data.
+    handwritten: bool = False
+
+    @property
+    def cls(self):
+        """The class the model generates."""
+        return f"{self.name}Base" if self.handwritten else self.name
 
 
 @dataclass
@@ -252,10 +258,12 @@ class Parser:
         return value
 
     def entity(self, number, rest, doc):
-        m = re.fullmatch(rf"({IDENT})\s*\(([^)]*)\)(?:\s*:\s*({QUALIFIED})(?:\((.*)\))?)?", rest)
+        m = re.fullmatch(rf"({IDENT})\s*\(([^)]*)\)(?:\s*:\s*({QUALIFIED})(?:\((.*)\))?)?"
+                         r"(\s+handwritten)?", rest)
         if not m:
-            self.error(number, "expected: entity Name(arg : Type, ...) [: Base[(args)]]")
-        entity = EntityDef(m.group(1), number, doc)
+            self.error(number, "expected: entity Name(arg : Type, ...) [: Base[(args)]] "
+                       "[handwritten]")
+        entity = EntityDef(m.group(1), number, doc, handwritten=bool(m.group(5)))
         for text in filter(None, (a.strip() for a in m.group(2).split(","))):
             am = re.fullmatch(rf"({IDENT})\s*:\s*(\S+)(.*)", text)
             if not am:
@@ -288,13 +296,14 @@ class Parser:
             nested = self.enum(number, line[len("enum "):].strip(), doc)
             if self.model.find(nested.name):
                 self.error(number, f"'{nested.name}' defined twice")
-            nested.owner = definition.name
+            nested.owner = definition.cls if isinstance(definition, EntityDef) else definition.name
             definition.enums.append(nested)
             self.nested = (definition, indent)
             self.current = nested
         elif line.startswith("method "):
-            if isinstance(definition, EnumDef):
-                self.error(number, "enums have no methods")
+            if not isinstance(definition, ValueDef):
+                self.error(number, "only values have methods: behaviour of an entity goes in "
+                           "its hand-written class")
             definition.methods.append(line[len("method "):].strip())
         elif isinstance(definition, EnumDef):
             self.enum_entry(number, line)
@@ -316,6 +325,9 @@ class Parser:
             if isinstance(definition, EntityDef) and any(a.name == attr.name
                                                          for a in definition.args):
                 self.error(number, f"'{attr.name}' is already a constructor argument")
+            if attr.handler and not getattr(definition, "handwritten", False):
+                self.error(number, "handlers belong to hand-written entities: add "
+                           "'handwritten' to the entity line")
             definition.attrs.append(attr)
 
     def bit(self, number, line, doc):
@@ -402,8 +414,13 @@ class Parser:
             if not e.entries:
                 self.error(e.line, f"enum '{e.name}' has no values")
         for t in self.model.types:
-            if isinstance(t, EntityDef) and t.base != "Mox::Entity" and t.base_args is None:
-                base = self.model.find(t.base)
+            if not isinstance(t, EntityDef):
+                continue
+            base = self.model.find(t.base)
+            if isinstance(base, EntityDef) and base.handwritten:
+                self.error(t.line, f"base '{t.base}' is hand-written: derive from it in "
+                           "another model")
+            if t.base != "Mox::Entity" and t.base_args is None:
                 if not isinstance(base, EntityDef):
                     self.error(t.line, f"base '{t.base}' is not in this model: give its "
                                "constructor arguments, as in ': Base(name)'")

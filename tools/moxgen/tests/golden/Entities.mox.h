@@ -118,15 +118,6 @@ class Status : public Mox::Entity {
   // Runs the onLeaf(key) hooks without a change.
   void leafNotify(const Mox::Name& key) const;
 
-  // Acted on by the entity itself before its notifiees hear of it.
-  Mox::U8 mode() const { return mode_; }
-  virtual void modeIs(Mox::U8 mode);
-  // Back to the default value.
-  virtual void modeDel();
-
-  U32 total() const;
-  virtual void handleMode();
-
  protected:
   explicit Status(const Mox::Name& name);
 
@@ -142,7 +133,6 @@ class Status : public Mox::Entity {
   std::map<Mox::U32, Values::Part> pending_;
   PendingMetadata pendingMetadata_;
   std::map<Mox::Name, Mox::Ptr<Leaf>> leaf_;
-  Mox::U8 mode_{};
 };
 
 // Watches one Status; each hook runs after a real change of its attribute.
@@ -162,7 +152,6 @@ class Status::Notifiee : public Mox::Entity::NotifieeBase {
   virtual void onSaved(Mox::U16) {}
   virtual void onPending(Mox::U32) {}
   virtual void onLeaf(const Mox::Name&) {}
-  virtual void onMode() {}
 
  protected:
   Notifiee() = default;
@@ -233,5 +222,70 @@ class Bare::Notifiee : public Status::Notifiee {
  protected:
   Notifiee() = default;
 };
+
+class Machine;
+
+// A machine that acts on changes of its own mode and speed.
+// The data of Machine; Machine itself, with its behaviour, is written by hand in
+// <Golden/Entities.h>.
+class MachineBase : public Status {
+ public:
+  class Notifiee;
+
+  enum class State : Mox::U8 {
+    idle = 0,
+    running = 1,
+  };
+
+  MachineBase::State state() const { return state_; }
+  void stateIs(MachineBase::State state);
+  // Back to the default value.
+  void stateDel();
+
+  // Acted on by the machine itself before its notifiees hear of it.
+  Mox::U8 mode() const { return mode_; }
+  virtual void modeIs(Mox::U8 mode);
+  // Back to the default value.
+  virtual void modeDel();
+
+  Mox::U16 speed() const { return speed_; }
+  virtual void speedIs(Mox::U16 speed);
+  // Back to the default value.
+  virtual void speedDel();
+
+ protected:
+  explicit MachineBase(const Mox::Name& name);
+
+  // Run after a real change of their attribute, before the hooks; Machine defines them.
+  virtual void handleMode() = 0;
+  virtual void handleSpeed() = 0;
+
+ private:
+  MachineBase::State state_{};
+  Mox::U8 mode_{};
+  Mox::U16 speed_{};
+};
+
+// Watches one Machine; each hook runs after a real change of its attribute.
+class MachineBase::Notifiee : public Status::Notifiee {
+ public:
+  Machine* notifier() const;
+  // Starts watching `notifier` (nullptr: none), leaving the one watched before.
+  void notifierIs(Machine* notifier);
+
+  virtual void onState() {}
+  virtual void onMode() {}
+  virtual void onSpeed() {}
+
+ protected:
+  Notifiee() = default;
+};
+
+// Makes a Machine; Machine befriends it.
+Mox::Ptr<Machine> machineFactory(const Mox::Name& name);
+
+std::string valueToStrep(MachineBase::State value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, MachineBase::State* value);
+std::ostream& operator<<(std::ostream& os, MachineBase::State value);
 
 }  // namespace Golden

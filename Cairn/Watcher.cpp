@@ -1,0 +1,86 @@
+#include <Cairn/Watcher.h>
+
+#include <unordered_set>
+#include <vector>
+
+namespace Cairn {
+
+class WatcherCore::Wakeup : public Mox::FileDescriptor::Notifiee {
+ public:
+  explicit Wakeup(WatcherCore& watcher) : watcher_(watcher) {}
+  void onReadableCount() override { watcher_.sync(); }
+
+ private:
+  WatcherCore& watcher_;
+};
+
+WatcherCore::WatcherCore(const std::string& name, const TableShape& shape, const Access& access)
+    : Mox::Entity(name), reader_(name, shape), receiver_(name, access) {
+  fd_ = Mox::make<Mox::FileDescriptor>(name + " wake-up", receiver_.releaseDescriptor());
+  wakeup_ = std::make_unique<Wakeup>(*this);
+  wakeup_->notifierIs(fd_);
+  // The first turn walks the table, after the program has attached its notifiees.
+  receiver_.poke(fd_->descriptor());
+}
+
+WatcherCore::~WatcherCore() = default;
+
+const void* WatcherCore::seen(const void* key) const {
+  const auto found =
+      seen_.find(std::string(static_cast<const char*>(key), reader_.shape().keySize));
+  return found == seen_.end() ? nullptr : found->second.data();
+}
+
+void WatcherCore::sync() {
+  Mox::Ptr<WatcherCore> keepAlive(this);
+  receiver_.acknowledge(fd_->descriptor());
+  std::vector<U8> keys;
+  if (!walked_ || !reader_.changesSince(cursor_, keys)) {
+    // The cursor has moved to the ring's head: changes from here on come by the ring.
+    resyncs_ += walked_;
+    walked_ = true;
+    return walk();
+  }
+  const size_t keySize = reader_.shape().keySize;
+  std::unordered_set<std::string> done;
+  for (size_t offset = 0; offset < keys.size(); offset += keySize) {
+    std::string key(reinterpret_cast<const char*>(&keys[offset]), keySize);
+    if (done.insert(key).second) examine(key);
+  }
+}
+
+void WatcherCore::examine(const std::string& key) {
+  std::string value(reader_.shape().valueSize, '\0');
+  const bool present = reader_.find(key.data(), value.data());
+  report(key, present ? &value : nullptr);
+}
+
+void WatcherCore::walk() {
+  cursor_ = reader_.changeCount();
+  std::unordered_map<std::string, std::string> now;
+  const TableShape& shape = reader_.shape();
+  reader_.forEach([&](const void* key, const void* value) {
+    now.emplace(std::string(static_cast<const char*>(key), shape.keySize),
+                std::string(static_cast<const char*>(value), shape.valueSize));
+  });
+  std::vector<std::string> gone;
+  for (const auto& [key, value] : seen_) {
+    if (!now.count(key)) gone.push_back(key);
+  }
+  for (const std::string& key : gone) report(key, nullptr);
+  for (const auto& [key, value] : now) report(key, &value);
+}
+
+void WatcherCore::report(const std::string& key, const std::string* value) {
+  const auto found = seen_.find(key);
+  if (!value) {
+    if (found == seen_.end()) return;
+    seen_.erase(found);
+    return onChange(key.data(), nullptr);
+  }
+  if (found != seen_.end() && found->second == *value) return;
+  seen_[key] = *value;
+  onChange(key.data(), value->data());
+}
+
+}  // namespace Cairn

@@ -1,0 +1,259 @@
+#include <Korva/PamMuxDemux.h>
+#include <Mox/Activity.h>
+#include <Mox/Assert.h>
+#include <Mox/Trace.h>
+
+namespace Korva {
+
+namespace {
+
+Mox::TraceHandle trace("PamMuxDemux");
+
+// The most one source is read in one go before the loop gets a turn. Checked after every
+// packet, so on the coarse clock: a millisecond's resolution is plenty for a second, and the
+// fine clock would cost as much as the rest of the demultiplexing.
+constexpr double kBurstBudgetSeconds = 1.0;
+
+bool budgetUsedUp(double start) {
+  return Mox::coarseNow() - start > kBurstBudgetSeconds;
+}
+
+// Copies the packet's bytes into one buffer of its own, keeping its separate VLAN tag.
+void flatten(Pkt& pkt) {
+  const bool tagged = pkt.separateVlanTagPresent();
+  const U16 tci = pkt.separateVlanTci();
+  const U16 tpid = pkt.separateVlanTpid();
+  pkt.stringValueIs(pkt.stringValue());
+  if (tagged) pkt.newSeparateVlanTag(tci, tpid);
+}
+
+}  // namespace
+
+PamMuxDemux::MoxOnePam::MoxOnePam(PamMuxDemux* owner, Pam* pam) : owner_(owner) {
+  notifierIs(pam);
+}
+
+void PamMuxDemux::MoxOnePam::onReadableCount() {
+  owner_->handleReadableOne();
+}
+
+PamMuxDemux::MoxManyPamSm::MoxManyPamSm(PamMuxDemux* owner, Pam* pam, U32 key)
+    : owner_(owner), key_(key) {
+  notifierIs(pam);
+}
+
+void PamMuxDemux::MoxManyPamSm::onReadableCount() {
+  handleReadableMany();
+}
+
+void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
+  PamMuxDemux* me = owner_;
+  if (me->mode() == Mode::demux) return;
+  MOX_ASSERT(me->onePam());
+  Pam& source = *pam();
+  Pam& dest = *me->onePam();
+  const double start = Mox::coarseNow();
+  while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
+    MOX_TRACE(
+        trace, 8,
+        "Pkt from many source " << key_ << " (" << source.name() << "). Size: " << pkt->bytes());
+    if (me->mode() == Mode::disabled) {
+      MOX_TRACE(trace, 7,
+                "Discarding Pkt to single dest " << dest.name() << " since mode is disabled.");
+    } else if (me->filterManyPamInboundPacket(pkt, key_)) {
+      MOX_TRACE(trace, 7, " Pkt is filtered out. Discarding " << source.name());
+    } else {
+      me->doEncapsulate(pkt, key_);
+      MOX_TRACE(trace, 8, "Pkt to single dest " << dest.name() << ". Size: " << pkt->bytes());
+      dest.txPktIs(pkt);
+    }
+    if (budgetUsedUp(start)) {
+      MOX_TRACE(trace, 5, "Packet processing exceeds 1 second. Reschedule.");
+      me->defer(key_);
+      return;
+    }
+  }
+}
+
+PamMuxDemux::MoxClock::MoxClock(PamMuxDemux* owner, const Mox::Ptr<Mox::Clock>& clock)
+    : owner_(owner) {
+  notifierIs(clock);
+}
+
+void PamMuxDemux::MoxClock::onTime() {
+  owner_->handleTime();
+}
+
+PamMuxDemux::PamMuxDemux(Mox::Ptr<Pam> onePam) {
+  onePamIs(onePam);
+  handleInitialized();
+}
+
+PamMuxDemux::~PamMuxDemux() = default;
+
+void PamMuxDemux::handleInitialized() {
+  MOX_TRACE(trace, 9, "void Korva::PamMuxDemux::handleInitialized()");
+  clockIs(Mox::ActivityManagerConfig::current()->clock());
+  initialized_ = true;
+}
+
+Mox::Ptr<Pam> PamMuxDemux::manyPam(U32 key) const {
+  auto entry = manyPam_.find(key);
+  return entry == manyPam_.end() ? Mox::Ptr<Pam>() : entry->second;
+}
+
+PamMuxDemux::MoxManyPamSm* PamMuxDemux::manyPamSm(U32 key) const {
+  auto entry = manyPamSm_.find(key);
+  return entry == manyPamSm_.end() ? nullptr : entry->second.get();
+}
+
+void PamMuxDemux::doEncapsulate(const Mox::Ptr<Pkt>&, U32) {}
+
+bool PamMuxDemux::filterManyPamInboundPacket(const Mox::Ptr<Pkt>&, U32) {
+  return false;
+}
+
+U32 PamMuxDemux::decapsulate(const Mox::Ptr<Pkt>&) {
+  MOX_ASSERT_TEXT(false, "0 && \"Need to implement decapsulate in a derived class\"");
+  return kInvalidKey;
+}
+
+void PamMuxDemux::manyPamIs(U32 key, const Mox::Ptr<Pam>& pam) {
+  if (!pam) return manyPamDel(key);
+  manyPam_[key] = pam;
+}
+
+void PamMuxDemux::manyPamDel(U32 key) {
+  manyPam_.erase(key);
+}
+
+void PamMuxDemux::manyPamSmIs(U32 key, const Mox::Ptr<Pam>& pam) {
+  if (!pam) return manyPamSmDel(key);
+  MoxManyPamSm* present = manyPamSm(key);
+  if (present && present->pam() == pam.get()) return;
+  manyPamSm_[key] = std::make_unique<MoxManyPamSm>(this, pam.get(), key);
+}
+
+void PamMuxDemux::manyPamSmDel(U32 key) {
+  manyPamSm_.erase(key);
+}
+
+void PamMuxDemux::pamDeferredEnq(U32 key) {
+  pamDeferred_.push_back(key);
+}
+
+U32 PamMuxDemux::pamDeferredDeq() {
+  if (pamDeferred_.empty()) return kOnePamKey;
+  const U32 key = pamDeferred_.front();
+  pamDeferred_.pop_front();
+  return key;
+}
+
+void PamMuxDemux::onePamIs(const Mox::Ptr<Pam>& pam) {
+  if (pam == onePam_) return;
+  onePamReactor_.reset();
+  onePam_ = pam;
+  if (onePam_) onePamReactor_ = std::make_unique<MoxOnePam>(this, onePam_.get());
+}
+
+void PamMuxDemux::onePamDel() {
+  onePamIs(nullptr);
+}
+
+void PamMuxDemux::modeIs(Mode mode) {
+  mode_ = mode;
+}
+
+void PamMuxDemux::clockIs(const Mox::Ptr<Mox::Clock>& clock) {
+  if (clock == clock_) return;
+  clockReactor_.reset();
+  clock_ = clock;
+  if (clock_) clockReactor_ = std::make_unique<MoxClock>(this, clock_);
+}
+
+void PamMuxDemux::clockDel() {
+  clockIs(nullptr);
+}
+
+void PamMuxDemux::handleReadableOne() {
+  if (mode_ == Mode::mux || !onePam_) return;
+  Pam& source = *onePam_;
+  const double start = Mox::coarseNow();
+  while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
+    MOX_TRACE(trace, 8, "Pkt from single source " << source.name() << ". Size: " << pkt->bytes());
+    if (mode_ == Mode::disabled) {
+      MOX_TRACE(trace, 7,
+                "Discarding Pkt from " << source.name() << ". Size: " << pkt->bytes()
+                                       << " since mode is disabled.");
+    } else if (const U32 key = decapsulate(pkt); key == kInvalidKey) {
+      MOX_TRACE(trace, 6, "Invalid packet");
+    } else if (auto entry = manyPam_.find(key); entry != manyPam_.end()) {
+      MOX_TRACE(trace, 8,
+                "Pkt to " << key << " (" << entry->second->name() << "). Size: " << pkt->bytes());
+      entry->second->txPktIs(pkt);
+    } else {
+      MOX_TRACE(trace, 6, "No corresponding output for key: " << key);
+    }
+    if (budgetUsedUp(start)) {
+      MOX_TRACE(trace, 5, "Packet processing exceeds 1 second. Reschedule.");
+      defer(kOnePamKey);
+      return;
+    }
+  }
+}
+
+void PamMuxDemux::defer(U32 key) {
+  if (2 * pamDeferred_.size() < pamDeferredBound_) {
+    pamDeferredEnq(key);
+  } else {
+    MOX_TRACE(trace, 3, "pamDeferred queue is too long");
+  }
+  if (clock_) clock_->minimumTimeIs(0.0);
+}
+
+void PamMuxDemux::handleTime() {
+  MOX_TRACE(trace, 9, "void Korva::PamMuxDemux::handleTime()");
+  clock_->minimumTimeIs(Mox::kNever);
+  const U32 key = pamDeferredDeq();
+  if (key == kOnePamKey) {
+    handleReadableOne();
+  } else if (MoxManyPamSm* reactor = manyPamSm(key)) {
+    reactor->handleReadableMany();
+  } else {
+    MOX_TRACE(trace, 3, "pamKey " << key << " not found");
+  }
+  if (!pamDeferred_.empty()) clock_->minimumTimeIs(0.0);
+}
+
+Mox::Ptr<PamMuxDemux> PamMuxDemuxIs(Mox::Ptr<Pam> onePam) {
+  return Mox::make<PamMuxDemux>(std::move(onePam));
+}
+
+void PamKeyMuxDemux::doEncapsulate(const Mox::Ptr<Pkt>& pkt, U32 key) {
+  if (pkt->privateHeadBytes() + kHeaderBytes > Pkt::privateHeadAreaBytes) {
+    // No room left in front: one flat copy makes room in the packet's own buffer.
+    flatten(*pkt);
+  }
+  U8* header = pkt->newPrivateHeadData(kHeaderBytes);
+  for (U32 i = 0; i < kHeaderBytes; ++i) header[i] = U8(key >> (8 * (kHeaderBytes - 1 - i)));
+}
+
+U32 PamKeyMuxDemux::decapsulate(const Mox::Ptr<Pkt>& pkt) {
+  if (pkt->bytes() < kHeaderBytes) return kInvalidKey;
+  if (pkt->privateHeadBytes() != 0) {
+    // Encapsulated here and looped back in process: the header sits in the private head,
+    // perhaps only partly, so the bytes are made flat before the header is taken off.
+    flatten(*pkt);
+  }
+  const U8* header = pkt->frontData();
+  U32 key = 0;
+  for (U32 i = 0; i < kHeaderBytes; ++i) key = (key << 8) | header[i];
+  pkt->delSharedHeadData(kHeaderBytes);
+  return key;
+}
+
+Mox::Ptr<PamKeyMuxDemux> PamKeyMuxDemuxIs(Mox::Ptr<Pam> onePam) {
+  return Mox::make<PamKeyMuxDemux>(std::move(onePam));
+}
+
+}  // namespace Korva
