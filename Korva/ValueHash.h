@@ -41,12 +41,8 @@ inline U32 murmurHash3(const void* key, size_t len, U32 seed = 0) noexcept {
   const unsigned char* tail = data + blocks * 4;
   U32 k = 0;
   switch (len & 3) {
-    case 3:
-      k ^= U32(tail[2]) << 16;
-      [[fallthrough]];
-    case 2:
-      k ^= U32(tail[1]) << 8;
-      [[fallthrough]];
+    case 3: k ^= U32(tail[2]) << 16; [[fallthrough]];
+    case 2: k ^= U32(tail[1]) << 8; [[fallthrough]];
     case 1:
       k ^= tail[0];
       k *= c1;
