@@ -12,10 +12,11 @@ SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1 \
 # The tests that run threads: namespace socket workers, the closer, the loop stopped from
 # another thread, packets outliving their thread, and the shared-memory tables.
 THREADED_TESTS = ^(NetnsUtils|DeferClose|Activity|PktLifetime|IntfNameOrder|Cairn)
+I386_BUILD  ?= $(BUILD)/i386
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test check-clang fuzz check-asan check-tsan package demo bench format clean
+.PHONY: all deps configure build test test-i386 check-clang fuzz check-asan check-tsan package demo bench format clean
 
 all: build
 
@@ -30,8 +31,13 @@ configure: deps $(BUILD)/build.ninja
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The 32-bit x86 suite runs after the native one, or says why this machine cannot run it.
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
+	scripts/test-i386 $(I386_BUILD) $(JOBS) $(CMAKE_FLAGS)
+
+test-i386: deps
+	scripts/test-i386 $(I386_BUILD) $(JOBS) $(CMAKE_FLAGS)
 
 # The library and the tool built by clang too, warnings as errors, so both compilers stay clean.
 check-clang: deps
