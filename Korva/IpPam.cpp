@@ -327,6 +327,11 @@ void IpPam::doGetRxPkt() {
     return;
   }
   RxMessage rx(maxRxPktData());
+  if (!rx.pkt) {
+    MOX_TRACE(f.trace, 0, name() << ": Failed to obtain new packet object");
+    if (rx.receive(descriptor(), rxFlags()) >= 0) rxErrorsInc(1);
+    return;
+  }
   const ssize_t received = rx.receive(descriptor(), rxFlags());
   if (received < 0) {
     const int error = errno;

@@ -17,9 +17,13 @@ Mox::Ptr<Pkt> Pam::rxPkt() {
 Pam::RxMessage::RxMessage(U32 bytes) : capacity(bytes) {
   Pkt::Manager* manager = globalPktManager();
   pkt = manager->newPkt();
-  if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
-  MOX_ASSERT_TEXT(pkt->maxSharedData() >= capacity, "maxSize >= maxRxPktData()");
-  iov = iovec{pkt->newSharedHeadData(capacity), capacity};
+  if (pkt) {
+    if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
+    MOX_ASSERT_TEXT(pkt->maxSharedData() >= capacity, "maxSize >= maxRxPktData()");
+    iov = iovec{pkt->newSharedHeadData(capacity), capacity};
+  } else {
+    iov = iovec{nullptr, 0};
+  }
   msg.msg_name = &source;
   msg.msg_namelen = sizeof source;
   msg.msg_iov = &iov;
@@ -30,7 +34,7 @@ Pam::RxMessage::RxMessage(U32 bytes) : capacity(bytes) {
 
 ssize_t Pam::RxMessage::receive(int fd, int flags) {
   const ssize_t received = recvmsg(fd, &msg, flags);
-  if (received >= 0) pkt->delSharedTailData(capacity - U32(received));
+  if (received >= 0 && pkt) pkt->delSharedTailData(capacity - U32(received));
   return received;
 }
 

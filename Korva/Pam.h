@@ -26,7 +26,9 @@ class Pam : public PamBase {
 
   // One message read from a socket straight into a fresh packet: room for `capacity` bytes
   // at the end of the packet's buffer (what is in front stays head room), for the sender's
-  // address and for the control messages. A receive hook makes one per read.
+  // address and for the control messages. A receive hook makes one per read. When the
+  // packet manager is at its limit there is no packet: `receive` then reads the message
+  // into nothing, dropping it rather than leaving the socket readable for ever.
   struct RxMessage {
     explicit RxMessage(U32 capacity);
     RxMessage(const RxMessage&) = delete;

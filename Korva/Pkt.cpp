@@ -135,6 +135,7 @@ Pkt::Pkt() noexcept : privateHeadEnd_(privateHead_ + privateHeadAreaBytes) {}
 
 Pkt::~Pkt() {
   MOX_ASSERT(guardsIntact());
+  if (limitedBy_) limitedBy_->livePkts_.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void Pkt::sharedBufferIs(Mox::Ptr<SharedBuffer> buffer) {
@@ -293,7 +294,12 @@ Mox::Ptr<Pkt::SharedBuffer> Pkt::Manager::newSharedBuffer(U32 size) const {
 }
 
 Mox::Ptr<Pkt> Pkt::Manager::newPkt() {
+  if (pktLimit_ && livePkts_.fetch_add(1, std::memory_order_relaxed) >= pktLimit_) {
+    livePkts_.fetch_sub(1, std::memory_order_relaxed);
+    return nullptr;
+  }
   Mox::Ptr<Pkt> pkt(new Pkt);
+  if (pktLimit_) pkt->limitedBy_ = this;
   pkt->sharedBufferIs(newSharedBuffer());
   ++pktCount_;
   return pkt;

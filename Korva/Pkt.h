@@ -21,6 +21,7 @@
 
 #include <sys/uio.h>
 
+#include <atomic>
 #include <cstdint>
 #include <new>
 #include <string>
@@ -121,6 +122,7 @@ class Pkt : public Mox::PtrInterface {
   U32 headGuard_ = guardWord;
   U8 privateHead_[privateHeadAreaBytes];  // not initialised: written before it is read
   U32 tailGuard_ = guardWord;
+  Manager* limitedBy_ = nullptr;  // the manager whose limit this packet counts towards
 };
 
 // A counted block of bytes with the valid data somewhere inside it. Made with all of it
@@ -198,10 +200,17 @@ class Pkt::Manager : public Mox::PtrInterface {
   void reallocHeadRoomIs(U32 bytes) noexcept { reallocHeadRoom_ = bytes; }
   // Packets made so far.
   U64 pktCount() const noexcept { return pktCount_; }
+  // The most packets from newPkt() alive at once (0: no limit). At the limit newPkt()
+  // gives none, so a flood cannot take all memory; a receiving Pam then drops and counts.
+  // Only packets made while a limit is set count towards it, and the manager must outlive
+  // them (the global one is never destroyed).
+  U64 pktLimit() const noexcept { return pktLimit_; }
+  void pktLimitIs(U64 limit) noexcept { pktLimit_ = limit; }
+  U64 livePkts() const noexcept { return livePkts_.load(std::memory_order_relaxed); }
 
   Mox::Ptr<SharedBuffer> newSharedBuffer(U32 size) const;
   Mox::Ptr<SharedBuffer> newSharedBuffer() const { return newSharedBuffer(bufferSize_); }
-  // A packet with no data and a fresh buffer that is all head room.
+  // A packet with no data and a fresh buffer that is all head room; none at the limit.
   Mox::Ptr<Pkt> newPkt();
   Mox::Ptr<Pkt> pktFactory() { return newPkt(); }
   // A packet sharing the source's buffer (no bytes copied) and its separate VLAN tag.
@@ -211,7 +220,11 @@ class Pkt::Manager : public Mox::PtrInterface {
   std::string name_;
   U32 bufferSize_ = defaultBufferSize;
   U32 reallocHeadRoom_ = defaultReallocHeadRoom;
+  friend class Pkt;  // a counted packet leaves the count when it goes
   U64 pktCount_ = 0;
+  U64 pktLimit_ = 0;
+  // Atomic: a packet may be released on another thread than the one that made it.
+  std::atomic<U64> livePkts_ = 0;
 };
 
 // A packet that may be looked at but not changed (an observer's copy).

@@ -323,6 +323,11 @@ void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
 
 void UdpPam::doGetRxPkt() {
   RxMessage rx(maxRxPktData());
+  if (!rx.pkt) {
+    MOX_TRACE(trace, 0, name() << ": Failed to obtain new packet object");
+    if (rx.receive(fd_.descriptor(), 0) >= 0) rxErrorsInc(1);
+    return;
+  }
   const ssize_t received = rx.receive(fd_.descriptor(), 0);
   if (received < 0) {
     const int error = errno;
