@@ -71,6 +71,10 @@ ActivityManagerConfig::ActivityManagerConfig() : Entity("ActivityManagerConfig")
 
 ActivityManagerConfig::~ActivityManagerConfig() {
   // The clock unschedules itself through this object, so it goes while everything is here.
+  // Whoever still holds it (an object outliving the thread's loop) holds a clock of no
+  // loop, which must not reach back here.
+  clockScheduleIs(*clock_, kNever);
+  clock_->manager_ = nullptr;
   clock_ = nullptr;
   MOX_ASSERT(watchedDescriptorCount() == 0);
   close(wakeupFd_);

@@ -25,13 +25,14 @@ Clock::Clock(Name name, ActivityManagerConfig* manager)
 }
 
 Clock::~Clock() {
-  manager_->clockScheduleIs(*this, kNever);
+  if (manager_) manager_->clockScheduleIs(*this, kNever);
 }
 
 void Clock::minimumTimeIs(double time) {
   MOX_ASSERT(!std::isnan(time));
   if (time == minimumTime()) return;
   MOX_TRACE(trace, 8, name() << ": minimum time " << time);
+  if (!manager_) return;  // the loop it belonged to has ended
   manager_->clockScheduleIs(*this, time);
 }
 

@@ -43,7 +43,7 @@ class Clock : public Entity {
   Clock(Name name, ActivityManagerConfig* manager);
   void fire(double now);
 
-  ActivityManagerConfig* manager_;
+  ActivityManagerConfig* manager_;  // null once the loop has ended
   Ptr<ActivityManagerConfig> managerReference_;
   Schedule schedule_;
   double time_ = 0.0;

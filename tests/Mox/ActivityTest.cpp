@@ -18,6 +18,7 @@ namespace {
 
 using Mox::ActivityConfig;
 using Mox::ActivityManagerConfig;
+using Mox::Clock;
 using Mox::Ptr;
 
 struct OnTime : Mox::Clock::Notifiee {
@@ -53,6 +54,19 @@ TEST(Activity, EachThreadHasOneLoopAndOneDefaultActivity) {
   std::thread([&] { other = ActivityManagerConfig::current(); }).join();
   ASSERT_TRUE(other);
   EXPECT_NE(other, manager);
+}
+
+// An object that outlives its thread's loop (a static, say) may still hold the loop's clock.
+// Caught by the sanitizer run: releasing it reached into the ended loop.
+TEST(Activity, TheLoopsClockHeldPastTheLoopNoLongerReachesIt) {
+  Ptr<Clock> clock;
+  std::thread([&] {
+    clock = ActivityManagerConfig::current()->clock();
+    clock->minimumTimeIs(5.0);
+  }).join();
+  clock->minimumTimeIs(1.0);
+  EXPECT_FALSE(clock->armed());
+  clock = nullptr;
 }
 
 TEST(Activity, RunUntilChecksTheConditionFirstAndIsBoundedInRealTime) {
