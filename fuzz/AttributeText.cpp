@@ -1,12 +1,14 @@
 // The runtime's attribute readers (booleans, integers, doubles, quoted strings) and its
-// generic composite form "Value('Ns::Type', ** {'a': ..., 'b': ...})", read from
-// arbitrary text.
+// generic composite form "Value('Ns::Type', ** {'a': ..., 'b': ...})" (hand-written and
+// generated value types), read from arbitrary text.
 #include "FuzzCheck.h"
 
 #include <Korva/IpAddr.h>
 #include <Korva/IpGenAddr.h>
 #include <Korva/IpGenPrefix.h>
+#include <Korva/UdpPamDtls.mox.h>
 #include <Mox/Text.h>
+#include <Vrf/VrfIdMapTypes.h>
 
 #include <cmath>
 #include <string>
@@ -64,5 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   checkDouble(text);
   checkRuntimeText(text, Korva::IpAddrWithFullMask(Korva::IpAddr("192.0.2.1"), 0xFFFFFF00), texts);
   checkRuntimeText(text, Korva::IpGenPrefixBase(Korva::IpGenAddr("10.0.0.0"), 8), texts);
+  checkTexts(text, Korva::SessionPeer(Korva::IpAddr("192.0.2.9"), Korva::Port(4433)), texts);
+  checkTexts(text, Vrf::VrfIdMap::VrfId(5), texts);
   return 0;
 }
