@@ -65,12 +65,13 @@ check-tsan: deps
 
 # Every fuzz target, under AddressSanitizer and UndefinedBehaviorSanitizer, for FUZZ_SECONDS
 # each, starting from its corpus in fuzz/corpus (seeds and every input that once failed).
+# Built by clang with warnings as errors, the tool included, so it is also CI's clang build.
 fuzz: deps
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DKORVA_BUILD_FUZZ=ON \
 	  -DKORVA_BUILD_TESTS=OFF -DKORVA_BUILD_BENCH=OFF \
-	  -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all" \
+	  -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -Werror" \
 	  $(CMAKE_FLAGS)
-	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz-targets
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz-targets korva
 	scripts/run-fuzz $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 # Debian packages (libkorva0, libkorva-dev, korva) in $(BUILD).
