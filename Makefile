@@ -10,8 +10,9 @@ TSAN_BUILD  ?= build-tsan
 SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1 \
   UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 # The tests that run threads: namespace socket workers, the closer, the loop stopped from
-# another thread, packets outliving their thread, and the shared-memory tables.
-THREADED_TESTS = ^(NetnsUtils|DeferClose|Activity|PktLifetime|IntfNameOrder|Cairn)
+# another thread, packets outliving their thread, the shared-memory tables, and the
+# pressure cases (a sender thread, workers of a deleted namespace).
+THREADED_TESTS = ^(NetnsUtils|DeferClose|Activity|PktLifetime|IntfNameOrder|Cairn|Pressure)
 I386_BUILD  ?= $(BUILD)/i386
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
