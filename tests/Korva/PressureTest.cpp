@@ -20,7 +20,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -69,13 +68,8 @@ size_t threadCount() {
                        std::filesystem::directory_iterator());
 }
 
-class Pressure : public ::testing::Test {
+class Pressure : public IpPamTest::NamespaceTest {
  protected:
-  void SetUp() override {
-    ns_ = std::make_unique<SocketTest::ScopedNs>("press");
-    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
-    Mox::ActivityManagerConfig::current();  // the loop's own descriptors exist before counting
-  }
   Ptr<UdpPam> server(const std::string& name) {
     Ptr<UdpPam> pam = Korva::udpPamFactory(name);
     pam->netNsIs(Korva::NamespaceName(ns_->name()));
@@ -84,7 +78,6 @@ class Pressure : public ::testing::Test {
     pam->modeIs(Mode::server);
     return pam;
   }
-  std::unique_ptr<SocketTest::ScopedNs> ns_;
 };
 
 TEST_F(Pressure, EveryDatagramOfAFloodIsReceivedOrCountedDroppedByTheKernel) {
