@@ -21,12 +21,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "SocketTestUtil.h"
 
 namespace {
 
@@ -180,15 +181,10 @@ TEST_F(NetnsUtils, DeleteLetsTheNamespaceGo) {
   EXPECT_FALSE(anyThreadIn(inode)) << "no thread may keep a deleted namespace alive";
 }
 
-size_t threadCount() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                       std::filesystem::directory_iterator());
-}
-
 TEST_F(NetnsUtils, WorkersEndWhenOthersDeleteTheirNamespaces) {
   const char* missing = "korva-test-missing";
   Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing);  // ends what earlier tests left parked
-  const size_t baseline = threadCount();
+  const size_t baseline = SocketTest::threadCount();
   std::vector<std::unique_ptr<ScopedNs>> spaces;
   for (int i = 0; i < 60; ++i) {
     const ScopedNs& ns = *spaces.emplace_back(std::make_unique<ScopedNs>());
@@ -196,13 +192,14 @@ TEST_F(NetnsUtils, WorkersEndWhenOthersDeleteTheirNamespaces) {
     int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
     ASSERT_GE(fd, 0);
     close(fd);
-    ASSERT_LE(threadCount(), baseline + 8) << "parked workers are bounded";
+    ASSERT_LE(SocketTest::threadCount(), baseline + 8) << "parked workers are bounded";
   }
   for (const auto& ns : spaces) {
     ASSERT_EQ(std::system(("ip netns del " + ns->name()).c_str()), 0);
   }
   EXPECT_EQ(Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing), -1);
-  EXPECT_EQ(threadCount(), baseline) << "one use ends the workers of deleted namespaces";
+  EXPECT_EQ(SocketTest::threadCount(), baseline)
+      << "one use ends the workers of deleted namespaces";
 }
 
 TEST_F(NetnsUtils, SocketAtAMissingNamespaceKeepsErrno) {

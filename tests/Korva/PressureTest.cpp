@@ -16,9 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
@@ -61,11 +59,6 @@ std::map<std::string, long long> udpCounters(const SocketTest::ScopedNs& ns) {
     }
   });
   return counters;
-}
-
-size_t threadCount() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                       std::filesystem::directory_iterator());
 }
 
 class Pressure : public IpPamTest::NamespaceTest {
@@ -178,7 +171,7 @@ TEST_F(Pressure, PamsOutliveTheirNamespaceAndLeaveNothingBehind) {
   const std::string missing = ns_->name() + "-missing";
   Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing);  // ends workers earlier tests left
   const int descriptors = SocketTest::openDescriptorCount();
-  const size_t threads = threadCount();
+  const size_t threads = SocketTest::threadCount();
   {
     SocketTest::ScopedNs doomed("doomed");
     ASSERT_TRUE(doomed.created());
@@ -198,7 +191,7 @@ TEST_F(Pressure, PamsOutliveTheirNamespaceAndLeaveNothingBehind) {
   }
   Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing);
   EXPECT_EQ(SocketTest::openDescriptorCount(), descriptors);
-  EXPECT_EQ(threadCount(), threads);
+  EXPECT_EQ(SocketTest::threadCount(), threads);
 }
 
 }  // namespace

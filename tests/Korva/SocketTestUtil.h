@@ -19,7 +19,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -56,6 +58,14 @@ class ScopedNs {
   std::string name_;
   bool created_ = false;
 };
+
+// The threads of this process. One is started and joined first: ThreadSanitizer starts a
+// helper thread of its own with the process's first thread, which a baseline must include.
+inline size_t threadCount() {
+  std::thread([] {}).join();
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                       std::filesystem::directory_iterator());
+}
 
 // Runs `body` on a fresh thread that has entered the namespace, and rethrows what it threw.
 // The thread has its own event loop; everything the body opens should also be closed by it.
