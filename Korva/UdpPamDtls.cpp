@@ -214,7 +214,7 @@ Mox::Ptr<UdpPamDtlsSession> UdpPamDtls::newSession(const SessionPeer& peer, SSL*
   return session;
 }
 
-void UdpPamDtls::deleteSession(const SessionPeer& peer) {
+void UdpPamDtls::deleteSession(SessionPeer peer) {
   const auto found = sessions_.find(peer);
   if (found == sessions_.end()) return;
   const Mox::Ptr<UdpPamDtlsSession> session = found->second;

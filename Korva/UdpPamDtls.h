@@ -78,7 +78,7 @@ class UdpPamDtls : public UdpPamDtlsBase {
   // The peer that txDstIpAddr and txPort name.
   SessionPeer destinationPeer() const;
   // Closes and forgets the session of `peer`, if there is one.
-  void deleteSession(const SessionPeer& peer);
+  void deleteSession(SessionPeer peer);  // a copy: callers may pass the map's own key
 
  private:
   friend class UdpPamDtlsSession;

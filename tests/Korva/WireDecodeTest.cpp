@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <random>
@@ -74,7 +75,7 @@ template <class Header>
 void expectCheckedPayloadLens(const std::vector<LengthCase>& cases) {
   for (const LengthCase& c : cases) {
     Header hdr{};
-    std::memcpy(static_cast<void*>(&hdr), c.bytes.data(), c.bytes.size());
+    std::copy(c.bytes.begin(), c.bytes.end(), reinterpret_cast<U8*>(&hdr));
     EXPECT_EQ(hdr.checkedPayloadLen(c.available), c.payload) << Header::typeName << ": " << c.what;
     EXPECT_EQ(hdr.lengthsFit(c.available), c.payload.has_value()) << c.what;
   }
