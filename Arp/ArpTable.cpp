@@ -108,7 +108,7 @@ const EntryMap::Reader& EntryMap::reader() const {
 }
 
 ArpEntry EntryMap::find(const ArpKey& key) const {
-  return reader().find(key).value_or(ArpEntry());
+  return (writer_ ? writer_->find(key) : reader().find(key)).value_or(ArpEntry());
 }
 
 void EntryMap::entryIs(const ArpEntry& entry) {

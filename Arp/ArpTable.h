@@ -133,10 +133,13 @@ class EntryMap {
   // Calls fn(entry) for every entry.
   template <class Fn>
   void forEach(Fn&& fn) const {
-    reader().forEach([&](const ArpKey&, const ArpEntry& entry) { fn(entry); });
+    auto each = [&](const ArpKey&, const ArpEntry& entry) { fn(entry); };
+    writer_ ? writer_->forEach(each) : reader().forEach(each);
   }
-  U32 size() const { return reader().size(); }
+  U32 size() const { return writer_ ? writer_->size() : reader().size(); }
 
+  // Becomes the table's only writer now (creating the table) rather than on first write.
+  void openWriter() { writer(); }
   // The writer's operations (Mox::MemoryLimitExceededException "table full" on a new key
   // of a full table; Mox::Exception when another process writes the table).
   void entryIs(const ArpEntry& entry);

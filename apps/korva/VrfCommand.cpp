@@ -2,6 +2,7 @@
 // writes is the table's only writer for as long as it runs.
 
 #include "Command.h"
+#include "ToolSupport.h"
 
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
@@ -9,7 +10,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <csignal>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -27,14 +27,8 @@ struct VrfOptions {
   bool json = false;
 };
 
-// The table's capacity as made, or the default for a table still to be made.
 Mox::U32 capacityOf(const std::string& table) {
-  try {
-    const Cairn::TableInfo info = Cairn::tableInfo(table);
-    if (info.valid) return info.capacity;
-  } catch (const Mox::ErrnoException&) {
-  }
-  return kDefaultCapacity;
+  return tableCapacity(table, kDefaultCapacity);
 }
 
 Mox::Ptr<Writer> openWriter(const std::string& table) {
@@ -89,18 +83,12 @@ class Printer : public Status::Watcher::Notifiee {
   }
 };
 
-void stopLoop(int) {
-  Mox::ActivityManagerConfig::current()->stop();
-}
-
 int watch(const VrfOptions& options) {
   auto status = statusFactory(options.table, capacityOf(options.table));
   Printer printer;
   printer.notifierIs(status->vrfIdToNameWatcher());
-  auto loop = Mox::ActivityManagerConfig::current();
-  std::signal(SIGINT, stopLoop);
-  std::signal(SIGTERM, stopLoop);
-  loop->run();
+  stopLoopOnSignals();
+  Mox::ActivityManagerConfig::current()->run();
   return 0;
 }
 
