@@ -27,8 +27,8 @@ WatcherCore::~WatcherCore() = default;
 
 const void* WatcherCore::seen(const void* key) const {
   const auto found =
-      seen_.find(std::string(static_cast<const char*>(key), reader_.shape().keySize));
-  return found == seen_.end() ? nullptr : found->second.data();
+      seen_.find(std::string_view(static_cast<const char*>(key), reader_.shape().keySize));
+  return found == seen_.end() ? nullptr : found->second.value.data();
 }
 
 void WatcherCore::sync() {
@@ -52,34 +52,51 @@ void WatcherCore::sync() {
 void WatcherCore::examine(const std::string& key) {
   std::string value(reader_.shape().valueSize, '\0');
   const bool present = reader_.find(key.data(), value.data());
-  report(key, present ? &value : nullptr);
+  report(key, present ? std::optional<std::string_view>(value) : std::nullopt);
 }
 
 void WatcherCore::walk() {
   cursor_ = reader_.changeCount();
-  std::unordered_map<std::string, std::string> now;
   const TableShape& shape = reader_.shape();
+  const size_t entrySize = size_t(shape.keySize) + shape.valueSize;
+  // Every entry's key and value back to back: one buffer, not an allocation per entry.
+  std::string entries;
+  entries.reserve((size_t(reader_.size()) + 16) * entrySize);
   reader_.forEach([&](const void* key, const void* value) {
-    now.emplace(std::string(static_cast<const char*>(key), shape.keySize),
-                std::string(static_cast<const char*>(value), shape.valueSize));
+    entries.append(static_cast<const char*>(key), shape.keySize);
+    entries.append(static_cast<const char*>(value), shape.valueSize);
   });
-  std::vector<std::string> gone;
-  for (const auto& [key, value] : seen_) {
-    if (!now.count(key)) gone.push_back(key);
+  const std::string_view all(entries);
+  const U64 walk = ++walks_;
+  for (size_t at = 0; at < all.size(); at += entrySize) {
+    const auto found = seen_.find(all.substr(at, shape.keySize));
+    if (found != seen_.end()) found->second.walk = walk;
   }
-  for (const std::string& key : gone) report(key, nullptr);
-  for (const auto& [key, value] : now) report(key, &value);
+  std::vector<std::string> gone;
+  for (const auto& [key, seen] : seen_) {
+    if (seen.walk != walk) gone.push_back(key);
+  }
+  for (const std::string& key : gone) report(key, std::nullopt);
+  seen_.reserve(all.size() / entrySize);
+  for (size_t at = 0; at < all.size(); at += entrySize) {
+    report(all.substr(at, shape.keySize), all.substr(at + shape.keySize, shape.valueSize));
+  }
 }
 
-void WatcherCore::report(const std::string& key, const std::string* value) {
+void WatcherCore::report(std::string_view key, std::optional<std::string_view> value) {
   const auto found = seen_.find(key);
   if (!value) {
     if (found == seen_.end()) return;
     seen_.erase(found);
     return onChange(key.data(), nullptr);
   }
-  if (found != seen_.end() && found->second == *value) return;
-  seen_[key] = *value;
+  if (found == seen_.end()) {
+    seen_.emplace(std::string(key), Seen{std::string(*value), walks_});
+  } else if (found->second.value == *value) {
+    return;
+  } else {
+    found->second.value.assign(*value);
+  }
   onChange(key.data(), value->data());
 }
 

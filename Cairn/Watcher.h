@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 namespace Cairn {
@@ -45,13 +46,27 @@ class WatcherCore : public Mox::Entity {
   class Wakeup;
   void walk();
   void examine(const std::string& key);
-  void report(const std::string& key, const std::string* value);
+  // Reports `key` if `value` (none: the key is absent) differs from what was seen last.
+  void report(std::string_view key, std::optional<std::string_view> value);
 
   TableReaderCore reader_;
   WakeReceiver receiver_;
   Mox::Ptr<Mox::FileDescriptor> fd_;
   std::unique_ptr<Wakeup> wakeup_;
-  std::unordered_map<std::string, std::string> seen_;
+  // What was seen of a key, and the walk that last found it (so a walk finds what went
+  // without a second map of the whole table).
+  struct Seen {
+    std::string value;
+    U64 walk = 0;
+  };
+  struct KeyHash {
+    using is_transparent = void;  // looked up by views of the walk's buffer, not copies
+    size_t operator()(std::string_view key) const noexcept {
+      return std::hash<std::string_view>()(key);
+    }
+  };
+  std::unordered_map<std::string, Seen, KeyHash, std::equal_to<>> seen_;
+  U64 walks_ = 0;
   U64 cursor_ = 0;
   U64 resyncs_ = 0;
   bool walked_ = false;
