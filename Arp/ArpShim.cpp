@@ -14,12 +14,15 @@ const Mox::String8 kDefaultVrf = "default";
 
 }  // namespace
 
-// Hands each changed key of one shared map to the shim.
+// Hands each changed entry of one shared map to the shim. The watcher has just read it
+// (reporting a damaged entry to the corruption handler and passing it as absent), so the
+// shim takes that reading rather than looking the key up again.
 class ArpShimSm::TableReactor : public Table::EntryMap::Watcher::Notifiee {
  public:
   TableReactor(ArpShimSm& shim, bool isArp) : shim_(shim), isArp_(isArp) {}
-  void onEntry(const Table::ArpKey& key, const Table::ArpEntry*) override {
-    isArp_ ? shim_.handleArpEntry(key) : shim_.handleNeighEntry(key);
+  void onEntry(const Table::ArpKey& key, const Table::ArpEntry* entry) override {
+    MOX_TRACE(trace, 5, (isArp_ ? "handleArpEntry key: " : "handleNeighEntry key: ") << key);
+    shim_.handleEntry(key, entry ? *entry : Table::ArpEntry(), isArp_);
   }
 
  private:
@@ -97,16 +100,15 @@ bool ArpShimSm::isVrfOfInterest(const Mox::String8& name) const {
 
 void ArpShimSm::handleArpEntry(const Table::ArpKey& key) {
   MOX_TRACE(trace, 5, "handleArpEntry key: " << key);
-  handleEntry(key, true);
+  handleEntry(key, arpCairn()->arpEntry().find(key), true);
 }
 
 void ArpShimSm::handleNeighEntry(const Table::ArpKey& key) {
   MOX_TRACE(trace, 5, "handleNeighEntry key: " << key);
-  handleEntry(key, false);
+  handleEntry(key, arpCairn()->neighborEntry().find(key), false);
 }
 
-void ArpShimSm::handleEntry(const Table::ArpKey& key, bool isArp) {
-  const Table::ArpEntry entry = arpCairn()->entryMap(isArp).find(key);
+void ArpShimSm::handleEntry(const Table::ArpKey& key, const Table::ArpEntry& entry, bool isArp) {
   if (entry == Table::ArpEntry()) return delArpOrNeighEntry(key, isArp);
   addArpOrNeighEntry(entry, isArp);
 }

@@ -54,7 +54,8 @@ class ArpShimSm : public ArpShimSmBase {
                                               const Mox::Ptr<NeighborDir>&,
                                               const Mox::Ptr<ArpVrfStatusDir>&);
 
-  void handleEntry(const Table::ArpKey& key, bool isArp);
+  // `entry` is the key's entry as read from the table, the empty entry when it has none.
+  void handleEntry(const Table::ArpKey& key, const Table::ArpEntry& entry, bool isArp);
   // The VRF's name when the entry's family is served and the VRF is known and of interest;
   // null otherwise (traced).
   const Mox::String8* vrfNameOf(VrfId vrfId, bool isArp) const;
