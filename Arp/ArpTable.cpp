@@ -7,6 +7,9 @@
 
 namespace Arp::Table {
 
+using Mox::U32;
+using Vrf::VrfIdMap::VrfId;
+
 // --- ArpKey ---
 
 std::string ArpKey::stringValue() const {
@@ -22,9 +25,7 @@ void ArpKey::stringValueIs(std::string_view text) {
 }
 
 U32 ArpKey::hash() const noexcept {
-  U32 hash = Mox::hashCombine(0, vrfId_.hash());
-  hash = Mox::hashCombine(hash, intfId_.hash());
-  return Mox::hashCombine(hash, addr_.hash());
+  return Korva::valueHashMix(vrfId_.hash() ^ intfId_.hash() * 31 ^ addr_.hash() * 961);
 }
 
 std::string valueToStrep(const ArpKey& value) {

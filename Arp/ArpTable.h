@@ -13,6 +13,7 @@
 #include <Korva/EthAddr.h>
 #include <Korva/IntfId.h>
 #include <Korva/IpGenAddr.h>
+#include <Korva/ValueType.h>
 #include <Mox/Entity.h>
 #include <Vrf/VrfIdMapTypes.h>
 
@@ -20,11 +21,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 namespace Arp::Table {
-
-using Mox::U32;
-using Vrf::VrfIdMap::VrfId;
 
 // Where an entry lives: VRF, interface and address. Stored in shared memory, so its bytes
 // are its value: fields are laid out without padding, the same for 32-bit and 64-bit
@@ -32,11 +31,11 @@ using Vrf::VrfIdMap::VrfId;
 class ArpKey {
  public:
   ArpKey() noexcept = default;
-  ArpKey(VrfId vrfId, Korva::IntfId intfId, const Korva::IpGenAddr& addr) noexcept
+  ArpKey(Vrf::VrfIdMap::VrfId vrfId, Korva::IntfId intfId, const Korva::IpGenAddr& addr) noexcept
       : vrfId_(vrfId), addr_(addr), intfId_(intfId) {}
 
-  VrfId vrfId() const noexcept { return vrfId_; }
-  void vrfIdIs(VrfId vrfId) noexcept { vrfId_ = vrfId; }
+  Vrf::VrfIdMap::VrfId vrfId() const noexcept { return vrfId_; }
+  void vrfIdIs(Vrf::VrfIdMap::VrfId vrfId) noexcept { vrfId_ = vrfId; }
   Korva::IntfId intfId() const noexcept { return intfId_; }
   void intfIdIs(Korva::IntfId intfId) noexcept { intfId_ = intfId; }
   const Korva::IpGenAddr& addr() const noexcept { return addr_; }
@@ -46,19 +45,16 @@ class ArpKey {
   // a text that is no key raises Mox::RangeException "Invalid ArpKey" and changes nothing.
   std::string stringValue() const;
   void stringValueIs(std::string_view text);
-  U32 hash() const noexcept;
+  Mox::U32 hash() const noexcept;
 
-  friend bool operator==(const ArpKey& a, const ArpKey& b) noexcept {
-    return a.vrfId_ == b.vrfId_ && a.intfId_ == b.intfId_ && a.addr_ == b.addr_;
-  }
-  friend bool operator<(const ArpKey& a, const ArpKey& b) noexcept {
-    if (a.vrfId_ != b.vrfId_) return a.vrfId_ < b.vrfId_;
-    if (a.intfId_ != b.intfId_) return a.intfId_ < b.intfId_;
-    return a.addr_ < b.addr_;
+  friend bool operator==(const ArpKey&, const ArpKey&) = default;
+  // Not in the order of the fields, which is chosen for the layout.
+  friend auto operator<=>(const ArpKey& a, const ArpKey& b) noexcept {
+    return std::tie(a.vrfId_, a.intfId_, a.addr_) <=> std::tie(b.vrfId_, b.intfId_, b.addr_);
   }
 
  private:
-  VrfId vrfId_;
+  Vrf::VrfIdMap::VrfId vrfId_;
   Korva::IpGenAddr addr_;
   Korva::IntfId intfId_;
 };
@@ -96,10 +92,7 @@ class ArpEntry {
   std::string stringValue() const;
   void stringValueIs(std::string_view text);
 
-  friend bool operator==(const ArpEntry& a, const ArpEntry& b) noexcept {
-    return a.key_ == b.key_ && a.ethAddr_ == b.ethAddr_ && a.isStatic_ == b.isStatic_ &&
-           a.isHostRoute_ == b.isHostRoute_ && a.source_ == b.source_;
-  }
+  friend bool operator==(const ArpEntry&, const ArpEntry&) = default;
 
  private:
   ArpKey key_;
@@ -123,7 +116,7 @@ class EntryMap {
   using Reader = Cairn::Reader<ArpKey, ArpEntry>;
   using Watcher = Cairn::Watcher<ArpKey, ArpEntry>;
 
-  EntryMap(std::string tableName, U32 capacity);
+  EntryMap(std::string tableName, Mox::U32 capacity);
   ~EntryMap();
 
   const std::string& tableName() const noexcept { return tableName_; }
@@ -136,7 +129,7 @@ class EntryMap {
     auto each = [&](const ArpKey&, const ArpEntry& entry) { fn(entry); };
     writer_ ? writer_->forEach(each) : reader().forEach(each);
   }
-  U32 size() const { return writer_ ? writer_->size() : reader().size(); }
+  Mox::U32 size() const { return writer_ ? writer_->size() : reader().size(); }
 
   // Becomes the table's only writer now (creating the table) rather than on first write.
   void openWriter() { writer(); }
@@ -153,7 +146,7 @@ class EntryMap {
   const Reader& reader() const;
 
   std::string tableName_;
-  U32 capacity_;
+  Mox::U32 capacity_;
   std::unique_ptr<Writer> writer_;
   mutable std::unique_ptr<Reader> reader_;
 };
@@ -161,7 +154,7 @@ class EntryMap {
 // The shared ARP table: IPv4 entries in `arpEntry`, IPv6 entries in `neighborEntry`.
 class Status : public Mox::Entity {
  public:
-  U32 capacity() const noexcept { return capacity_; }
+  Mox::U32 capacity() const noexcept { return capacity_; }
 
   EntryMap& arpEntry() noexcept { return arpEntry_; }
   EntryMap& neighborEntry() noexcept { return neighborEntry_; }
@@ -185,25 +178,23 @@ class Status : public Mox::Entity {
   static void remove(const std::string& name);
 
  private:
-  friend Mox::Ptr<Status> statusFactory(const Mox::Name& name, U32 capacity);
-  Status(const Mox::Name& name, U32 capacity);
+  friend Mox::Ptr<Status> statusFactory(const Mox::Name& name, Mox::U32 capacity);
+  Status(const Mox::Name& name, Mox::U32 capacity);
 
-  U32 capacity_;
+  Mox::U32 capacity_;
   EntryMap arpEntry_;
   EntryMap neighborEntry_;
 };
 
 // The tables agents share unless told otherwise, and their capacity per family.
-inline constexpr const char* kDefaultTableName = "arp";
-inline constexpr U32 kDefaultCapacity = 16384;
+inline constexpr const char* defaultTableName = "arp";
+inline constexpr Mox::U32 defaultCapacity = 16384;
 
 // The ARP table `name` (a shared-memory name of at most 37 characters: the tables are
 // `name`-v4 and `name`-v6) holding up to `capacity` entries per family.
-Mox::Ptr<Status> statusFactory(const Mox::Name& name, U32 capacity = kDefaultCapacity);
+Mox::Ptr<Status> statusFactory(const Mox::Name& name, Mox::U32 capacity = defaultCapacity);
 
 }  // namespace Arp::Table
 
 template <>
-struct std::hash<Arp::Table::ArpKey> {
-  size_t operator()(const Arp::Table::ArpKey& key) const noexcept { return key.hash(); }
-};
+struct std::hash<Arp::Table::ArpKey> : Korva::ValueHash<Arp::Table::ArpKey> {};

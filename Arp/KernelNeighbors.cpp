@@ -23,7 +23,7 @@ namespace Arp {
 using Mox::U16;
 using Mox::U32;
 using Mox::U8;
-using Table::VrfId;
+using Vrf::VrfIdMap::VrfId;
 
 namespace {
 
@@ -238,7 +238,7 @@ void KernelNeighbors::handleNeighbor(const nlmsghdr& message) {
                                                           ntohl(words[2]), ntohl(words[3])));
       }
     }
-    if (type == NDA_LLADDR && size == Korva::EthAddr::kBytes) {
+    if (type == NDA_LLADDR && size == Korva::EthAddr::byteCount) {
       hasEth = true;
       ethAddr = Korva::EthAddr::fromBuffer(payload);
     }

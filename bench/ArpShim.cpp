@@ -23,7 +23,7 @@ namespace {
 
 using Arp::Table::ArpEntry;
 using Arp::Table::ArpKey;
-using Arp::Table::VrfId;
+using Vrf::VrfIdMap::VrfId;
 using Clock = std::chrono::steady_clock;
 
 constexpr Mox::U32 kEntries = 100000;

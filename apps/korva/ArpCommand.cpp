@@ -22,21 +22,21 @@ namespace KorvaTool {
 namespace {
 
 struct ArpOptions {
-  std::string table = Arp::Table::kDefaultTableName;
-  std::string vrfTable = Vrf::VrfIdMap::kDefaultTableName;
+  std::string table = Arp::Table::defaultTableName;
+  std::string vrfTable = Vrf::VrfIdMap::defaultTableName;
   std::string netNs;
   std::string vrf;
   bool json = false;
 };
 
 Mox::Ptr<Arp::Table::Status> openTable(const ArpOptions& options) {
-  const Mox::U32 capacity = tableCapacity(options.table + "-v4", Arp::Table::kDefaultCapacity);
+  const Mox::U32 capacity = tableCapacity(options.table + "-v4", Arp::Table::defaultCapacity);
   return Arp::Table::statusFactory(options.table, capacity);
 }
 
 Mox::Ptr<Vrf::VrfIdMap::Status> openVrfTable(const ArpOptions& options) {
   return Vrf::VrfIdMap::statusFactory(
-      options.vrfTable, tableCapacity(options.vrfTable, Vrf::VrfIdMap::kDefaultCapacity));
+      options.vrfTable, tableCapacity(options.vrfTable, Vrf::VrfIdMap::defaultCapacity));
 }
 
 int publish(const ArpOptions& options) {

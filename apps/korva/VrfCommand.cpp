@@ -22,13 +22,13 @@ namespace {
 using namespace Vrf::VrfIdMap;
 
 struct VrfOptions {
-  std::string table = kDefaultTableName;
+  std::string table = defaultTableName;
   std::vector<std::string> names;
   bool json = false;
 };
 
 Mox::U32 capacityOf(const std::string& table) {
-  return tableCapacity(table, kDefaultCapacity);
+  return tableCapacity(table, defaultCapacity);
 }
 
 Mox::Ptr<Writer> openWriter(const std::string& table) {

@@ -20,7 +20,7 @@ namespace Arp {
 namespace {
 
 using Table::ArpKey;
-using Table::VrfId;
+using Vrf::VrfIdMap::VrfId;
 using Tree = std::set<std::string>;
 
 // "vrf interface address" for every entry of the mirrored tree, and "vrf interface" for an

@@ -20,7 +20,7 @@ namespace {
 
 using Table::ArpEntry;
 using Table::ArpKey;
-using Table::VrfId;
+using Vrf::VrfIdMap::VrfId;
 
 class KernelNeighborsTest : public testing::Test {
  protected:

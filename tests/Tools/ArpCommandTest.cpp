@@ -12,6 +12,7 @@
 namespace {
 
 using namespace Arp::Table;
+using Vrf::VrfIdMap::VrfId;
 
 class ArpCommand : public KorvaTest::KorvaTool {
  protected:

@@ -16,6 +16,7 @@
 namespace {
 
 using namespace Arp::Table;
+using Vrf::VrfIdMap::VrfId;
 
 ArpKey readKey(std::istringstream& words) {
   std::string vrf, intf, addr;
