@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <string_view>
@@ -97,12 +98,13 @@ KernelNeighbors::KernelNeighbors(const Mox::Ptr<Table::Status>& table,
   }
   reactor_ = std::make_unique<Reactor>(*this);
   reactor_->notifierIs(fd_.get());
-  requestDump(RTM_GETLINK);
+  buffer_.resize(64 * 1024 / sizeof(nlmsghdr));
+  if (!requestDump(RTM_GETLINK)) throw Mox::ErrnoException(errno, "send(netlink dump request)");
 }
 
 KernelNeighbors::~KernelNeighbors() = default;
 
-void KernelNeighbors::requestDump(Mox::U16 type) {
+bool KernelNeighbors::requestDump(Mox::U16 type) {
   struct {
     nlmsghdr header;
     rtgenmsg family;
@@ -114,15 +116,15 @@ void KernelNeighbors::requestDump(Mox::U16 type) {
   request.family.rtgen_family = AF_UNSPEC;
   phase_ = type == RTM_GETLINK ? Phase::links : Phase::neighbors;
   if (phase_ == Phase::neighbors) seen_.clear();
-  if (send(fd_->descriptor(), &request, sizeof request, 0) < 0) {
-    throw Mox::ErrnoException(errno, "send(netlink dump request)");
-  }
+  if (send(fd_->descriptor(), &request, sizeof request, 0) >= 0) return true;
+  MOX_TRACE(trace, 0, "netlink dump request failed: " << std::strerror(errno));
+  return false;
 }
 
 void KernelNeighbors::readAll() {
-  alignas(nlmsghdr) static U8 buffer[64 * 1024];
+  const size_t room = buffer_.size() * sizeof(nlmsghdr);
   for (;;) {
-    const ssize_t received = recv(fd_->descriptor(), buffer, sizeof buffer, 0);
+    const ssize_t received = recv(fd_->descriptor(), buffer_.data(), room, 0);
     if (received < 0 && errno == ENOBUFS) {
       // Changes were lost: start again from a dump, which also removes what went.
       MOX_TRACE(trace, 1, "netlink overrun: dumping again");
@@ -130,16 +132,18 @@ void KernelNeighbors::readAll() {
       continue;
     }
     if (received <= 0) return;
-    handleDatagram(buffer, static_cast<size_t>(received));
+    handleDatagram(buffer_.data(), static_cast<size_t>(received));
   }
 }
 
 void KernelNeighbors::handleDatagram(const void* data, size_t length) {
-  alignas(nlmsghdr) static U8 aligned[64 * 1024];
-  if (length > sizeof aligned) return static_cast<void>(++malformed_);
-  std::memcpy(aligned, data, length);  // whatever its alignment, headers are read in place
+  if (reinterpret_cast<uintptr_t>(data) % alignof(nlmsghdr)) {
+    // Headers are read in place, so they must be aligned.
+    if (length > buffer_.size() * sizeof(nlmsghdr)) return static_cast<void>(++malformed_);
+    data = std::memcpy(buffer_.data(), data, length);
+  }
   size_t left = length;
-  for (auto* message = reinterpret_cast<const nlmsghdr*>(aligned); NLMSG_OK(message, left);
+  for (auto* message = static_cast<const nlmsghdr*>(data); NLMSG_OK(message, left);
        message = NLMSG_NEXT(message, left)) {
     handle(*message);
   }
@@ -167,7 +171,7 @@ void KernelNeighbors::handle(const nlmsghdr& message) {
 }
 
 void KernelNeighbors::dumpDone() {
-  if (phase_ == Phase::links) return requestDump(RTM_GETNEIGH);
+  if (phase_ == Phase::links) return static_cast<void>(requestDump(RTM_GETNEIGH));
   if (phase_ != Phase::neighbors) return;
   sweep();
   phase_ = Phase::live;

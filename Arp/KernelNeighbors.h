@@ -26,6 +26,7 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace Arp {
 
@@ -62,7 +63,8 @@ class KernelNeighbors {
   using Neighbor = std::pair<int, Korva::IpGenAddr>;
   enum class Phase { links, neighbors, live };
 
-  void requestDump(Mox::U16 type);
+  // Asks for a dump of links or neighbours; false (traced) when the request was not sent.
+  bool requestDump(Mox::U16 type);
   void readAll();
   void handle(const nlmsghdr& message);
   void handleLink(const nlmsghdr& message);
@@ -80,6 +82,7 @@ class KernelNeighbors {
   Mox::Ptr<Vrf::VrfIdMap::Writer> vrfs_;
   Mox::Ptr<Mox::FileDescriptor> fd_;
   std::unique_ptr<Reactor> reactor_;
+  std::vector<nlmsghdr> buffer_;  // received datagrams, aligned for their headers
   std::unordered_map<int, Link> links_;
   std::map<Neighbor, Table::ArpEntry> published_;
   std::set<Table::ArpKey> seen_;  // keys published since the neighbour dump began
