@@ -1,6 +1,7 @@
 #include "ArpTree.h"
 
-#include <algorithm>
+#include <map>
+#include <tuple>
 
 namespace KorvaTool {
 
@@ -8,10 +9,6 @@ namespace {
 
 std::string describe(const ArpRow& row) {
   return row.address + " " + row.ethAddr + (row.isStatic ? " static " : " dynamic ") + row.source;
-}
-
-bool sameEntry(const ArpRow& a, const ArpRow& b) {
-  return a.vrf == b.vrf && a.intf == b.intf && a.address == b.address;
 }
 
 // Calls fn(vrf, interface, rows of the interface) for every interface of the tree.
@@ -59,15 +56,20 @@ std::string arpTreeText(const Arp::ArpVrfStatusDir& dir) {
 }
 
 std::string arpRowChanges(const std::vector<ArpRow>& before, const std::vector<ArpRow>& now) {
+  auto byEntry = [](const std::vector<ArpRow>& rows) {
+    std::map<std::tuple<std::string, std::string, std::string>, const ArpRow*> index;
+    for (const ArpRow& row : rows) index[{row.vrf, row.intf, row.address}] = &row;
+    return index;
+  };
+  const auto was = byEntry(before), is = byEntry(now);
   std::string text;
-  for (const ArpRow& row : before) {
-    if (std::none_of(now.begin(), now.end(), [&](const ArpRow& r) { return sameEntry(r, row); })) {
-      text += "- " + row.vrf + " " + row.intf + " " + row.address + "\n";
-    }
+  for (const auto& [entry, row] : was) {
+    if (!is.count(entry)) text += "- " + row->vrf + " " + row->intf + " " + row->address + "\n";
   }
-  for (const ArpRow& row : now) {
-    if (std::find(before.begin(), before.end(), row) == before.end()) {
-      text += "+ " + row.vrf + " " + row.intf + " " + describe(row) + "\n";
+  for (const auto& [entry, row] : is) {
+    const auto old = was.find(entry);
+    if (old == was.end() || !(*old->second == *row)) {
+      text += "+ " + row->vrf + " " + row->intf + " " + describe(*row) + "\n";
     }
   }
   return text;
