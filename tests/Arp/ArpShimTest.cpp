@@ -114,6 +114,12 @@ TEST_F(ArpShimTest, MirrorsEveryVrfAndFamilyAndReplaysLateVrfNames) {
   EXPECT_EQ(mirrored(after), after);
   shim_->handleVrfDelete("default");
   EXPECT_TRUE(dir_->vrfStatus("default"));
+
+  // A shim that goes leaves the tree it filled as it was and follows nothing more.
+  shim_ = nullptr;
+  tellAll({"set 4 0 Ethernet1 10.0.0.9 00:00:00:00:00:09 0"});
+  Mox::runOnce(0.05);
+  EXPECT_EQ(treeOf(*dir_), after);
 }
 
 TEST_F(ArpShimTest, ServesOneVrfAndOneFamily) {
@@ -201,6 +207,9 @@ TEST(ArpShimDeathTest, ShimOfNoFamilyIsRefused) {
   EXPECT_DEATH(
       arpShimSmFactory(table, vrfs, "", true, false, nullptr, arpVrfStatusDirFactory("vrfs")),
       "arpStatus\\(\\)");
+  EXPECT_DEATH(
+      arpShimSmFactory(table, vrfs, "", true, false, neighborDirFactory("default"), nullptr),
+      "arpVrfStatusDir\\(\\)");
 }
 
 TEST(ArpKey, OrderIsVrfThenInterfaceThenAddressAndTextRoundTrips) {
