@@ -102,18 +102,6 @@ int watch(const ArpOptions& options) {
   return 0;
 }
 
-int guarded(int (*command)(const ArpOptions&), const ArpOptions& options) {
-  try {
-    Korva::IntfIdMgr::ensureInitialized();
-    return command(options);
-  } catch (const Mox::ErrnoException& e) {
-    std::fprintf(stderr, "korva arp: %s\n", e.description().c_str());
-  } catch (const Mox::Exception& e) {
-    std::fprintf(stderr, "korva arp: %s\n", e.what());
-  }
-  return 1;
-}
-
 void setupArp(CLI::App& app, int& exitStatus) {
   static ArpOptions options;
   auto* arp = app.add_subcommand("arp", "The shared ARP and neighbour table");
@@ -122,7 +110,10 @@ void setupArp(CLI::App& app, int& exitStatus) {
   arp->require_subcommand(1);
   auto command = [&](const char* name, const char* help, int (*run)(const ArpOptions&)) {
     auto* sub = arp->add_subcommand(name, help);
-    sub->callback([&exitStatus, run] { exitStatus = guarded(run, options); });
+    sub->callback([&exitStatus, run] {
+      Korva::IntfIdMgr::ensureInitialized();  // entries name their interfaces
+      exitStatus = guarded("arp", run, options);
+    });
     return sub;
   };
   command("publish", "Publish a namespace's kernel neighbours until interrupted", publish)

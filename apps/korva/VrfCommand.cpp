@@ -92,17 +92,6 @@ int watch(const VrfOptions& options) {
   return 0;
 }
 
-int guarded(int (*command)(const VrfOptions&), const VrfOptions& options) {
-  try {
-    return command(options);
-  } catch (const Mox::ErrnoException& e) {
-    std::fprintf(stderr, "korva vrf: %s\n", e.description().c_str());
-  } catch (const Mox::Exception& e) {
-    std::fprintf(stderr, "korva vrf: %s\n", e.what());
-  }
-  return 1;
-}
-
 void setupVrf(CLI::App& app, int& exitStatus) {
   static VrfOptions options;
   auto* vrf = app.add_subcommand("vrf", "The VRF id map in shared memory");
@@ -110,7 +99,7 @@ void setupVrf(CLI::App& app, int& exitStatus) {
   vrf->require_subcommand(1);
   auto command = [&](const char* name, const char* help, int (*run)(const VrfOptions&)) {
     auto* sub = vrf->add_subcommand(name, help);
-    sub->callback([&exitStatus, run] { exitStatus = guarded(run, options); });
+    sub->callback([&exitStatus, run] { exitStatus = guarded("vrf", run, options); });
     return sub;
   };
   command("add", "Give each VRF an id (printed) and publish it", add)
