@@ -15,7 +15,10 @@ class WatcherCore::Wakeup : public Mox::FileDescriptor::Notifiee {
 };
 
 WatcherCore::WatcherCore(const std::string& name, const TableShape& shape, const Access& access)
-    : Mox::Entity(name), reader_(name, shape), receiver_(name, access) {
+    : Mox::Entity(name),
+      reader_(name, shape),
+      receiver_(name, access),
+      records_(size_t(shape.keySize) + shape.valueSize) {
   fd_ = Mox::make<Mox::FileDescriptor>(name + " wake-up", receiver_.releaseDescriptor());
   wakeup_ = std::make_unique<Wakeup>(*this);
   wakeup_->notifierIs(fd_);
@@ -28,7 +31,20 @@ WatcherCore::~WatcherCore() = default;
 const void* WatcherCore::seen(const void* key) const {
   const auto found =
       seen_.find(std::string_view(static_cast<const char*>(key), reader_.shape().keySize));
-  return found == seen_.end() ? nullptr : found->second.value.data();
+  return found == seen_.end() ? nullptr : found->second.record + reader_.shape().keySize;
+}
+
+char* WatcherCore::Records::take() {
+  if (!free_.empty()) {
+    char* record = free_.back();
+    free_.pop_back();
+    return record;
+  }
+  if (used_ == chunkRecords) {
+    chunks_.push_back(std::make_unique<char[]>(chunkRecords * recordSize_));
+    used_ = 0;
+  }
+  return chunks_.back().get() + recordSize_ * used_++;
 }
 
 void WatcherCore::sync() {
@@ -74,7 +90,7 @@ void WatcherCore::walk() {
   }
   std::vector<std::string> gone;
   for (const auto& [key, seen] : seen_) {
-    if (seen.walk != walk) gone.push_back(key);
+    if (seen.walk != walk) gone.emplace_back(key);
   }
   for (const std::string& key : gone) report(key, std::nullopt);
   seen_.reserve(all.size() / entrySize);
@@ -85,17 +101,23 @@ void WatcherCore::walk() {
 
 void WatcherCore::report(std::string_view key, std::optional<std::string_view> value) {
   const auto found = seen_.find(key);
+  const size_t keySize = key.size();
   if (!value) {
     if (found == seen_.end()) return;
+    char* record = found->second.record;
     seen_.erase(found);
+    records_.give(record);
     return onChange(key.data(), nullptr);
   }
   if (found == seen_.end()) {
-    seen_.emplace(std::string(key), Seen{std::string(*value), walks_});
-  } else if (found->second.value == *value) {
+    char* record = records_.take();
+    std::memcpy(record, key.data(), keySize);
+    std::memcpy(record + keySize, value->data(), value->size());
+    seen_.emplace(std::string_view(record, keySize), Seen{record, walks_});
+  } else if (std::memcmp(found->second.record + keySize, value->data(), value->size()) == 0) {
     return;
   } else {
-    found->second.value.assign(*value);
+    std::memcpy(found->second.record + keySize, value->data(), value->size());
   }
   onChange(key.data(), value->data());
 }

@@ -22,6 +22,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace Cairn {
 
@@ -53,19 +54,36 @@ class WatcherCore : public Mox::Entity {
   WakeReceiver receiver_;
   Mox::Ptr<Mox::FileDescriptor> fd_;
   std::unique_ptr<Wakeup> wakeup_;
-  // What was seen of a key, and the walk that last found it (so a walk finds what went
-  // without a second map of the whole table).
+  // Where the key and value last seen of each key are kept: fixed-size records in chunks
+  // that never move, so the map's keys can be views of them and a key costs one map node
+  // rather than two strings besides.
+  class Records {
+   public:
+    explicit Records(size_t recordSize) : recordSize_(recordSize) {}
+    char* take();
+    void give(char* record) { free_.push_back(record); }
+
+   private:
+    static constexpr size_t chunkRecords = 4096;
+    size_t recordSize_;
+    size_t used_ = chunkRecords;  // records taken from the last chunk
+    std::vector<std::unique_ptr<char[]>> chunks_;
+    std::vector<char*> free_;
+  };
+  // A key's record, and the walk that last found it (so a walk finds what went without a
+  // second map of the whole table).
   struct Seen {
-    std::string value;
+    char* record;
     U64 walk = 0;
   };
   struct KeyHash {
-    using is_transparent = void;  // looked up by views of the walk's buffer, not copies
+    using is_transparent = void;
     size_t operator()(std::string_view key) const noexcept {
       return std::hash<std::string_view>()(key);
     }
   };
-  std::unordered_map<std::string, Seen, KeyHash, std::equal_to<>> seen_;
+  Records records_;
+  std::unordered_map<std::string_view, Seen, KeyHash> seen_;
   U64 walks_ = 0;
   U64 cursor_ = 0;
   U64 resyncs_ = 0;
