@@ -198,6 +198,7 @@ void KernelNeighbors::handleLink(const nlmsghdr& message) {
   size_t length;
   const auto* info = body<ifinfomsg>(message, &attributes, &length);
   if (!info) return static_cast<void>(++malformed_);
+  if (info->ifi_family != AF_UNSPEC) return;  // a bridge's view of its ports, not the link
   if (message.nlmsg_type == RTM_DELLINK) {
     links_.erase(info->ifi_index);
     return;
