@@ -1,5 +1,6 @@
-// Runs the built korva tool's arp show as a user would: its shim, in its own process,
-// prints the table this test writes.
+// Runs the built korva tool's arp commands as a user would: show's shim, in its own process,
+// prints the table this test writes; publish fills the table from a namespace's kernel while
+// watch's shim prints the changes that `ip neigh` makes there.
 
 #include <Arp/ArpTable.h>
 #include <Cairn/Segment.h>
@@ -7,6 +8,7 @@
 #include <Vrf/VrfIdMap.h>
 #include <nlohmann/json.hpp>
 
+#include "Korva/DtlsTestUtil.h"
 #include "KorvaToolRun.h"
 
 namespace {
@@ -18,7 +20,6 @@ class ArpCommand : public KorvaTest::KorvaTool {
  protected:
   ArpCommand() : KorvaTool("arp") {}
   void TearDown() override {
-    vrfs_ = nullptr;
     Status::remove(table_);
     Cairn::removeTable(vrfTable_);
     Cairn::NamedSegment::remove(vrfTable_);
@@ -34,16 +35,27 @@ class ArpCommand : public KorvaTest::KorvaTool {
   KorvaTest::ToolRun show(const std::string& arguments) {
     return run("--table " + table_ + " --vrf-table " + vrfTable_ + " show " + arguments);
   }
+  // `korva arp ... <words>` as a process whose output the loop watches.
+  std::unique_ptr<DtlsTest::Peer> start(std::vector<std::string> words) {
+    std::vector<std::string> command{std::string(KORVA_BINARY_DIR) + "/korva",
+                                     "arp",
+                                     "--table",
+                                     table_,
+                                     "--vrf-table",
+                                     vrfTable_};
+    command.insert(command.end(), words.begin(), words.end());
+    return std::make_unique<DtlsTest::Peer>(command);
+  }
   std::string table_ = "test-arp-tool-" + std::to_string(getpid());
   std::string vrfTable_ = "test-arpvrf-tool-" + std::to_string(getpid());
   Mox::Ptr<Status> arp_ = statusFactory(table_, 64);
-  Mox::Ptr<Vrf::VrfIdMap::Writer> vrfs_ =
-      Vrf::VrfIdMap::writerFactory(Vrf::VrfIdMap::statusFactory(vrfTable_), vrfTable_);
 };
 
 TEST_F(ArpCommand, ShowPrintsTheMirroredTreePerVrfAndInterface) {
   Korva::IntfIdMgr::ensureInitialized();
-  const VrfId blue = vrfs_->vrfIs("blue");
+  const VrfId blue =
+      Vrf::VrfIdMap::writerFactory(Vrf::VrfIdMap::statusFactory(vrfTable_), vrfTable_)
+          ->vrfIs("blue");
   add(VrfId(0), "Ethernet1", "10.0.0.1", true);
   add(VrfId(0), "Ethernet1", "fe80::1", false);
   add(blue, "Ethernet2/1", "10.1.0.1", false);
@@ -58,6 +70,23 @@ TEST_F(ArpCommand, ShowPrintsTheMirroredTreePerVrfAndInterface) {
   EXPECT_EQ(blueOnly, nlohmann::json::parse(R"({"blue": {"Ethernet2/1": [{"address": "10.1.0.1",
       "ethAddr": "00:00:00:00:00:07", "static": false, "source": "dynamic"}]}})"));
   EXPECT_EQ(run("--table ../bad show").status, 1);
+}
+
+TEST_F(ArpCommand, PublishAndWatchFollowIpNeigh) {
+  SocketTest::ScopedNs ns("arptool");
+  if (!ns.created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create namespaces";
+  ASSERT_TRUE(ns.ip("link add et1 type veth peer name et2") && ns.ip("link set et1 up"));
+  ASSERT_TRUE(ns.ip("neigh add fd00::5 lladdr 00:00:00:00:00:05 dev et1 nud permanent"));
+  auto publisher = start({"publish", ns.name()});
+  ASSERT_TRUE(publisher->prints("publishing 1 neighbours of " + ns.name())) << publisher->drained();
+  auto watch = start({"watch"});
+  EXPECT_TRUE(watch->prints("+ default Ethernet1 fd00::5 00:00:00:00:00:05 static cli\n"));
+  ASSERT_TRUE(ns.ip("neigh add 10.0.0.6 lladdr 00:00:00:00:00:06 dev et1 nud reachable"));
+  EXPECT_TRUE(watch->prints("+ default Ethernet1 10.0.0.6 00:00:00:00:00:06 dynamic dynamic\n"));
+  ASSERT_TRUE(ns.ip("neigh del fd00::5 dev et1"));
+  EXPECT_TRUE(watch->prints("- default Ethernet1 fd00::5\n")) << watch->drained();
+  EXPECT_EQ(watch->interrupt(), 0);
+  EXPECT_EQ(publisher->interrupt(), 0);
 }
 
 }  // namespace
