@@ -13,7 +13,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -84,21 +83,14 @@ int show(const ArpOptions& options) {
   return 0;
 }
 
-volatile std::sig_atomic_t stopRequested = 0;
-
 int watch(const ArpOptions& options) {
   Mirror mirror(options);
-  std::vector<ArpRow> before;
-  auto stop = [](int) { stopRequested = 1; };
-  std::signal(SIGINT, stop);
-  std::signal(SIGTERM, stop);
-  while (!stopRequested) {
-    std::vector<ArpRow> now = arpRows(*mirror.dir);
-    std::fputs(arpRowChanges(before, now).c_str(), stdout);
+  ArpTreeWatcher printer(mirror.dir.get(), [](const std::string& line) {
+    std::printf("%s\n", line.c_str());
     std::fflush(stdout);
-    before = std::move(now);
-    Mox::runOnce(0.2);
-  }
+  });
+  stopLoopOnSignals();
+  Mox::ActivityManagerConfig::current()->run();
   return 0;
 }
 

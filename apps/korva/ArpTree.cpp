@@ -1,7 +1,6 @@
 #include "ArpTree.h"
 
-#include <map>
-#include <tuple>
+#include <set>
 
 namespace KorvaTool {
 
@@ -11,19 +10,27 @@ std::string describe(const ArpRow& row) {
   return row.address + " " + row.ethAddr + (row.isStatic ? " static " : " dynamic ") + row.source;
 }
 
+template <class Addr, class Entry>
+ArpRow rowOf(const std::string& vrf, const std::string& intf, const Addr& addr,
+             const Entry& entry) {
+  return {vrf,
+          intf,
+          addr.stringValue(),
+          entry.ethAddr().stringValue(),
+          entry.isStatic(),
+          entry.source().stringValue()};
+}
+
 // Calls fn(vrf, interface, rows of the interface) for every interface of the tree.
 template <class Fn>
 void forEachIntf(const Arp::ArpVrfStatusDir& dir, Fn&& fn) {
   for (const auto& [vrf, vrfStatus] : dir.vrfStatusColl()) {
     for (const auto& [intf, status] : vrfStatus->arpIntfStatusColl()) {
       std::vector<ArpRow> rows;
-      for (const auto& [ip, entry] : status->arpEntryColl()) {
-        rows.push_back({vrf, intf, ip.stringValue(), entry.ethAddr().stringValue(),
-                        entry.isStatic(), entry.source().stringValue()});
-      }
+      for (const auto& [ip, entry] : status->arpEntryColl())
+        rows.push_back(rowOf(vrf, intf, ip, entry));
       for (const auto& [ip6, entry] : status->ip6NeighborEntryColl()) {
-        rows.push_back({vrf, intf, ip6.stringValue(), entry.ethAddr().stringValue(),
-                        entry.isStatic(), entry.source().stringValue()});
+        rows.push_back(rowOf(vrf, intf, ip6, entry));
       }
       fn(vrf, intf, rows);
     }
@@ -55,24 +62,85 @@ std::string arpTreeText(const Arp::ArpVrfStatusDir& dir) {
   return text;
 }
 
-std::string arpRowChanges(const std::vector<ArpRow>& before, const std::vector<ArpRow>& now) {
-  auto byEntry = [](const std::vector<ArpRow>& rows) {
-    std::map<std::tuple<std::string, std::string, std::string>, const ArpRow*> index;
-    for (const ArpRow& row : rows) index[{row.vrf, row.intf, row.address}] = &row;
-    return index;
-  };
-  const auto was = byEntry(before), is = byEntry(now);
-  std::string text;
-  for (const auto& [entry, row] : was) {
-    if (!is.count(entry)) text += "- " + row->vrf + " " + row->intf + " " + row->address + "\n";
+// The entries of one interface: each printed as it comes, changes and goes.
+class ArpTreeWatcher::IntfWatcher : public Arp::ArpIntfStatus::Notifiee {
+ public:
+  IntfWatcher(const Printer& print, std::string vrf, Arp::ArpIntfStatus* status)
+      : print_(print), vrf_(std::move(vrf)) {
+    notifierIs(status);
+    for (const auto& [ip, entry] : status->arpEntryColl()) onArpEntry(ip);
+    for (const auto& [ip6, entry] : status->ip6NeighborEntryColl()) onIp6NeighborEntry(ip6);
   }
-  for (const auto& [entry, row] : is) {
-    const auto old = was.find(entry);
-    if (old == was.end() || !(*old->second == *row)) {
-      text += "+ " + row->vrf + " " + row->intf + " " + describe(*row) + "\n";
+  void onArpEntry(const Korva::IpAddr& ip) override {
+    show(ip, notifier()->arpEntryColl().find(ip), notifier()->arpEntryColl().end());
+  }
+  void onIp6NeighborEntry(const Korva::Ip6Addr& ip6) override {
+    show(ip6, notifier()->ip6NeighborEntryColl().find(ip6),
+         notifier()->ip6NeighborEntryColl().end());
+  }
+  // The interface went: so did everything shown of it.
+  void forget() {
+    for (const std::string& address : shown_) print_("- " + prefix() + address);
+    shown_.clear();
+  }
+
+ private:
+  std::string prefix() const { return vrf_ + " " + notifier()->name() + " "; }
+  template <class Addr, class Found>
+  void show(const Addr& addr, Found found, Found end) {
+    const std::string address = addr.stringValue();
+    if (found == end) {
+      if (shown_.erase(address)) print_("- " + prefix() + address);
+      return;
+    }
+    shown_.insert(address);
+    print_("+ " + prefix() + describe(rowOf(vrf_, notifier()->name(), addr, found->second)));
+  }
+
+  const Printer& print_;
+  std::string vrf_;
+  std::set<std::string> shown_;
+};
+
+// The interfaces of one VRF.
+class ArpTreeWatcher::VrfWatcher : public Arp::NeighborDir::Notifiee {
+ public:
+  VrfWatcher(const Printer& print, Arp::NeighborDir* status) : print_(print) {
+    notifierIs(status);
+    for (const auto& [intf, intfStatus] : status->arpIntfStatusColl()) onArpIntfStatus(intf);
+  }
+  ~VrfWatcher() override {
+    for (auto& [intf, watcher] : intfs_) watcher->forget();
+  }
+  void onArpIntfStatus(const Mox::Name& intf) override {
+    auto known = intfs_.find(intf);
+    if (known != intfs_.end()) {
+      known->second->forget();
+      intfs_.erase(known);
+    }
+    if (Mox::Ptr<Arp::ArpIntfStatus> status = notifier()->arpIntfStatus(intf)) {
+      intfs_[intf] = std::make_unique<IntfWatcher>(print_, notifier()->name(), status.get());
     }
   }
-  return text;
+
+ private:
+  const Printer& print_;
+  std::map<std::string, std::unique_ptr<IntfWatcher>> intfs_;
+};
+
+ArpTreeWatcher::ArpTreeWatcher(Arp::ArpVrfStatusDir* dir, Printer print)
+    : print_(std::move(print)) {
+  notifierIs(dir);
+  for (const auto& [vrf, status] : dir->vrfStatusColl()) onVrfStatus(vrf);
+}
+
+ArpTreeWatcher::~ArpTreeWatcher() = default;
+
+void ArpTreeWatcher::onVrfStatus(const Mox::Name& vrf) {
+  vrfs_.erase(vrf);
+  if (Mox::Ptr<Arp::NeighborDir> status = notifier()->vrfStatus(vrf)) {
+    vrfs_[vrf] = std::make_unique<VrfWatcher>(print_, status.get());
+  }
 }
 
 }  // namespace KorvaTool

@@ -3,6 +3,9 @@
 
 #include <Arp/ArpShim.h>
 
+#include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,7 +19,6 @@ struct ArpRow {
   std::string ethAddr;
   bool isStatic = false;
   std::string source;
-  bool operator==(const ArpRow&) const = default;
 };
 
 // Every entry, by VRF, interface and address (IPv4 before IPv6).
@@ -25,8 +27,22 @@ std::vector<ArpRow> arpRows(const Arp::ArpVrfStatusDir& dir);
 // The tree, indented: "vrf NAME", "  INTERFACE", "    ADDRESS ETHADDR static|dynamic SOURCE".
 std::string arpTreeText(const Arp::ArpVrfStatusDir& dir);
 
-// One line per difference: "+ VRF INTERFACE ADDRESS ETHADDR static|dynamic SOURCE" for a new
-// or changed entry, "- VRF INTERFACE ADDRESS" for one that went.
-std::string arpRowChanges(const std::vector<ArpRow>& before, const std::vector<ArpRow>& now);
+// Follows the tree through the model's notifications, from the entries it holds now, and
+// hands `print` one line per change: "+ VRF INTERFACE ADDRESS ETHADDR static|dynamic SOURCE"
+// for an entry that came or changed, "- VRF INTERFACE ADDRESS" for one that went, also when
+// its interface or VRF went (which takes the entries without a notification of each).
+class ArpTreeWatcher : public Arp::ArpVrfStatusDir::Notifiee {
+ public:
+  using Printer = std::function<void(const std::string& line)>;
+  ArpTreeWatcher(Arp::ArpVrfStatusDir* dir, Printer print);
+  ~ArpTreeWatcher() override;
+  void onVrfStatus(const Mox::Name& vrf) override;
+
+ private:
+  class VrfWatcher;
+  class IntfWatcher;
+  Printer print_;
+  std::map<std::string, std::unique_ptr<VrfWatcher>> vrfs_;
+};
 
 }  // namespace KorvaTool
