@@ -251,7 +251,9 @@ void KernelNeighbors::handleNeighbor(const nlmsghdr& message) {
   if (!hasAddr) return static_cast<void>(++malformed_);
   if (addr.isMulticast() || addr.isUnspecified()) return;
   const Neighbor key{neighbor->ndm_ifindex, addr};
-  const bool unusable = neighbor->ndm_state & (NUD_INCOMPLETE | NUD_FAILED | NUD_NONE);
+  // NUD_NONE is no bit but the state without any.
+  const bool unusable =
+      neighbor->ndm_state == NUD_NONE || (neighbor->ndm_state & (NUD_INCOMPLETE | NUD_FAILED));
   if (message.nlmsg_type == RTM_DELNEIGH || !hasEth || unusable) return withdraw(key);
   publish(key, ethAddr, neighbor->ndm_state & NUD_PERMANENT);
 }

@@ -172,6 +172,10 @@ TEST_F(KernelNeighborsTest, DamagedMessagesAreCountedNeverTrusted) {
   std::vector<Mox::U8> real = newNeighborMessage(et1);
   publisher_->handleDatagram(real.data(), real.size());
   EXPECT_TRUE(present(true, "Ethernet1", "10.0.0.7"));
+  // The same neighbour in a state without any bit set is no longer usable.
+  static_cast<ndmsg*>(NLMSG_DATA(reinterpret_cast<nlmsghdr*>(real.data())))->ndm_state = NUD_NONE;
+  publisher_->handleDatagram(real.data(), real.size());
+  EXPECT_FALSE(present(true, "Ethernet1", "10.0.0.7"));
 }
 
 }  // namespace
