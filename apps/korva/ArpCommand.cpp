@@ -42,8 +42,7 @@ int publish(const ArpOptions& options) {
   // The VRF id map's writer: kernel VRF devices get their ids here.
   auto vrfs = Vrf::VrfIdMap::writerFactory(openVrfTable(options), options.vrfTable);
   Arp::KernelNeighbors publisher(openTable(options), vrfs, Korva::NamespaceName(options.netNs));
-  auto loop = Mox::ActivityManagerConfig::current();
-  stopLoopOnSignals();
+  stopLoopOnSignals();  // also while the first dump comes
   if (!Mox::runUntil([&] { return publisher.synced(); }, 10.0)) {
     std::fprintf(stderr, "korva arp: no neighbour dump from the kernel\n");
     return 1;
@@ -51,7 +50,7 @@ int publish(const ArpOptions& options) {
   std::printf("publishing %zu neighbours of %s\n", publisher.size(),
               options.netNs.empty() ? "this namespace" : options.netNs.c_str());
   std::fflush(stdout);
-  loop->run();
+  runUntilSignal();
   return 0;
 }
 
@@ -89,8 +88,7 @@ int watch(const ArpOptions& options) {
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   });
-  stopLoopOnSignals();
-  Mox::ActivityManagerConfig::current()->run();
+  runUntilSignal();
   return 0;
 }
 

@@ -44,4 +44,10 @@ inline void stopLoopOnSignals() {
   std::signal(SIGTERM, stop);
 }
 
+// Runs this thread's event loop until SIGINT or SIGTERM.
+inline void runUntilSignal() {
+  stopLoopOnSignals();
+  Mox::ActivityManagerConfig::current()->run();
+}
+
 }  // namespace KorvaTool

@@ -87,8 +87,7 @@ int watch(const VrfOptions& options) {
   auto status = statusFactory(options.table, capacityOf(options.table));
   Printer printer;
   printer.notifierIs(status->vrfIdToNameWatcher());
-  stopLoopOnSignals();
-  Mox::ActivityManagerConfig::current()->run();
+  runUntilSignal();
   return 0;
 }
 
