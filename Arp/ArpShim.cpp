@@ -10,7 +10,7 @@ namespace {
 
 Mox::TraceHandle trace("ArpShim");
 
-const Mox::String8 kDefaultVrf = "default";
+const Mox::String8 defaultVrfName = "default";
 
 }  // namespace
 
@@ -118,7 +118,7 @@ const Mox::String8* ArpShimSm::vrfNameOf(VrfId vrfId, bool isArp) const {
     MOX_TRACE(trace, 5, "  don't care about this IP version");
     return nullptr;
   }
-  const Mox::String8* name = &kDefaultVrf;
+  const Mox::String8* name = &defaultVrfName;
   if (vrfId != VrfId::defaultVrf()) {
     const auto& names = vrfIdReverseMapper()->vrfIdToNameCacheColl();
     const auto found = names.find(vrfId);
@@ -144,7 +144,7 @@ void ArpShimSm::addArpOrNeighEntry(const Table::ArpEntry& entry, bool isArp) {
 Mox::Ptr<NeighborDir> ArpShimSm::vrfStatus(const Mox::String8& name) {
   if (Mox::Ptr<NeighborDir> status = arpVrfStatusDir()->vrfStatus(name)) return status;
   MOX_TRACE(trace, 5, "  creating vrfStatus for vrf " << name);
-  const bool own = vrfName().empty() ? name == kDefaultVrf : name == vrfName();
+  const bool own = vrfName().empty() ? name == defaultVrfName : name == vrfName();
   if (!own) return arpVrfStatusDir()->newVrfStatus(name);
   arpVrfStatusDir()->vrfStatusIs(name, arpStatus());
   return arpStatus();
@@ -225,7 +225,7 @@ void ArpShimSm::replay(const Mox::String8& name, VrfId vrfId, bool isArp) {
 
 void ArpShimSm::handleVrfDelete(const Mox::String8& name) {
   MOX_TRACE(trace, 3, " vrf: " << name);
-  if (name == kDefaultVrf) return;
+  if (name == defaultVrfName) return;
   const Mox::Ptr<NeighborDir> status = arpVrfStatusDir()->vrfStatus(name);
   if (!status) {
     MOX_TRACE(trace, 3, "  can't find vrfStatus entry for vrf " << name);

@@ -30,7 +30,7 @@ namespace {
 
 Mox::TraceHandle trace("KernelNeighbors");
 
-constexpr int kReceiveBuffer = 4 << 20;  // a burst of changes fits; an overrun re-dumps
+constexpr int receiveBufferBytes = 4 << 20;  // a burst of changes fits; an overrun re-dumps
 
 // Calls fn(type, payload, length) for each attribute in [data, data + length) that is whole;
 // stops at the first one that is not (the kernel's bytes are checked, never trusted).
@@ -93,7 +93,7 @@ KernelNeighbors::KernelNeighbors(const Mox::Ptr<Table::Status>& table,
   if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
     throw Mox::ErrnoException(errno, "bind(NETLINK_ROUTE)");
   }
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer) != 0) {
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes, sizeof receiveBufferBytes) != 0) {
     throw Mox::ErrnoException(errno, "setsockopt(SO_RCVBUF)");
   }
   reactor_ = std::make_unique<Reactor>(*this);

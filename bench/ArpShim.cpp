@@ -27,17 +27,17 @@ using Arp::Table::ArpKey;
 using Vrf::VrfIdMap::VrfId;
 using Clock = std::chrono::steady_clock;
 
-constexpr Mox::U32 kEntries = 100000;
-constexpr Mox::U32 kChunk = 1000;
-constexpr int kInterfaces = 50;
+constexpr Mox::U32 entryCount = 100000;
+constexpr Mox::U32 chunkSize = 1000;
+constexpr int interfaceCount = 50;
 
 using BareMirror = std::map<VrfId, std::map<Korva::IntfId, std::map<Korva::IpGenAddr, ArpEntry>>>;
 
 struct Setup {
   Setup() {
     Korva::IntfIdMgr::ensureInitialized();
-    for (Mox::U32 i = 0; i < kEntries; ++i) {
-      const Korva::IntfId intf("Ethernet" + std::to_string(1 + i % kInterfaces));
+    for (Mox::U32 i = 0; i < entryCount; ++i) {
+      const Korva::IntfId intf("Ethernet" + std::to_string(1 + i % interfaceCount));
       const ArpKey key(VrfId(0), intf, Korva::IpGenAddr(Korva::IpAddr(0x0a000000 + i + 1)));
       keys.push_back(key);
       arp->arpEntryIs(ArpEntry(key, Korva::EthAddr(0, 0, 1), false, false, Arp::ArpSource()));
@@ -52,7 +52,7 @@ struct Setup {
   }
   const std::string arpName = "bench-arp-" + std::to_string(getpid());
   const std::string vrfName = "bench-arpvrf-" + std::to_string(getpid());
-  Mox::Ptr<Arp::Table::Status> arp = Arp::Table::statusFactory(arpName, kEntries * 4 / 3);
+  Mox::Ptr<Arp::Table::Status> arp = Arp::Table::statusFactory(arpName, entryCount * 4 / 3);
   Mox::Ptr<Vrf::VrfIdMap::Status> vrfStatus = Vrf::VrfIdMap::statusFactory(vrfName);
   Mox::Ptr<Vrf::VrfIdMap::Writer> vrfWriter;
   std::vector<ArpKey> keys;
@@ -64,7 +64,7 @@ void mirrorBare(BareMirror& mirror, const ArpEntry& entry) {
 }
 
 double entriesPerSecond(Clock::duration d) {
-  return kEntries / std::chrono::duration<double>(d).count();
+  return entryCount / std::chrono::duration<double>(d).count();
 }
 
 // How long fn() takes.
@@ -88,7 +88,7 @@ void bothSides(bool oursFirst, Ours&& ours, Bare&& bare, Clock::duration& oursTi
 void BM_ArpShim(benchmark::State& state) {
   Setup setup;
   // A second handle on the tables, as another process would have: the bare loop's reader.
-  auto reader = Arp::Table::statusFactory(setup.arpName, kEntries * 4 / 3);
+  auto reader = Arp::Table::statusFactory(setup.arpName, entryCount * 4 / 3);
   auto best = [](Clock::duration& b, Clock::duration d) { b = std::min(b, d); };
   Clock::duration walk = Clock::duration::max(), bareWalk = walk, change = walk, bareChange = walk;
   Mox::U16 mac = 1;
@@ -111,18 +111,18 @@ void BM_ArpShim(benchmark::State& state) {
         ours, baseline);
     best(walk, ours);
     best(bareWalk, baseline);
-    MOX_ASSERT(dir->vrfStatus("default")->arpIntfStatusSize() == kInterfaces);
+    MOX_ASSERT(dir->vrfStatus("default")->arpIntfStatusSize() == interfaceCount);
 
     ++mac;
     ours = baseline = {};
-    for (Mox::U32 from = 0; from < kEntries; from += kChunk) {
-      for (Mox::U32 i = from; i < from + kChunk; ++i) {
+    for (Mox::U32 from = 0; from < entryCount; from += chunkSize) {
+      for (Mox::U32 i = from; i < from + chunkSize; ++i) {
         setup.arp->arpEntryIs(
             ArpEntry(setup.keys[i], Korva::EthAddr(0, 0, mac), false, false, Arp::ArpSource()));
       }
-      const ArpKey& last = setup.keys[from + kChunk - 1];
+      const ArpKey& last = setup.keys[from + chunkSize - 1];
       auto intf = dir->vrfStatus("default")->arpIntfStatus(last.intfId().stringValue());
-      bothSides((from / kChunk) % 2 == 0,
+      bothSides((from / chunkSize) % 2 == 0,
                 [&] {
                   MOX_ASSERT(Mox::runUntil(
                       [&] {
@@ -132,7 +132,7 @@ void BM_ArpShim(benchmark::State& state) {
                       10.0));
                 },
                 [&] {
-                  for (Mox::U32 i = from; i < from + kChunk; ++i) {
+                  for (Mox::U32 i = from; i < from + chunkSize; ++i) {
                     mirrorBare(bare, reader->arpEntry(setup.keys[i]));
                   }
                 },

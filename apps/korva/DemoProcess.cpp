@@ -43,7 +43,7 @@ KorvaProcess::~KorvaProcess() {
 std::vector<std::string> KorvaProcess::readUntil(
     const std::string& label, const std::function<bool(const std::vector<std::string>&)>& done) {
   std::vector<std::string> lines;
-  const double deadline = Mox::monotonicNow() + kPatience;
+  const double deadline = Mox::monotonicNow() + patience;
   while (output_ >= 0 && !done(lines) && Mox::monotonicNow() < deadline) {
     for (size_t end; (end = partial_.find('\n')) != std::string::npos && !done(lines);
          partial_.erase(0, end + 1)) {
@@ -68,7 +68,7 @@ std::vector<std::string> KorvaProcess::readLines(size_t count, const std::string
 
 int KorvaProcess::finish() {
   if (!started() || status_ != -1) return status_;
-  const double deadline = Mox::monotonicNow() + kPatience;
+  const double deadline = Mox::monotonicNow() + patience;
   int status = 0;
   while (waitpid(pid_, &status, WNOHANG) == 0) {
     if (Mox::monotonicNow() > deadline) {

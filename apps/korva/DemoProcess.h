@@ -13,7 +13,7 @@ namespace KorvaTool {
 
 class KorvaProcess {
  public:
-  static constexpr double kPatience = 10.0;  // seconds any one wait may take
+  static constexpr double patience = 10.0;  // seconds any one wait may take
 
   // Starts `korva ARGUMENTS`, its standard output on a pipe when `capture`.
   KorvaProcess(const std::vector<std::string>& arguments, bool capture);
