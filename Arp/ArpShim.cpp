@@ -80,9 +80,14 @@ void ArpShimSm::handleInitialized() {
   vrfReactor_ = std::make_unique<VrfReactor>(*this);
   vrfReactor_->notifierIs(vrfNameToIdMap().get());
   vrfIdReverseMapperIs(Vrf::VrfIdMap::reverseMapperFactory(vrfIdStatus(), vrfNameToIdMap()));
-  // The names known now come before any entry; the initial walks below cover their VRFs.
+  // The names known now come before any entry (their creation finds the shim not yet
+  // initialised): each VRF of interest gets its status here, as a VRF named later does, and
+  // the initial walks below bring their entries, which a replay per VRF would only repeat.
   vrfIdReverseMapper()->watcher()->sync();
   initializedIs(true);
+  for (const auto& [name, vrfId] : vrfNameToIdMap()->vrfNameToIdColl()) {
+    if (isVrfOfInterest(name)) vrfStatus(name);
+  }
   // Each watcher's first report is the whole map: the initial walk, IPv4 first.
   auto v4Watcher = arpCairn()->arpEntryWatcher();
   auto v6Watcher = arpCairn()->neighborEntryWatcher();
