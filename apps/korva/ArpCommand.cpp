@@ -71,12 +71,19 @@ int show(const ArpOptions& options) {
     std::fputs(arpTreeText(*mirror.dir).c_str(), stdout);
     return 0;
   }
+  // Every VRF and interface, as in the text, also those without entries.
   nlohmann::ordered_json tree = nlohmann::ordered_json::object();
-  for (const ArpRow& row : arpRows(*mirror.dir)) {
-    tree[row.vrf][row.intf].push_back({{"address", row.address},
-                                       {"ethAddr", row.ethAddr},
-                                       {"static", row.isStatic},
-                                       {"source", row.source}});
+  for (const auto& [vrf, vrfStatus] : mirror.dir->vrfStatusColl()) {
+    tree[vrf] = nlohmann::ordered_json::object();
+    for (const auto& [intf, status] : vrfStatus->arpIntfStatusColl()) {
+      nlohmann::ordered_json& entries = tree[vrf][intf] = nlohmann::ordered_json::array();
+      for (const ArpRow& row : arpRows(vrf, *status)) {
+        entries.push_back({{"address", row.address},
+                           {"ethAddr", row.ethAddr},
+                           {"static", row.isStatic},
+                           {"source", row.source}});
+      }
+    }
   }
   std::printf("%s\n", tree.dump(2).c_str());
   return 0;

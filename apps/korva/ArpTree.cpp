@@ -21,44 +21,28 @@ ArpRow rowOf(const std::string& vrf, const std::string& intf, const Addr& addr,
           entry.source().stringValue()};
 }
 
-// Calls fn(vrf, interface, rows of the interface) for every interface of the tree.
-template <class Fn>
-void forEachIntf(const Arp::ArpVrfStatusDir& dir, Fn&& fn) {
-  for (const auto& [vrf, vrfStatus] : dir.vrfStatusColl()) {
-    for (const auto& [intf, status] : vrfStatus->arpIntfStatusColl()) {
-      std::vector<ArpRow> rows;
-      for (const auto& [ip, entry] : status->arpEntryColl())
-        rows.push_back(rowOf(vrf, intf, ip, entry));
-      for (const auto& [ip6, entry] : status->ip6NeighborEntryColl()) {
-        rows.push_back(rowOf(vrf, intf, ip6, entry));
-      }
-      fn(vrf, intf, rows);
-    }
-  }
-}
-
 }  // namespace
 
-std::vector<ArpRow> arpRows(const Arp::ArpVrfStatusDir& dir) {
-  std::vector<ArpRow> all;
-  forEachIntf(dir, [&](const std::string&, const std::string&, const std::vector<ArpRow>& rows) {
-    all.insert(all.end(), rows.begin(), rows.end());
-  });
-  return all;
+std::vector<ArpRow> arpRows(const std::string& vrf, const Arp::ArpIntfStatus& status) {
+  std::vector<ArpRow> rows;
+  for (const auto& [ip, entry] : status.arpEntryColl()) {
+    rows.push_back(rowOf(vrf, status.name(), ip, entry));
+  }
+  for (const auto& [ip6, entry] : status.ip6NeighborEntryColl()) {
+    rows.push_back(rowOf(vrf, status.name(), ip6, entry));
+  }
+  return rows;
 }
 
 std::string arpTreeText(const Arp::ArpVrfStatusDir& dir) {
-  std::string text, lastVrf;
+  std::string text;
   for (const auto& [vrf, vrfStatus] : dir.vrfStatusColl()) {
-    if (vrfStatus->arpIntfStatusSize() == 0) text += "vrf " + vrf + "\n";
+    text += "vrf " + vrf + "\n";
+    for (const auto& [intf, status] : vrfStatus->arpIntfStatusColl()) {
+      text += "  " + intf + "\n";
+      for (const ArpRow& row : arpRows(vrf, *status)) text += "    " + describe(row) + "\n";
+    }
   }
-  forEachIntf(
-      dir, [&](const std::string& vrf, const std::string& intf, const std::vector<ArpRow>& rows) {
-        if (vrf != lastVrf) text += "vrf " + vrf + "\n";
-        lastVrf = vrf;
-        text += "  " + intf + "\n";
-        for (const ArpRow& row : rows) text += "    " + describe(row) + "\n";
-      });
   return text;
 }
 

@@ -21,8 +21,8 @@ struct ArpRow {
   std::string source;
 };
 
-// Every entry, by VRF, interface and address (IPv4 before IPv6).
-std::vector<ArpRow> arpRows(const Arp::ArpVrfStatusDir& dir);
+// The entries of one interface status of the VRF, by address (IPv4 before IPv6).
+std::vector<ArpRow> arpRows(const std::string& vrf, const Arp::ArpIntfStatus& status);
 
 // The tree, indented: "vrf NAME", "  INTERFACE", "    ADDRESS ETHADDR static|dynamic SOURCE".
 std::string arpTreeText(const Arp::ArpVrfStatusDir& dir);

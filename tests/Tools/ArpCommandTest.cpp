@@ -53,9 +53,10 @@ class ArpCommand : public KorvaTest::KorvaTool {
 
 TEST_F(ArpCommand, ShowPrintsTheMirroredTreePerVrfAndInterface) {
   Korva::IntfIdMgr::ensureInitialized();
-  const VrfId blue =
-      Vrf::VrfIdMap::writerFactory(Vrf::VrfIdMap::statusFactory(vrfTable_), vrfTable_)
-          ->vrfIs("blue");
+  auto vrfs = Vrf::VrfIdMap::writerFactory(Vrf::VrfIdMap::statusFactory(vrfTable_), vrfTable_);
+  const VrfId blue = vrfs->vrfIs("blue");
+  vrfs->vrfIs("red");  // named, without entries
+  vrfs = nullptr;
   add(VrfId(0), "Ethernet1", "10.0.0.1", true);
   add(VrfId(0), "Ethernet1", "fe80::1", false);
   add(blue, "Ethernet2/1", "10.1.0.1", false);
@@ -65,7 +66,9 @@ TEST_F(ArpCommand, ShowPrintsTheMirroredTreePerVrfAndInterface) {
   EXPECT_EQ(all.output,
             "vrf blue\n  Ethernet2/1\n    10.1.0.1 00:00:00:00:00:07 dynamic dynamic\n"
             "vrf default\n  Ethernet1\n    10.0.0.1 00:00:00:00:00:07 static cli\n"
-            "    fe80::1 00:00:00:00:00:07 dynamic dynamic\n");
+            "    fe80::1 00:00:00:00:00:07 dynamic dynamic\nvrf red\n");
+  EXPECT_EQ(nlohmann::json::parse(show("--vrf red --json").output),
+            nlohmann::json::parse(R"({"red": {}})"));
   const auto blueOnly = nlohmann::json::parse(show("--vrf blue --json").output);
   EXPECT_EQ(blueOnly, nlohmann::json::parse(R"({"blue": {"Ethernet2/1": [{"address": "10.1.0.1",
       "ethAddr": "00:00:00:00:00:07", "static": false, "source": "dynamic"}]}})"));
