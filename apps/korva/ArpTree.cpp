@@ -93,18 +93,21 @@ class ArpTreeWatcher::VrfWatcher : public Arp::NeighborDir::Notifiee {
     notifierIs(status);
     for (const auto& [intf, intfStatus] : status->arpIntfStatusColl()) onArpIntfStatus(intf);
   }
-  ~VrfWatcher() override {
+  // The VRF went: so did its interfaces.
+  void forget() {
     for (auto& [intf, watcher] : intfs_) watcher->forget();
+    intfs_.clear();
   }
   void onArpIntfStatus(const Mox::Name& intf) override {
+    const Mox::Ptr<Arp::ArpIntfStatus> status = notifier()->arpIntfStatus(intf);
     auto known = intfs_.find(intf);
     if (known != intfs_.end()) {
+      if (known->second->notifier() == status.get()) return;  // notified, not replaced
       known->second->forget();
       intfs_.erase(known);
     }
-    if (Mox::Ptr<Arp::ArpIntfStatus> status = notifier()->arpIntfStatus(intf)) {
+    if (status)
       intfs_[intf] = std::make_unique<IntfWatcher>(print_, notifier()->name(), status.get());
-    }
   }
 
  private:
@@ -121,10 +124,14 @@ ArpTreeWatcher::ArpTreeWatcher(Arp::ArpVrfStatusDir* dir, Printer print)
 ArpTreeWatcher::~ArpTreeWatcher() = default;
 
 void ArpTreeWatcher::onVrfStatus(const Mox::Name& vrf) {
-  vrfs_.erase(vrf);
-  if (Mox::Ptr<Arp::NeighborDir> status = notifier()->vrfStatus(vrf)) {
-    vrfs_[vrf] = std::make_unique<VrfWatcher>(print_, status.get());
+  const Mox::Ptr<Arp::NeighborDir> status = notifier()->vrfStatus(vrf);
+  auto known = vrfs_.find(vrf);
+  if (known != vrfs_.end()) {
+    if (known->second->notifier() == status.get()) return;  // notified, not replaced
+    known->second->forget();
+    vrfs_.erase(known);
   }
+  if (status) vrfs_[vrf] = std::make_unique<VrfWatcher>(print_, status.get());
 }
 
 }  // namespace KorvaTool

@@ -89,6 +89,8 @@ TEST_F(ArpCommand, PublishAndWatchFollowIpNeigh) {
   ASSERT_TRUE(ns.ip("neigh del fd00::5 dev et1"));
   EXPECT_TRUE(watch->prints("- default Ethernet1 fd00::5\n")) << watch->drained();
   EXPECT_EQ(watch->interrupt(), 0);
+  // Stopping the watch is no removal of what it showed.
+  EXPECT_EQ(watch->drained().find("- default Ethernet1 10.0.0.6"), std::string::npos);
   EXPECT_EQ(publisher->interrupt(), 0);
 }
 
