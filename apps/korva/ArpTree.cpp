@@ -21,6 +21,21 @@ ArpRow rowOf(const std::string& vrf, const std::string& intf, const Addr& addr,
           entry.source().stringValue()};
 }
 
+// Keeps `watchers[key]` on the key's child `status`: a child replaced or removed is forgotten
+// (its entries print as gone) and a new one gets a watcher from make(child); a child that
+// was only notified keeps its watcher.
+template <class Watcher, class Status, class Make>
+void follow(std::map<std::string, std::unique_ptr<Watcher>>& watchers, const std::string& key,
+            const Mox::Ptr<Status>& status, Make&& make) {
+  auto known = watchers.find(key);
+  if (known != watchers.end()) {
+    if (known->second->notifier() == status.get()) return;
+    known->second->forget();
+    watchers.erase(known);
+  }
+  if (status) watchers[key] = make(status.get());
+}
+
 }  // namespace
 
 std::vector<ArpRow> arpRows(const std::string& vrf, const Arp::ArpIntfStatus& status) {
@@ -99,15 +114,9 @@ class ArpTreeWatcher::VrfWatcher : public Arp::NeighborDir::Notifiee {
     intfs_.clear();
   }
   void onArpIntfStatus(const Mox::Name& intf) override {
-    const Mox::Ptr<Arp::ArpIntfStatus> status = notifier()->arpIntfStatus(intf);
-    auto known = intfs_.find(intf);
-    if (known != intfs_.end()) {
-      if (known->second->notifier() == status.get()) return;  // notified, not replaced
-      known->second->forget();
-      intfs_.erase(known);
-    }
-    if (status)
-      intfs_[intf] = std::make_unique<IntfWatcher>(print_, notifier()->name(), status.get());
+    follow(intfs_, intf, notifier()->arpIntfStatus(intf), [&](Arp::ArpIntfStatus* status) {
+      return std::make_unique<IntfWatcher>(print_, notifier()->name(), status);
+    });
   }
 
  private:
@@ -124,14 +133,8 @@ ArpTreeWatcher::ArpTreeWatcher(Arp::ArpVrfStatusDir* dir, Printer print)
 ArpTreeWatcher::~ArpTreeWatcher() = default;
 
 void ArpTreeWatcher::onVrfStatus(const Mox::Name& vrf) {
-  const Mox::Ptr<Arp::NeighborDir> status = notifier()->vrfStatus(vrf);
-  auto known = vrfs_.find(vrf);
-  if (known != vrfs_.end()) {
-    if (known->second->notifier() == status.get()) return;  // notified, not replaced
-    known->second->forget();
-    vrfs_.erase(known);
-  }
-  if (status) vrfs_[vrf] = std::make_unique<VrfWatcher>(print_, status.get());
+  follow(vrfs_, vrf, notifier()->vrfStatus(vrf),
+         [&](Arp::NeighborDir* status) { return std::make_unique<VrfWatcher>(print_, status); });
 }
 
 }  // namespace KorvaTool
