@@ -1,6 +1,6 @@
 #include <Cairn/Watcher.h>
 
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 namespace Cairn {
@@ -51,24 +51,30 @@ void WatcherCore::sync() {
   Mox::Ptr<WatcherCore> keepAlive(this);
   receiver_.acknowledge(fd_->descriptor());
   std::vector<U8> keys;
-  if (!walked_ || !reader_.changesSince(cursor_, keys)) {
+  std::vector<bool> notified;
+  if (!walked_ || !reader_.changesSince(cursor_, keys, notified)) {
     // The cursor has moved to the ring's head: changes from here on come by the ring.
     resyncs_ += walked_;
     walked_ = true;
     return walk();
   }
+  // Each key once, in the order of its first record, announced if any record announced it.
   const size_t keySize = reader_.shape().keySize;
-  std::unordered_set<std::string> done;
-  for (size_t offset = 0; offset < keys.size(); offset += keySize) {
+  std::vector<std::string> order;
+  std::unordered_map<std::string, bool> announced;
+  for (size_t offset = 0, at = 0; offset < keys.size(); offset += keySize, ++at) {
     std::string key(reinterpret_cast<const char*>(&keys[offset]), keySize);
-    if (done.insert(key).second) examine(key);
+    auto [entry, added] = announced.try_emplace(key, false);
+    entry->second = entry->second || notified[at];
+    if (added) order.push_back(std::move(key));
   }
+  for (const std::string& key : order) examine(key, announced[key]);
 }
 
-void WatcherCore::examine(const std::string& key) {
+void WatcherCore::examine(const std::string& key, bool announced) {
   std::string value(reader_.shape().valueSize, '\0');
   const bool present = reader_.find(key.data(), value.data());
-  report(key, present ? std::optional<std::string_view>(value) : std::nullopt);
+  report(key, present ? std::optional<std::string_view>(value) : std::nullopt, announced);
 }
 
 void WatcherCore::walk() {
@@ -99,7 +105,8 @@ void WatcherCore::walk() {
   }
 }
 
-void WatcherCore::report(std::string_view key, std::optional<std::string_view> value) {
+void WatcherCore::report(std::string_view key, std::optional<std::string_view> value,
+                         bool announced) {
   const auto found = seen_.find(key);
   const size_t keySize = key.size();
   if (!value) {
@@ -115,7 +122,7 @@ void WatcherCore::report(std::string_view key, std::optional<std::string_view> v
     std::memcpy(record + keySize, value->data(), value->size());
     seen_.emplace(std::string_view(record, keySize), Seen{record, walks_});
   } else if (std::memcmp(found->second.record + keySize, value->data(), value->size()) == 0) {
-    return;
+    if (!announced) return;
   } else {
     std::memcpy(found->second.record + keySize, value->data(), value->size());
   }

@@ -2,8 +2,9 @@
 // A reader that follows a table's changes from its own event loop. It keeps its own copy
 // of what it last saw of each key and reports every key whose value differs from that
 // copy: on its first turn the whole table, then the keys of each batch of changes, and
-// after falling behind the change ring, the differences found by a full walk. Several
-// changes of a key may arrive as one report, but the reported value is always the latest.
+// after falling behind the change ring, the differences found by a full walk; and a key
+// the writer announces without a change (notify) with its present value. Several changes
+// of a key may arrive as one report, but the reported value is always the latest.
 //
 //   struct Printer : Cairn::Watcher<U32, Entry>::Notifiee {
 //     void onEntry(const U32& key, const Entry* value) override { ... }  // null: removed
@@ -46,9 +47,10 @@ class WatcherCore : public Mox::Entity {
  private:
   class Wakeup;
   void walk();
-  void examine(const std::string& key);
-  // Reports `key` if `value` (none: the key is absent) differs from what was seen last.
-  void report(std::string_view key, std::optional<std::string_view> value);
+  void examine(const std::string& key, bool announced);
+  // Reports `key` if `value` (none: the key is absent) differs from what was seen last, or
+  // when `announced`, if it is present.
+  void report(std::string_view key, std::optional<std::string_view> value, bool announced = false);
 
   TableReaderCore reader_;
   WakeReceiver receiver_;
