@@ -124,6 +124,10 @@ void EntryMap::entryDelAll() {
   writer().clear();
 }
 
+void EntryMap::entryNotify(const ArpKey& key) {
+  writer().notify(key);
+}
+
 Mox::Ptr<EntryMap::Watcher> EntryMap::watcher() {
   try {
     reader();

@@ -138,6 +138,9 @@ class EntryMap {
   void entryIs(const ArpEntry& entry);
   void entryDel(const ArpKey& key);
   void entryDelAll();
+  // Announces the key to the readers without a change: their watchers (and the shims on
+  // them) handle its present entry again.
+  void entryNotify(const ArpKey& key);
   // A watcher of the table for a reader in this process, making the table when missing.
   Mox::Ptr<Watcher> watcher();
 
@@ -167,11 +170,13 @@ class Status : public Mox::Entity {
   void arpEntryIs(const ArpEntry& entry) { arpEntry_.entryIs(entry); }
   void arpEntryDel(const ArpKey& key) { arpEntry_.entryDel(key); }
   void arpEntryDelAll() { arpEntry_.entryDelAll(); }
+  void arpEntryNotify(const ArpKey& key) { arpEntry_.entryNotify(key); }
   Mox::Ptr<EntryMap::Watcher> arpEntryWatcher() { return arpEntry_.watcher(); }
   ArpEntry neighborEntry(const ArpKey& key) const { return neighborEntry_.find(key); }
   void neighborEntryIs(const ArpEntry& entry) { neighborEntry_.entryIs(entry); }
   void neighborEntryDel(const ArpKey& key) { neighborEntry_.entryDel(key); }
   void neighborEntryDelAll() { neighborEntry_.entryDelAll(); }
+  void neighborEntryNotify(const ArpKey& key) { neighborEntry_.entryNotify(key); }
   Mox::Ptr<EntryMap::Watcher> neighborEntryWatcher() { return neighborEntry_.watcher(); }
 
   // Removes both tables from shared memory (readers keep what they have mapped).

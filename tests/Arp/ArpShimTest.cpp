@@ -112,6 +112,10 @@ TEST_F(ArpShimTest, MirrorsEveryVrfAndFamilyAndReplaysLateVrfNames) {
   const Tree after{"default Ethernet1 10.0.0.1 static", "default Ethernet1 fe80::1 static",
                    "blue Ethernet2/1"};
   EXPECT_EQ(mirrored(after), after);
+  // An entry the agent dropped from its tree comes back when the writer announces its key.
+  arpStatus_->arpIntfStatus("Ethernet1")->ip6NeighborEntryDel(Korva::Ip6Addr("fe80::1"));
+  tellAll({"notify 6 0 Ethernet1 fe80::1"});
+  EXPECT_EQ(mirrored(after), after);
   shim_->handleVrfDelete("default");
   EXPECT_TRUE(dir_->vrfStatus("default"));
 

@@ -2,7 +2,7 @@
 //   arpPeer ARPTABLE VRFTABLE   reads commands from standard input, one per line, and
 //                               answers each with "ok" (or "error TEXT") once it is done:
 //     vrf add NAME | vrf del NAME
-//     set 4|6 VRFID INTF ADDR MAC STATIC(0|1) | del 4|6 VRFID INTF ADDR
+//     set 4|6 VRFID INTF ADDR MAC STATIC(0|1) | del|notify 4|6 VRFID INTF ADDR
 #include <Arp/ArpTable.h>
 #include <Korva/IntfIdDesc.h>
 #include <Mox/Exception.h>
@@ -39,6 +39,7 @@ void run(const std::string& line, Status& table, Vrf::VrfIdMap::Writer& vrfs) {
   const bool isArp = what == "4";
   const ArpKey key = readKey(words);
   if (command == "del") return table.entryMap(isArp).entryDel(key);
+  if (command == "notify") return table.entryMap(isArp).entryNotify(key);
   std::string mac;
   bool isStatic = false;
   words >> mac >> isStatic;
