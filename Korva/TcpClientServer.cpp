@@ -451,8 +451,9 @@ void TcpClientSm::restartRetryTimer() {
     interval = config_->kernelTcpTimeout();
   }
   restartRetryTimerImpl(interval);
-  status_->retryTimerNextIs(retryTimerExpireTime());
+  // The interval first, so a watcher of retryTimerNext sees the pair.
   status_->retryTimerIntervalIs(interval);
+  status_->retryTimerNextIs(retryTimerExpireTime());
 }
 
 void TcpClientSm::dropSocket() {
