@@ -156,9 +156,11 @@ U16 TcpPduPam::getPduSize() {
 
 Mox::Ptr<Pkt> TcpPduPam::newRxPkt() {
   Pkt::Manager* manager = globalPktManager();
-  Mox::Ptr<Pkt> pkt = manager->newPkt();
-  if (!pkt) return nullptr;
   const U32 capacity = maxPduLength();
+  // A packet with a default buffer when that is big enough; otherwise one buffer of the
+  // right size, and no default one made just to be dropped.
+  Mox::Ptr<Pkt> pkt = manager->bufferSize() >= capacity ? manager->newPkt() : new Pkt;
+  if (!pkt) return nullptr;
   if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
   MOX_ASSERT_TEXT(pkt->maxSharedData() >= maxPduLength(), "pkt->maxSharedData() >= maxPduLength()");
   // Room for the whole PDU after the (empty) data, so it is read in place.
@@ -178,18 +180,19 @@ TcpPduPamReadReturn TcpPduPam::readFromSocket() {
   const U16 pduTotalLength = getPduSize();
   if (pduTotalLength > maxPduLength()) return readError("PDU length too big");
   MOX_ASSERT_TEXT(pduTotalLength >= dataRead, "pduTotalLength >= dataRead");
-  rxRemainingLengthIs(U16(pduTotalLength - dataRead));
+  // Kept here and published once per read: watchers see it after each read.
+  const U16 remaining = U16(pduTotalLength - dataRead);
 
-  U8* tail = pkt.newSharedTailData(rxRemainingLength());
-  const ssize_t received = recv(fd()->descriptor(), tail, rxRemainingLength(), MSG_DONTWAIT);
-  pkt.delSharedTailData(U32(rxRemainingLength() - std::max<ssize_t>(received, 0)));
+  U8* tail = pkt.newSharedTailData(remaining);
+  const ssize_t received = recv(fd()->descriptor(), tail, remaining, MSG_DONTWAIT);
+  pkt.delSharedTailData(U32(remaining - std::max<ssize_t>(received, 0)));
+  rxRemainingLengthIs(U16(remaining - std::max<ssize_t>(received, 0)));
   if (received == 0) return readError("Connection closed by peer");
   if (received < 0) {
     const int error = errno;
     if (error == EAGAIN || error == EINTR) return TcpPduPamReadReturn(Result::waitForMoreData, "");
     return readError("Recv failed with", error);
   }
-  rxRemainingLengthIs(U16(rxRemainingLength() - received));
   MOX_TRACE(trace, 9,
             name() << ": PDU size:" << pduTotalLength << " Remaining:" << rxRemainingLength());
   if (rxRemainingLength() != 0) return TcpPduPamReadReturn(Result::readMoreData, "");
