@@ -13,7 +13,7 @@ namespace Cairn {
 
 namespace {
 
-constexpr size_t kMaxNameLength = 40;
+constexpr size_t maxNameLength = 40;
 
 [[noreturn]] void fail(const std::string& step) {
   throw Mox::ErrnoException(errno, step);
@@ -31,7 +31,7 @@ struct flock byteLock(U32 byte, short type) {
 }  // namespace
 
 void validateName(const std::string& name) {
-  bool ok = !name.empty() && name.size() <= kMaxNameLength;
+  bool ok = !name.empty() && name.size() <= maxNameLength;
   for (char c : name) {
     const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                          (c >= '0' && c <= '9') || c == '_' || c == '-';

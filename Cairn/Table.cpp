@@ -53,8 +53,7 @@ TableFixed expectedHeader(const TableShape& shape) {
   header.capacity = shape.capacity;
   // At most 3/4 of the slots are ever live, so probes stay short at full capacity.
   header.slotCount = powerOfTwoAtLeast(U64(shape.capacity) * 4 / 3 + 1);
-  header.slotSize =
-      static_cast<U32>(align(kSlotHeadSize + align(shape.keySize, 8) + shape.valueSize, 8));
+  header.slotSize = slotSizeFor(shape.keySize, shape.valueSize);
   header.ringSize = powerOfTwoAtLeast(std::min<U64>(std::max<U64>(shape.capacity, 64), 4096));
   header.recordSize = static_cast<U32>(align(sizeof(RecordHead) + shape.keySize, 8));
   header.headerCheck = header.fixedFieldsCheck();
@@ -365,7 +364,10 @@ TableReaderCore::TableReaderCore(const std::string& name, const TableShape& shap
   } else {
     const auto* header = static_cast<const TableHeader*>(mapping_.map(expected.totalSize()));
     why = headerMismatch(header->f, expected);
-    if (why.empty()) header_ = header;
+    if (why.empty()) {
+      header_ = header;
+      slots_ = SlotArrays(*header);
+    }
   }
   mapping_.unlock(kInitLockByte);
   if (!why.empty()) reportCorruption(name, why);
@@ -374,6 +376,10 @@ TableReaderCore::TableReaderCore(const std::string& name, const TableShape& shap
 TableReaderCore::~TableReaderCore() = default;
 
 namespace layout {
+
+void reportDamage(const std::string& table, const char* what) {
+  reportCorruption(table, what);
+}
 
 Probe examineJournaled(const TableHeader& header, U32 array, U32 index, const void* key,
                        void* value) {
@@ -385,7 +391,7 @@ Probe examineJournaled(const TableHeader& header, U32 array, U32 index, const vo
 }  // namespace layout
 
 bool TableReaderCore::find(const void* key, void* value) const {
-  return header_ && lookUp(*header_, name_, key, value, shape_.keySize, shape_.valueSize, probes_);
+  return header_ && lookUp(slots_, name_, key, value, shape_.keySize, shape_.valueSize, probes_);
 }
 
 void TableReaderCore::forEach(

@@ -119,8 +119,8 @@ class TableReaderCore {
   bool find(const void* key, void* value) const;
   // The same for keys and values of sizes known where it is compiled.
   template <U32 keySize, U32 valueSize>
-  bool findSized(const void* key, void* value) const {
-    return header_ && layout::lookUp(*header_, name_, key, value, keySize, valueSize, probes_);
+  [[gnu::always_inline]] bool findSized(const void* key, void* value) const {
+    return header_ && layout::lookUp(slots_, name_, key, value, keySize, valueSize, probes_);
   }
   // Calls fn for each entry; entries seen are each consistent.
   void forEach(const std::function<void(const void* key, const void* value)>& fn) const;
@@ -140,6 +140,7 @@ class TableReaderCore {
   TableShape shape_;
   Mapping mapping_;
   const layout::TableHeader* header_ = nullptr;
+  layout::SlotArrays slots_;
   mutable U64 probes_ = 0;
 };
 
@@ -183,7 +184,7 @@ template <class Key, class Value>
 class Reader {
  public:
   Reader(const std::string& name, U32 capacity) : core_(name, tableShape<Key, Value>(capacity)) {}
-  std::optional<Value> find(const Key& key) const {
+  [[gnu::always_inline]] std::optional<Value> find(const Key& key) const {
     Value value;
     if (!core_.template findSized<sizeof(Key), sizeof(Value)>(&key, &value)) return std::nullopt;
     return value;

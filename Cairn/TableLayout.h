@@ -21,6 +21,7 @@
 #include <Mox/Types.h>
 
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -36,7 +37,7 @@ using Mox::U64;
 using Mox::U8;
 
 constexpr U64 kMagic = 0x314e524941434b4bULL;  // "KKCAIRN1"
-constexpr U32 kLayoutVersion = 1;
+constexpr U32 kLayoutVersion = 2;
 constexpr U32 kMaxAttempts = 1u << 20;
 
 enum SlotState : U32 { kEmpty = 0, kLive = 1, kTombstone = 2 };
@@ -97,19 +98,52 @@ inline U64 hashBytes(const void* data, size_t size, U64 seed) {
   return h;
 }
 
-// A cheap running sum over 8-byte words, strong enough to catch damaged bytes.
-inline U64 sumWords(const void* data, size_t size, U64 h) {
-  const U8* bytes = static_cast<const U8*>(data);
-  for (; size;) {
-    U64 word = 0;
-    const size_t take = size < 8 ? size : 8;
-    std::memcpy(&word, bytes, take);
-    h = (h ^ word) * 0x9e3779b97f4a7c15ULL;
-    h ^= h >> 29;
-    bytes += take;
-    size -= take;
+// Where a key's probe starts: the top bits of a multiplicative hash, which depend on every
+// bit of the key; `shift` is 64 less the log2 of the slot count. Keys of 4 and 8 bytes take
+// one multiplication.
+inline U32 homeSlot(const void* key, size_t keySize, U32 shift) {
+  U64 h;
+  if (keySize == 8) {
+    std::memcpy(&h, key, 8);
+    h ^= h >> 32;
+  } else if (keySize == 4) {
+    U32 word;
+    std::memcpy(&word, key, 4);
+    h = word;
+  } else {
+    h = hashBytes(key, keySize, 0);
   }
-  return h ^ (h >> 32);
+  return static_cast<U32>((h * 0x9e3779b97f4a7c15ULL) >> shift);
+}
+
+// A checksum over 8-byte words, strong enough to catch damaged bytes and cheap on a
+// reader's look-up: the words' products do not depend on one another, so they are computed
+// side by side, and the rotation makes the sum depend on where each word sits. A change to
+// any one word always changes the sum (multiplying by an odd constant is a bijection).
+inline U64 addWord(U64 h, U64 word) {
+  return ((h << 27) | (h >> 37)) + word * 0x9e3779b97f4a7c15ULL;
+}
+
+// Whole words, then the tail zero-padded: with a constant size this unrolls to straight code.
+inline U64 addWords(const void* data, size_t size, U64 h) {
+  const U8* bytes = static_cast<const U8*>(data);
+  for (; size >= 8; bytes += 8, size -= 8) {
+    U64 word;
+    std::memcpy(&word, bytes, 8);
+    h = addWord(h, word);
+  }
+  if (size) {
+    U64 word = 0;
+    std::memcpy(&word, bytes, size);
+    h = addWord(h, word);
+  }
+  return h;
+}
+
+inline U32 entryChecksum(U32 state, const void* key, U32 keySize, const void* value,
+                         U32 valueSize) {
+  const U64 h = addWords(value, valueSize, addWords(key, keySize, state + 0x51ed));
+  return static_cast<U32>(h ^ (h >> 32));
 }
 
 struct SlotHead {
@@ -119,6 +153,13 @@ struct SlotHead {
 };
 constexpr U32 kSlotHeadSize = sizeof(SlotHead);
 static_assert(kSlotHeadSize == 8);
+
+// A 64-byte cache line holds a whole number of slots of up to 64 bytes (arrays are
+// 64-aligned), so a look-up's first probe touches one line.
+constexpr U32 slotSizeFor(U64 keySize, U64 valueSize) {
+  const U64 size = align(kSlotHeadSize + align(keySize, 8) + valueSize, 8);
+  return static_cast<U32>(size <= 16 ? size : size <= 32 ? 32 : size <= 64 ? 64 : size);
+}
 
 inline U32 seal(U32 state, U32 checksum) {
   return (checksum & ~3u) | state;
@@ -160,11 +201,10 @@ struct TableFixed {
     return first + array * align(U64(slotCount) * slotSize, 64);
   }
   U64 totalSize() const { return arrayOffset(2); }
-  U32 home(const void* key) const {
-    return static_cast<U32>(hashBytes(key, keySize, 0)) & (slotCount - 1);
-  }
+  U32 homeShift() const { return 64 - std::countr_zero(slotCount); }
+  U32 home(const void* key) const { return homeSlot(key, keySize, homeShift()); }
   U32 checksum(U32 state, const void* key, const void* value) const {
-    return static_cast<U32>(sumWords(value, valueSize, sumWords(key, keySize, state + 0x51ed)));
+    return entryChecksum(state, key, keySize, value, valueSize);
   }
   U32 checksum(const U8* slotImage) const {
     return checksum(reinterpret_cast<const SlotHead*>(slotImage)->state(), slotImage + keyOffset(),
@@ -247,29 +287,48 @@ Probe examineJournaled(const TableHeader& header, U32 array, U32 index, const vo
   const U32 sealed = head->sealed;
   std::atomic_thread_fence(std::memory_order_acquire);
   if (version && version->load(std::memory_order_relaxed) != expected) return Probe::retry;
-  const U64 sum = sumWords(value, valueSize, sumWords(key, keySize, kLive + 0x51ed));
-  return sealed == seal(kLive, static_cast<U32>(sum)) ? Probe::found : Probe::damaged;
+  const U32 sum = entryChecksum(kLive, key, keySize, value, valueSize);
+  return sealed == seal(kLive, sum) ? Probe::found : Probe::damaged;
 }
+
+// Out of line, so the look-up inlined into readers stays small.
+[[gnu::cold, gnu::noinline]] void reportDamage(const std::string& table, const char* what);
+
+// Where a reader finds the slots, worked out once from the header it checked.
+struct SlotArrays {
+  const TableHeader* header = nullptr;
+  const U8* arrays[2] = {};
+  U32 mask = 0;
+  U32 shift = 0;
+
+  SlotArrays() = default;
+  explicit SlotArrays(const TableHeader& h)
+      : header(&h),
+        arrays{reinterpret_cast<const U8*>(h.slot(0, 0)),
+               reinterpret_cast<const U8*>(h.slot(1, 0))},
+        mask(h.f.slotCount - 1),
+        shift(h.f.homeShift()) {}
+};
 
 // A reader's look-up: copies the value of `key` into `value`, false when absent or damaged
 // (damage goes to the corruption handler). Inlined with constant sizes by typed readers.
-[[gnu::always_inline]] inline bool lookUp(const TableHeader& header, const std::string& table,
+[[gnu::always_inline]] inline bool lookUp(const SlotArrays& table, const std::string& name,
                                           const void* key, void* value, U32 keySize, U32 valueSize,
                                           U64& probes) {
-  const TableFixed& f = header.f;
-  const U32 mask = f.slotCount - 1;
-  const U32 home = static_cast<U32>(hashBytes(key, keySize, 0)) & mask;
+  const TableHeader& header = *table.header;
+  const U32 slotSize = slotSizeFor(keySize, valueSize);
+  const U32 home = homeSlot(key, keySize, table.shift);
+  U64 examined = 0;
   for (U32 attempt = 0; attempt < kMaxAttempts; ++attempt) {
     const U32 generation = header.active.load(std::memory_order_acquire);
-    const U32 array = generation & 1;
-    const U8* slots = reinterpret_cast<const U8*>(header.slot(array, 0));
+    const U8* slots = table.arrays[generation & 1];
     Probe probe = Probe::absent;
     U32 index = home;
-    for (U32 n = 0; n < f.slotCount; ++n, index = (index + 1) & mask) {
-      ++probes;
-      const auto* slot = reinterpret_cast<const SlotHead*>(slots + U64(index) * f.slotSize);
+    for (U32 n = 0; n <= table.mask; ++n, index = (index + 1) & table.mask) {
+      ++examined;
+      const auto* slot = reinterpret_cast<const SlotHead*>(slots + U64(index) * slotSize);
       const U32 version = slot->version.load(std::memory_order_acquire);
-      probe = (version & 1) ? examineJournaled(header, array, index, key, value)
+      probe = (version & 1) ? examineJournaled(header, generation & 1, index, key, value)
                             : examine(reinterpret_cast<const U8*>(slot), key, value, keySize,
                                       valueSize, &slot->version, version);
       if (probe != Probe::next) break;
@@ -278,10 +337,14 @@ Probe examineJournaled(const TableHeader& header, U32 array, U32 index, const vo
     if (probe == Probe::retry || header.active.load(std::memory_order_relaxed) != generation) {
       continue;
     }
-    if (probe == Probe::damaged) reportCorruption(table, "entry fails its check");
-    return probe == Probe::found;
+    probes += examined;
+    if (probe == Probe::found) [[likely]]
+      return true;
+    if (probe == Probe::damaged) reportDamage(name, "entry fails its check");
+    return false;
   }
-  reportCorruption(table, "entry never read consistently");
+  probes += examined;
+  reportDamage(name, "entry never read consistently");
   return false;
 }
 

@@ -10,9 +10,13 @@
 #include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
 #include <Korva/Pkt.h>
+#include <Mox/Text.h>
 #include <Mox/Types.h>
 
 #include <bit>
+#include <functional>
+#include <ostream>
+#include <string>
 #include <type_traits>
 
 namespace Korva {
@@ -46,6 +50,11 @@ class __attribute__((packed)) NetUInt {
   constexpr void nboIs(T wire) noexcept { nbo_ = wire; }
 
   friend constexpr bool operator==(NetUInt a, NetUInt b) noexcept { return a.nbo_ == b.nbo_; }
+  // As values (model attributes such as a TTL to impose): ordered and hashed by the number.
+  friend constexpr auto operator<=>(NetUInt a, NetUInt b) noexcept {
+    return a.value() <=> b.value();
+  }
+  U32 hash() const noexcept { return U32(std::hash<T>()(value())); }
 
  private:
   static constexpr T mask(unsigned width) noexcept {
@@ -66,6 +75,22 @@ class __attribute__((packed)) NetUInt {
 
   T nbo_ = 0;
 };
+
+// The text of a network-order integer is its number.
+template <class T>
+std::string valueToStrep(NetUInt<T> value) {
+  return Mox::valueToStrep(value.value());
+}
+template <class T>
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, NetUInt<T>* value) {
+  T host = value->value();
+  Mox::sequenceToValue(it, end, &host);
+  value->valueIs(host);
+}
+template <class T>
+std::ostream& operator<<(std::ostream& os, NetUInt<T> value) {
+  return os << +value.value();
+}
 
 using NetU8 = NetUInt<U8>;
 using NetU16 = NetUInt<U16>;

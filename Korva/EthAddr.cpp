@@ -1,6 +1,6 @@
 #include <Korva/EthAddr.h>
 
-#include <Korva/ValueHash.h>
+#include <Korva/ValueType.h>
 
 #include <algorithm>
 #include <cstring>
@@ -8,9 +8,11 @@
 
 namespace Korva {
 
+using Mox::TextIter;
+
 namespace {
 
-constexpr char kHexDigits[] = "0123456789abcdef";
+constexpr char hexDigits[] = "0123456789abcdef";
 
 // Value of each character as a hexadecimal digit, -1 for the rest: one load per character
 // on the parsing path.
@@ -22,10 +24,10 @@ constexpr std::array<signed char, 256> makeHexTable() {
   for (int c = 'A'; c <= 'F'; ++c) table[c] = static_cast<signed char>(c - 'A' + 10);
   return table;
 }
-constexpr auto kHexTable = makeHexTable();
+constexpr auto hexTable = makeHexTable();
 
 inline int hexValue(char c) noexcept {
-  return kHexTable[static_cast<unsigned char>(c)];
+  return hexTable[static_cast<unsigned char>(c)];
 }
 
 [[noreturn]] void invalidEthAddr() {
@@ -44,15 +46,14 @@ inline bool readField(TextIter& p, TextIter end, U32& value) noexcept {
   return true;
 }
 
-// Writes bytes as "xx:xx:...", returns the number of characters.
-size_t bytesToChars(const U8* bytes, unsigned count, char* out) noexcept {
-  char* p = out;
+// Writes bytes as "xx:xx:...", returns the end.
+char* bytesToChars(const U8* bytes, unsigned count, char* out) noexcept {
   for (unsigned i = 0; i < count; ++i) {
-    if (i) *p++ = ':';
-    *p++ = kHexDigits[bytes[i] >> 4];
-    *p++ = kHexDigits[bytes[i] & 0xf];
+    if (i) *out++ = ':';
+    *out++ = hexDigits[bytes[i] >> 4];
+    *out++ = hexDigits[bytes[i] & 0xf];
   }
-  return size_t(p - out);
+  return out;
 }
 
 void checkIndex(unsigned index, unsigned limit, const char* message) {
@@ -85,55 +86,85 @@ bool readTwoDigitFields(TextIter& it, TextIter end, U8* out) noexcept {
   return true;
 }
 
-// The whole reader; internal so that the library's own parsers call it directly.
-void readWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
-  const bool common = count == EthAddr::kBytes ? readTwoDigitFields<EthAddr::kBytes>(it, end, bytes)
-                                               : readTwoDigitFields<Eui64::kBytes>(it, end, bytes);
-  if (common) return;
+// The whole reader, without raising: false leaves `it` and `bytes` as they were.
+bool readWords(TextIter& it, TextIter end, U8* bytes, unsigned count) noexcept {
+  const bool common = count == EthAddr::byteCount
+                          ? readTwoDigitFields<EthAddr::byteCount>(it, end, bytes)
+                          : readTwoDigitFields<Eui64::byteCount>(it, end, bytes);
+  if (common) return true;
   TextIter p = it;
   U32 field = 0;
   // The character after the first field fixes the separator for the whole text.
-  if (!readField(p, end, field) || p == end) invalidEthAddr();
+  if (!readField(p, end, field) || p == end) return false;
   const char separator = *p;
-  if (separator != ':' && separator != '-' && separator != '.') invalidEthAddr();
+  if (separator != ':' && separator != '-' && separator != '.') return false;
   const bool wide = separator == '.';
   const U32 limit = wide ? 0xffff : 0xff;
   U8 out[8];
   unsigned filled = 0;
   for (;;) {
-    if (field > limit) invalidEthAddr();
+    if (field > limit) return false;
     if (wide) out[filled++] = U8(field >> 8);
     out[filled++] = U8(field);
     if (filled >= count) break;
-    if (p == end || *p != separator) invalidEthAddr();
+    if (p == end || *p != separator) return false;
     ++p;
-    if (!readField(p, end, field)) invalidEthAddr();
+    if (!readField(p, end, field)) return false;
   }
   std::memcpy(bytes, out, count);
   it = p;
+  return true;
+}
+
+// The raising reader; internal so that the library's own parsers call it directly.
+void readWordsOrThrow(TextIter& it, TextIter end, U8* bytes, unsigned count) {
+  if (!readWords(it, end, bytes, count)) invalidEthAddr();
+}
+
+enum class WholeText { valid, invalid, trailing };
+
+// Reads all of `text` as a Value's bytes.
+template <class Value>
+WholeText readWhole(std::string_view text, U8* bytes) noexcept {
+  TextIter it = text.data();
+  TextIter end = it + text.size();
+  if (!readWords(it, end, bytes, Value::byteCount)) return WholeText::invalid;
+  return it == end ? WholeText::valid : WholeText::trailing;
 }
 
 template <class Value>
-void parseWhole(std::string_view text, U8* bytes, unsigned count, const char* trailingMessage) {
-  TextIter it = text.data();
-  TextIter end = it + text.size();
-  U8 parsed[Value::kBytes];
-  readWords(it, end, parsed, count);
-  if (it != end) throw Mox::RangeException(trailingMessage);
-  std::memcpy(bytes, parsed, count);
+std::optional<Value> tryParseWhole(std::string_view text) noexcept {
+  U8 bytes[Value::byteCount];
+  if (readWhole<Value>(text, bytes) != WholeText::valid) return std::nullopt;
+  return Value::fromBuffer(bytes);
+}
+
+// Raises "Invalid EthAddr" for what the reader refuses and `trailingMessage` for leftovers.
+template <class Value>
+void parseWhole(std::string_view text, U8* bytes, const char* trailingMessage) {
+  U8 parsed[Value::byteCount];
+  switch (readWhole<Value>(text, parsed)) {
+    case WholeText::invalid:
+      invalidEthAddr();
+    case WholeText::trailing:
+      throw Mox::RangeException(trailingMessage);
+    case WholeText::valid:
+      break;
+  }
+  std::memcpy(bytes, parsed, Value::byteCount);
 }
 
 }  // namespace
 
 void sequenceToWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
-  readWords(it, end, bytes, count);
+  readWordsOrThrow(it, end, bytes, count);
 }
 
 // --- EthAddr ---
 
 EthAddr EthAddr::fromBuffer(const unsigned char* bytes) noexcept {
   EthAddr addr;
-  std::memcpy(addr.bytes_.data(), bytes, kBytes);
+  std::memcpy(addr.bytes_.data(), bytes, byteCount);
   return addr;
 }
 
@@ -149,37 +180,41 @@ void EthAddr::wordIs(unsigned index, U16 value) {
 }
 
 U8 EthAddr::byte(unsigned index) const {
-  checkIndex(index, kBytes, "EthAddr::byte: index out of range");
+  checkIndex(index, byteCount, "EthAddr::byte: index out of range");
   return bytes_[index];
 }
 
 void EthAddr::byteIs(unsigned index, U8 value) {
-  checkIndex(index, kBytes, "EthAddr::byte: index out of range");
+  checkIndex(index, byteCount, "EthAddr::byte: index out of range");
   bytes_[index] = value;
 }
 
-size_t EthAddr::toChars(char* out) const noexcept {
-  return bytesToChars(bytes_.data(), kBytes, out);
+char* EthAddr::toChars(char* out) const noexcept {
+  return bytesToChars(bytes_.data(), byteCount, out);
 }
 
 std::string EthAddr::stringValue() const {
-  char text[17];
+  char text[maxTextSize];
   return std::string(text, toChars(text));
 }
 
 std::string EthAddr::displayString() const {
   char text[14];
   char* p = text;
-  for (unsigned i = 0; i < kBytes; ++i) {
+  for (unsigned i = 0; i < byteCount; ++i) {
     if (i == 2 || i == 4) *p++ = '.';
-    *p++ = kHexDigits[bytes_[i] >> 4];
-    *p++ = kHexDigits[bytes_[i] & 0xf];
+    *p++ = hexDigits[bytes_[i] >> 4];
+    *p++ = hexDigits[bytes_[i] & 0xf];
   }
   return std::string(text, p);
 }
 
+std::optional<EthAddr> EthAddr::tryParse(std::string_view text) noexcept {
+  return tryParseWhole<EthAddr>(text);
+}
+
 void EthAddr::stringValueIs(std::string_view text) {
-  parseWhole<EthAddr>(text, bytes_.data(), kBytes, "Invalid EthAddr");
+  parseWhole<EthAddr>(text, bytes_.data(), "Invalid EthAddr");
 }
 
 bool EthAddr::isBroadcast() const noexcept {
@@ -193,7 +228,7 @@ Eui64 EthAddr::eui64() const noexcept {
 }
 
 void EthAddr::copyToBuffer(unsigned char* out) const noexcept {
-  std::memcpy(out, bytes_.data(), kBytes);
+  std::memcpy(out, bytes_.data(), byteCount);
 }
 
 U32 EthAddr::hash() const noexcept {
@@ -205,14 +240,14 @@ std::string valueToStrep(const EthAddr& value) {
 }
 
 void sequenceToValue(TextIter& it, TextIter end, EthAddr* value) {
-  U8 bytes[EthAddr::kBytes];
-  readWords(it, end, bytes, EthAddr::kBytes);
+  U8 bytes[EthAddr::byteCount];
+  readWordsOrThrow(it, end, bytes, EthAddr::byteCount);
   *value = EthAddr::fromBuffer(bytes);
 }
 
 std::ostream& operator<<(std::ostream& os, const EthAddr& value) {
-  char text[17];
-  return os.write(text, std::streamsize(value.toChars(text)));
+  char text[EthAddr::maxTextSize];
+  return os.write(text, value.toChars(text) - text);
 }
 
 EthAddr ipMcastMacAddr(IpAddr group) noexcept {
@@ -224,17 +259,17 @@ EthAddr ipMcastMacAddr(IpAddr group) noexcept {
 
 Eui64 Eui64::fromBuffer(const unsigned char* bytes) noexcept {
   Eui64 id;
-  std::memcpy(id.bytes_.data(), bytes, kBytes);
+  std::memcpy(id.bytes_.data(), bytes, byteCount);
   return id;
 }
 
 U8 Eui64::byte(Eui64U8Key index) const {
-  checkIndex(index, kBytes, "Eui64::byte: index out of range");
+  checkIndex(index, byteCount, "Eui64::byte: index out of range");
   return bytes_[index];
 }
 
 void Eui64::byteIs(Eui64U8Key index, U8 value) {
-  checkIndex(index, kBytes, "Eui64::byte: index out of range");
+  checkIndex(index, byteCount, "Eui64::byte: index out of range");
   bytes_[index] = value;
 }
 
@@ -249,21 +284,25 @@ void Eui64::wordIs(unsigned index, U16 value) {
   bytes_[2 * index + 1] = U8(value);
 }
 
-size_t Eui64::toChars(char* out) const noexcept {
-  return bytesToChars(bytes_.data(), kBytes, out);
+char* Eui64::toChars(char* out) const noexcept {
+  return bytesToChars(bytes_.data(), byteCount, out);
 }
 
 std::string Eui64::stringValue() const {
-  char text[23];
+  char text[maxTextSize];
   return std::string(text, toChars(text));
 }
 
+std::optional<Eui64> Eui64::tryParse(std::string_view text) noexcept {
+  return tryParseWhole<Eui64>(text);
+}
+
 void Eui64::stringValueIs(std::string_view text) {
-  parseWhole<Eui64>(text, bytes_.data(), kBytes, "Invalid Eui64");
+  parseWhole<Eui64>(text, bytes_.data(), "Invalid Eui64");
 }
 
 void Eui64::copyToBuffer(unsigned char* out) const noexcept {
-  std::memcpy(out, bytes_.data(), kBytes);
+  std::memcpy(out, bytes_.data(), byteCount);
 }
 
 U32 Eui64::hash() const noexcept {
@@ -277,14 +316,14 @@ std::string valueToStrep(const Eui64& value) {
 }
 
 void sequenceToValue(TextIter& it, TextIter end, Eui64* value) {
-  U8 bytes[Eui64::kBytes];
-  readWords(it, end, bytes, Eui64::kBytes);
+  U8 bytes[Eui64::byteCount];
+  readWordsOrThrow(it, end, bytes, Eui64::byteCount);
   *value = Eui64::fromBuffer(bytes);
 }
 
 std::ostream& operator<<(std::ostream& os, const Eui64& value) {
-  char text[23];
-  return os.write(text, std::streamsize(value.toChars(text)));
+  char text[Eui64::maxTextSize];
+  return os.write(text, value.toChars(text) - text);
 }
 
 }  // namespace Korva

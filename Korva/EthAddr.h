@@ -6,28 +6,29 @@
 // colon-separated bytes. A failed parse raises Mox::RangeException and changes nothing.
 
 #include <Korva/IpAddr.h>
+#include <Korva/ValueType.h>
 #include <Mox/Exception.h>
 #include <Mox/Types.h>
 
 #include <array>
+#include <compare>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace Korva {
 
-using Mox::TextIter;
-
 // Reads `count` bytes (6 or 8) of Ethernet-style text at `it` into `bytes` and leaves `it`
 // after the last field; nothing after it is examined. On failure raises RangeException
 // "Invalid EthAddr" and leaves `it` and `bytes` unchanged.
-void sequenceToWords(TextIter& it, TextIter end, U8* bytes, unsigned count);
+void sequenceToWords(Mox::TextIter& it, Mox::TextIter end, U8* bytes, unsigned count);
 
 class Eui64;
 
 class EthAddr {
  public:
-  static constexpr unsigned kBytes = 6;
+  static constexpr unsigned byteCount = 6;
 
   constexpr EthAddr() = default;
   // From the three words in host order: EthAddr(0x0011, 0x2233, 0x4455) is 00:11:22:33:44:55.
@@ -36,6 +37,8 @@ class EthAddr {
   // From six bytes in wire order.
   static EthAddr fromBuffer(const unsigned char* bytes) noexcept;
   explicit EthAddr(std::string_view text) { stringValueIs(text); }
+  // The address that is all of `text`, or nothing.
+  static std::optional<EthAddr> tryParse(std::string_view text) noexcept;
 
   U16 word(unsigned index) const;
   void wordIs(unsigned index, U16 value);
@@ -44,9 +47,12 @@ class EthAddr {
   void byteIs(unsigned index, U8 value);
   void byteDel(unsigned index) { byteIs(index, 0); }
 
+  // The longest text, the colon form.
+  static constexpr size_t maxTextSize = 17;
+
   std::string stringValue() const;
-  // Writes the colon text into `out` (at least 17 characters) and returns its length.
-  size_t toChars(char* out) const noexcept;
+  // Writes the colon text (maxTextSize characters) and returns its end.
+  char* toChars(char* out) const noexcept;
   // The dotted three-group form, 0011.2233.4455.
   std::string displayString() const;
   void stringValueIs(std::string_view text);
@@ -73,11 +79,11 @@ class EthAddr {
   }
 
   // Wire order; the derived comparisons therefore follow word 0, word 1, word 2.
-  std::array<U8, kBytes> bytes_{};
+  std::array<U8, byteCount> bytes_{};
 };
 
 std::string valueToStrep(const EthAddr& value);
-void sequenceToValue(TextIter& it, TextIter end, EthAddr* value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, EthAddr* value);
 std::ostream& operator<<(std::ostream& os, const EthAddr& value);
 
 // Index of a byte of an Eui64, 0..7.
@@ -85,11 +91,12 @@ using Eui64U8Key = U8;
 
 class Eui64 {
  public:
-  static constexpr unsigned kBytes = 8;
+  static constexpr unsigned byteCount = 8;
 
   constexpr Eui64() = default;
   static Eui64 fromBuffer(const unsigned char* bytes) noexcept;
   explicit Eui64(std::string_view text) { stringValueIs(text); }
+  static std::optional<Eui64> tryParse(std::string_view text) noexcept;
 
   U8 byte(Eui64U8Key index) const;
   void byteIs(Eui64U8Key index, U8 value);
@@ -99,8 +106,11 @@ class Eui64 {
   U16 word(unsigned index) const;
   void wordIs(unsigned index, U16 value);
 
+  static constexpr size_t maxTextSize = 23;
+
   std::string stringValue() const;
-  size_t toChars(char* out) const noexcept;  // at least 23 characters
+  // Writes the colon text (maxTextSize characters) and returns its end.
+  char* toChars(char* out) const noexcept;
   void stringValueIs(std::string_view text);
 
   void copyToBuffer(unsigned char* out) const noexcept;
@@ -114,11 +124,11 @@ class Eui64 {
     return U16(bytes_[2 * index] << 8 | bytes_[2 * index + 1]);
   }
 
-  std::array<U8, kBytes> bytes_{};
+  std::array<U8, byteCount> bytes_{};
 };
 
 std::string valueToStrep(const Eui64& value);
-void sequenceToValue(TextIter& it, TextIter end, Eui64* value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Eui64* value);
 std::ostream& operator<<(std::ostream& os, const Eui64& value);
 
 // The Ethernet group of an IPv4 multicast group: 01:00:5e and the group's low 23 bits.
@@ -127,10 +137,6 @@ EthAddr ipMcastMacAddr(IpAddr group) noexcept;
 }  // namespace Korva
 
 template <>
-struct std::hash<Korva::EthAddr> {
-  size_t operator()(const Korva::EthAddr& value) const noexcept { return value.hash(); }
-};
+struct std::hash<Korva::EthAddr> : Korva::ValueHash<Korva::EthAddr> {};
 template <>
-struct std::hash<Korva::Eui64> {
-  size_t operator()(const Korva::Eui64& value) const noexcept { return value.hash(); }
-};
+struct std::hash<Korva::Eui64> : Korva::ValueHash<Korva::Eui64> {};

@@ -16,7 +16,7 @@ struct EthTypeEntry {
   std::string_view name;
 };
 
-constexpr std::array<EthTypeEntry, 13> kEthTypes{{
+constexpr std::array<EthTypeEntry, 13> ethTypes{{
     {EthType::ethTypeUnknown, "ethTypeUnknown"},
     {EthType::ethTypeIp, "ethTypeIp"},
     {EthType::ethTypeArpIp, "ethTypeArpIp"},
@@ -45,9 +45,9 @@ bool isNameChar(char c) noexcept {
 }  // namespace
 
 std::optional<std::string_view> ethTypeName(EthType value) noexcept {
-  auto entry = std::find_if(kEthTypes.begin(), kEthTypes.end(),
+  auto entry = std::find_if(ethTypes.begin(), ethTypes.end(),
                             [value](const EthTypeEntry& e) { return e.value == value; });
-  if (entry == kEthTypes.end()) return std::nullopt;
+  if (entry == ethTypes.end()) return std::nullopt;
   return entry->name;
 }
 
@@ -58,9 +58,9 @@ EthType EthTypeInstance(U16 number) {
 }
 
 EthType EthTypeInstance(std::string_view name) {
-  auto entry = std::find_if(kEthTypes.begin(), kEthTypes.end(),
+  auto entry = std::find_if(ethTypes.begin(), ethTypes.end(),
                             [name](const EthTypeEntry& e) { return e.name == name; });
-  if (entry == kEthTypes.end()) {
+  if (entry == ethTypes.end()) {
     throw Mox::RangeException("Invalid EthType <" + std::string(name) + ">");
   }
   return entry->value;

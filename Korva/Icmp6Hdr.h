@@ -126,6 +126,10 @@ struct __attribute__((packed)) Icmp6OptionHdr {
   NetU8 length;
 
   U32 optionBytes() const noexcept { return length.value() * 8u; }
+  // A length of 0 would stall a walk over the options.
+  bool lengthsFit(U32 available) const noexcept {
+    return length.value() != 0 && optionBytes() <= available;
+  }
 };
 
 // Source or target link-layer address, for Ethernet.

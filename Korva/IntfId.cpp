@@ -9,7 +9,7 @@
 namespace Korva {
 
 IntfId::IntfId(std::string_view name)
-    : value_(name.empty() ? kNullValue : IntfIdMgr::singleton()->stringToIntfId(name)) {}
+    : value_(name.empty() ? nullValue : IntfIdMgr::singleton()->stringToIntfId(name)) {}
 
 Mox::String8 IntfId::stringValue() const {
   return IntfIdMgr::singleton()->intfIdToString(*this, true);
@@ -28,14 +28,14 @@ Mox::String8 valueToStrep(IntfId id) {
 }
 
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IntfId* value) {
-  static constexpr const char* kFailure = "Error deserializing IntfId";
-  if (it == end || *it != '\'') throw Mox::RangeException(kFailure);
+  static constexpr const char* failure = "Error deserializing IntfId";
+  if (it == end || *it != '\'') throw Mox::RangeException(failure);
   const Mox::TextIter close = std::find(it + 1, end, '\'');
-  if (close == end) throw Mox::RangeException(kFailure);
+  if (close == end) throw Mox::RangeException(failure);
   try {
     *value = IntfId(std::string_view(it + 1, close - (it + 1)));
   } catch (const Mox::RangeException&) {
-    throw Mox::RangeException(kFailure);
+    throw Mox::RangeException(failure);
   }
   it = close + 1;
 }

@@ -5,9 +5,11 @@
 // numeric parts of the name in the remaining bits. Parsing and printing go through the
 // process-wide IntfIdMgr, which must be initialised first.
 
+#include <Korva/ValueType.h>
 #include <Mox/Text.h>
 #include <Mox/Types.h>
 
+#include <compare>
 #include <cstddef>
 #include <functional>
 #include <iosfwd>
@@ -17,7 +19,7 @@ namespace Korva {
 
 class IntfId {
  public:
-  static constexpr U64 kNullValue = 0x00000000FFFFFFFFull;
+  static constexpr U64 nullValue = 0x00000000FFFFFFFFull;
 
   constexpr IntfId() noexcept = default;
   explicit constexpr IntfId(U64 value) noexcept : value_(value) {}
@@ -50,14 +52,14 @@ class IntfId {
   }
 
   // False exactly for the null id (0 is a real identifier).
-  explicit constexpr operator bool() const noexcept { return value_ != kNullValue; }
+  explicit constexpr operator bool() const noexcept { return value_ != nullValue; }
 
   // Numeric order of the value; the order of names is compareIntfName (KorvaUtils.h).
   friend constexpr bool operator==(IntfId a, IntfId b) noexcept = default;
-  friend constexpr auto operator<=>(IntfId a, IntfId b) noexcept { return a.value_ <=> b.value_; }
+  friend constexpr auto operator<=>(IntfId a, IntfId b) noexcept = default;
 
  private:
-  U64 value_ = kNullValue;
+  U64 value_ = nullValue;
 };
 
 // Writes the long name, without quotes.
@@ -72,6 +74,4 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IntfId* value);
 }  // namespace Korva
 
 template <>
-struct std::hash<Korva::IntfId> {
-  size_t operator()(Korva::IntfId id) const noexcept { return id.hash(); }
-};
+struct std::hash<Korva::IntfId> : Korva::ValueHash<Korva::IntfId> {};

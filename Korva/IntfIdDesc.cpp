@@ -18,11 +18,11 @@ Mox::TraceHandle trace("IntfIdDesc");
 
 // Free bits of an identifier for parts: the lower word below the type id, and the upper
 // word below the sub-type.
-constexpr unsigned kLowerPartBits = 25;
-constexpr unsigned kUpperPartBits = 30;
+constexpr unsigned lowerPartBits = 25;
+constexpr unsigned upperPartBits = 30;
 
 // Nodes are added a page at a time so that rebuilding reallocates rarely.
-constexpr size_t kNodesPerPage = 16;
+constexpr size_t nodesPerPage = 16;
 
 [[noreturn]] void invalid(const char* format, std::string_view name) {
   const std::string text(name);
@@ -172,9 +172,9 @@ void IntfIdDesc::changed() {
 
 U32 IntfIdTrie::newNode(U32 position) {
   if (nodes_.size() == nodes_.capacity()) {
-    const size_t bytes = (nodes_.capacity() + kNodesPerPage) * sizeof(Node);
+    const size_t bytes = (nodes_.capacity() + nodesPerPage) * sizeof(Node);
     MOX_TRACE(trace, 4, "Allocating " << bytes << " bytes ");
-    nodes_.reserve(nodes_.capacity() + kNodesPerPage);
+    nodes_.reserve(nodes_.capacity() + nodesPerPage);
   }
   nodes_.emplace_back().position = position;
   return static_cast<U32>(nodes_.size() - 1);
@@ -185,7 +185,7 @@ U32 IntfIdTrie::newNode(U32 position) {
 // end there), so the shortest prefix bounds the choice; its end is a symbol of its own.
 U32 IntfIdTrie::build(std::vector<Candidate> candidates) {
   if (candidates.empty()) return 0;
-  if (candidates.size() == 1) return kLeaf | candidates.front().layout;
+  if (candidates.size() == 1) return leaf | candidates.front().layout;
   size_t shortest = candidates.front().prefix.size();
   for (const Candidate& c : candidates) shortest = std::min(shortest, c.prefix.size());
 
@@ -210,7 +210,7 @@ U32 IntfIdTrie::build(std::vector<Candidate> candidates) {
   MOX_TRACE(trace, 4,
             "Most unique character position " << bestPosition << " unique count " << bestCount);
   // Identical prefixes cannot be told apart: the lowest layout index keeps the name.
-  if (bestCount == 1) return kLeaf | candidates.front().layout;
+  if (bestCount == 1) return leaf | candidates.front().layout;
 
   const U32 node = newNode(static_cast<U32>(bestPosition));
   std::array<std::vector<Candidate>, 257> groups;
@@ -224,7 +224,7 @@ U32 IntfIdTrie::build(std::vector<Candidate> candidates) {
 }
 
 void IntfIdTrie::rebuild(const std::map<U8, Mox::Ptr<IntfIdDesc>>& descs) {
-  layouts_.assign(kLayouts, Layout());
+  layouts_.assign(layoutCount, Layout());
   nodes_.clear();
   nodes_.emplace_back();  // entry 0 means "no match", so no node may have index 0
   std::vector<Candidate> candidates;
@@ -237,14 +237,14 @@ void IntfIdTrie::rebuild(const std::map<U8, Mox::Ptr<IntfIdDesc>>& descs) {
     unsigned upperUsed = 0;
     for (unsigned i = 0; i < desc->parts(); ++i) {
       const IntfIdPart& part = desc->part(i);
-      MOX_ASSERT(part.size() >= 1 && part.size() <= kUpperPartBits);
+      MOX_ASSERT(part.size() >= 1 && part.size() <= upperPartBits);
       base.mask[i] = static_cast<U32>((U64(1) << part.size()) - 1);
-      if (lowerUsed + part.size() <= kLowerPartBits) {
+      if (lowerUsed + part.size() <= lowerPartBits) {
         base.code[i] = static_cast<U8>(lowerUsed);
         lowerUsed += part.size();
       } else {
-        MOX_ASSERT(upperUsed + part.size() <= kUpperPartBits);
-        base.code[i] = static_cast<U8>(kUpperWord | upperUsed);
+        MOX_ASSERT(upperUsed + part.size() <= upperPartBits);
+        base.code[i] = static_cast<U8>(upperWord | upperUsed);
         upperUsed += part.size();
       }
       base.zeroAllowed[i] = part.zeroBased();
@@ -270,13 +270,13 @@ void IntfIdTrie::rebuild(const std::map<U8, Mox::Ptr<IntfIdDesc>>& descs) {
 
 const IntfIdTrie::Layout* IntfIdTrie::lookup(std::string_view prefix) const noexcept {
   U32 entry = root_;
-  while (entry != 0 && entry < kLeaf) {
+  while (entry != 0 && entry < leaf) {
     const Node& node = nodes_[entry];
     if (node.position > prefix.size()) return nullptr;
     entry =
         node.child[node.position == prefix.size() ? 256 : static_cast<U8>(prefix[node.position])];
   }
-  return entry ? &layouts_[entry & ~kLeaf] : nullptr;
+  return entry ? &layouts_[entry & ~leaf] : nullptr;
 }
 
 // --- manager ---
@@ -370,7 +370,7 @@ void IntfIdMgr::handleIntfIdDesc(U8 typeId) {
 
 U64 IntfIdMgr::stringToIntfId(std::string_view name) const {
   // The empty name is the null identifier, however few layouts the trie has to tell apart.
-  if (name.empty()) return IntfId::kNullValue;
+  if (name.empty()) return IntfId::nullValue;
   // Numbers from the end of the name: parts[0] is the last one. One more slot than a
   // layout has parts, for the sub-interface 0 that a name without ".n" gets.
   std::array<U64, IntfIdDesc::maxParts + 1> parts;
@@ -412,7 +412,7 @@ U64 IntfIdMgr::stringToIntfId(std::string_view name) const {
 
   const IntfIdTrie::Layout* layout = trie_ ? trie_->lookup(prefix) : nullptr;
   if (!layout) {
-    if (name.empty()) return IntfId::kNullValue;
+    if (name.empty()) return IntfId::nullValue;
     MOX_TRACE(trace, 3, "No Match " << name);
     invalid("Invalid IntfId <%s>", name);
   }
@@ -465,12 +465,12 @@ Mox::String8 IntfIdMgr::intfIdToString(IntfId id, bool longForm) const {
   const Mox::String8& prefix =
       longForm || !layout.hasShortPrefix ? layout.prefix : layout.shortPrefix;
   // Each part takes at most a separator and ten digits.
-  constexpr size_t kPartsRoom = IntfIdDesc::maxParts * 11;
-  char stackBuffer[64 + kPartsRoom];
+  constexpr size_t partsRoom = IntfIdDesc::maxParts * 11;
+  char stackBuffer[64 + partsRoom];
   std::unique_ptr<char[]> heapBuffer;
   char* buffer = stackBuffer;
   if (prefix.size() > 64) {
-    heapBuffer = std::make_unique<char[]>(prefix.size() + kPartsRoom);
+    heapBuffer = std::make_unique<char[]>(prefix.size() + partsRoom);
     buffer = heapBuffer.get();
   }
   char* out = std::copy(prefix.begin(), prefix.end(), buffer);
@@ -549,7 +549,7 @@ IntfIdDescPluginLoader* IntfIdDescPluginLoader::DefaultPluginLoader() {
 void IntfIdDescPluginLoader::loadPlugins(IntfIdMgr* mgr) {
   // The runtime's loader logs and traces each failure itself; the names stay here for
   // callers that want to show what the manager was built from.
-  Mox::PluginLoadReport report = Mox::loadPlugins(kCategory, mgr);
+  Mox::PluginLoadReport report = Mox::loadPlugins(category, mgr);
   loaded_.insert(loaded_.end(), report.loaded.begin(), report.loaded.end());
   failures_.insert(failures_.end(), report.failures.begin(), report.failures.end());
 }

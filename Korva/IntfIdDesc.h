@@ -159,13 +159,13 @@ class IntfIdDesc : public Mox::Entity {
 // (type id, sub-type) and a character trie over all long prefixes.
 class IntfIdTrie {
  public:
-  static constexpr U32 kLayouts = 128 * 4;
-  static constexpr U32 kLeaf = 0xFFFFFC00u;  // child entries from here on are leaves
-  static constexpr U8 kUpperWord = 0x20;     // placement code: shift within the upper word
+  static constexpr U32 layoutCount = 128 * 4;
+  static constexpr U32 leaf = 0xFFFFFC00u;  // child entries from here on are leaves
+  static constexpr U8 upperWord = 0x20;     // placement code: shift within the upper word
 
   struct Layout {
     std::array<U32, IntfIdDesc::maxParts> mask{};
-    std::array<U8, IntfIdDesc::maxParts> code{};  // shift, plus kUpperWord
+    std::array<U8, IntfIdDesc::maxParts> code{};  // shift, plus upperWord
     std::array<bool, IntfIdDesc::maxParts> zeroAllowed{};
     std::array<char, IntfIdDesc::maxParts> separator{};
     bool hasDotPart = false;
@@ -178,11 +178,11 @@ class IntfIdTrie {
 
     U32 partValue(U64 value, unsigned i) const noexcept {
       const unsigned shift = code[i] & 0x1F;
-      const U64 word = code[i] & kUpperWord ? value >> 32 : value;
+      const U64 word = code[i] & upperWord ? value >> 32 : value;
       return static_cast<U32>(word >> shift) & mask[i];
     }
     U64 placed(U32 partValue, unsigned i) const noexcept {
-      return static_cast<U64>(partValue) << ((code[i] & 0x1F) + (code[i] & kUpperWord ? 32 : 0));
+      return static_cast<U64>(partValue) << ((code[i] & 0x1F) + (code[i] & upperWord ? 32 : 0));
     }
   };
 
@@ -198,7 +198,7 @@ class IntfIdTrie {
   const Layout* lookup(std::string_view prefix) const noexcept;
   // The layout of an index, or nullptr when none is registered there.
   const Layout* layout(unsigned index) const noexcept {
-    return index < kLayouts && layouts_[index].owner ? &layouts_[index] : nullptr;
+    return index < layoutCount && layouts_[index].owner ? &layouts_[index] : nullptr;
   }
   U32 indexOf(const Layout* layout) const noexcept {
     return static_cast<U32>(layout - layouts_.data());
@@ -218,7 +218,7 @@ class IntfIdTrie {
   U32 build(std::vector<Candidate> candidates);
   U32 newNode(U32 position);
 
-  std::vector<Layout> layouts_ = std::vector<Layout>(kLayouts);
+  std::vector<Layout> layouts_ = std::vector<Layout>(layoutCount);
   std::vector<Node> nodes_;  // node 0 is unused so that entry 0 means "no match"
   U32 root_ = 0;
 };
@@ -293,7 +293,7 @@ class GenericIntfId : public IntfId {
 // Finds and runs the plugins of the category "IntfIdPlugin", handing each the manager.
 class IntfIdDescPluginLoader {
  public:
-  static constexpr const char* kCategory = "IntfIdPlugin";
+  static constexpr const char* category = "IntfIdPlugin";
 
   // The process's loader, created on first use and destroyed at exit.
   static IntfIdDescPluginLoader* DefaultPluginLoader();

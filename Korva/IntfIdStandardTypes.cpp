@@ -15,8 +15,8 @@ namespace Korva {
 
 namespace {
 
-constexpr IntfIdPart kSubIntf{16, false, '.'};
-constexpr IntfIdPart kPort{10, false, '/'};
+constexpr IntfIdPart subIntfPart{16, false, '.'};
+constexpr IntfIdPart portPart{10, false, '/'};
 
 struct StandardType {
   U8 typeId;
@@ -26,22 +26,22 @@ struct StandardType {
   std::initializer_list<IntfIdPart> parts;  // part 0 first
 };
 
-const StandardType kStandardTypes[] = {
-    {1, "Ethernet", "Et", 2, {kSubIntf, kPort, kPort, kPort}},
-    {2, "Port-Channel", "Po", 2, {kSubIntf, {16, false, '/'}}},
-    {3, "Management", "Ma", 1, {kPort, kPort}},
+const StandardType standardTypes[] = {
+    {1, "Ethernet", "Et", 2, {subIntfPart, portPart, portPart, portPart}},
+    {2, "Port-Channel", "Po", 2, {subIntfPart, {16, false, '/'}}},
+    {3, "Management", "Ma", 1, {portPart, portPart}},
     {4, "Loopback", "Lo", 1, {{16, true, '/'}}},
     {5, "Vlan", "Vl", 1, {{12, false, '/'}}},
     {6, "Vxlan", "Vx", 1, {{16, false, '/'}}},
     {7, "Tunnel", "Tun", 1, {{16, true, '/'}}},
-    {8, "Test", "Te", 1, {kPort, kPort}},
+    {8, "Test", "Te", 1, {portPart, portPart}},
     {9, "Internal", "In", 1, {{16, false, '/'}}},
     {10, "Fabric", "Fa", 1, {{16, false, '/'}}},
 };
 
 void registerStandardIntfTypes(void* context) {
   auto* mgr = static_cast<IntfIdMgr*>(context);
-  for (const StandardType& type : kStandardTypes) {
+  for (const StandardType& type : standardTypes) {
     Mox::Ptr<IntfIdDesc> desc = mgr->newIntfIdDesc(type.typeId, type.prefix, type.minPart);
     U8 key = 0;
     for (const IntfIdPart& part : type.parts) desc->partIs(key++, part);
@@ -50,7 +50,7 @@ void registerStandardIntfTypes(void* context) {
   }
 }
 
-const bool registered = Mox::pluginIs(IntfIdDescPluginLoader::kCategory, "StandardIntfTypes",
+const bool registered = Mox::pluginIs(IntfIdDescPluginLoader::category, "StandardIntfTypes",
                                       &registerStandardIntfTypes);
 
 }  // namespace

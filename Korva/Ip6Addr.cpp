@@ -356,6 +356,31 @@ std::string Ip6Addr::stringValue() const {
   return std::string(text, toChars(text));
 }
 
+namespace {
+
+// The rare texts the plain reader leaves (dotted tails, failures) go to the full reader.
+std::optional<Ip6Addr> readWholeCheckedIp6Addr(TextIter it, TextIter end) noexcept {
+  try {
+    Ip6Addr address = readCheckedIp6Addr(it, end);
+    if (it == end) return address;
+  } catch (const RangeException&) {
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<Ip6Addr> Ip6Addr::tryParse(std::string_view text) noexcept {
+  TextIter it = text.data();
+  TextIter end = it + text.size();
+  Ip6Addr address;
+  if (readPlainIp6Addr(it, end, &address)) {
+    if (it == end) return address;
+    return std::nullopt;
+  }
+  return readWholeCheckedIp6Addr(it, end);
+}
+
 void Ip6Addr::stringValueIs(std::string_view text) {
   if (text == "::") {
     *this = Ip6Addr();
@@ -440,14 +465,16 @@ void Ip6AddrWithMask::stringValueIs(std::string_view text) {
   *this = value;
 }
 
-bool operator<(const Ip6AddrWithMask& a, const Ip6AddrWithMask& b) noexcept {
+std::weak_ordering operator<=>(const Ip6AddrWithMask& a, const Ip6AddrWithMask& b) noexcept {
   if (a.len_ != b.len_) {
     const bool aLonger = a.len_ > b.len_;
     const Ip6AddrWithMask& shorter = aLonger ? b : a;
     const Ip6AddrWithMask& longer = aLonger ? a : b;
-    if (shorter.contains(longer.address_)) return aLonger;
+    if (shorter.contains(longer.address_)) {
+      return aLonger ? std::weak_ordering::less : std::weak_ordering::greater;
+    }
   }
-  return a.address_ < b.address_;
+  return a.address_ <=> b.address_;
 }
 
 std::string valueToStrep(const Ip6AddrWithMask& value) {

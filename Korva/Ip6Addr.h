@@ -5,17 +5,19 @@
 
 #include <Korva/EthAddr.h>
 #include <Korva/IpAddr.h>
-#include <Korva/ValueHash.h>
+#include <Korva/ValueType.h>
 #include <Mox/Text.h>
 #include <Mox/Types.h>
 
+#include <compare>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace Korva {
 
-class Ip6Addr : public RelationsFromLess<Ip6Addr> {
+class Ip6Addr {
  public:
   // The longest text this type prints: eight groups of four digits (never the dotted form).
   static constexpr size_t maxTextSize = 39;
@@ -26,6 +28,8 @@ class Ip6Addr : public RelationsFromLess<Ip6Addr> {
       : wordsNbo_{detail::swapNbo32(U32(g0) << 16 | g1), detail::swapNbo32(U32(g2) << 16 | g3),
                   detail::swapNbo32(U32(g4) << 16 | g5), detail::swapNbo32(U32(g6) << 16 | g7)} {}
   explicit Ip6Addr(std::string_view text) { stringValueIs(text); }
+  // The address that is all of `text`, or nothing.
+  static std::optional<Ip6Addr> tryParse(std::string_view text) noexcept;
   static constexpr Ip6Addr fromWords(U32 w0, U32 w1, U32 w2, U32 w3) noexcept {
     Ip6Addr a;
     a.wordsNbo_[0] = detail::swapNbo32(w0);
@@ -114,16 +118,13 @@ class Ip6Addr : public RelationsFromLess<Ip6Addr> {
   // Writes the compressed lower-case text (at most maxTextSize characters), returns its end.
   char* toChars(char* out) const noexcept;
 
-  friend constexpr bool operator==(const Ip6Addr& a, const Ip6Addr& b) noexcept {
-    return a.wordsNbo_[0] == b.wordsNbo_[0] && a.wordsNbo_[1] == b.wordsNbo_[1] &&
-           a.wordsNbo_[2] == b.wordsNbo_[2] && a.wordsNbo_[3] == b.wordsNbo_[3];
-  }
+  friend constexpr bool operator==(const Ip6Addr&, const Ip6Addr&) noexcept = default;
   // The 16 bytes as one big-endian number.
-  friend constexpr bool operator<(const Ip6Addr& a, const Ip6Addr& b) noexcept {
+  friend constexpr std::strong_ordering operator<=>(const Ip6Addr& a, const Ip6Addr& b) noexcept {
     for (int i = 0; i < 4; ++i) {
-      if (a.wordsNbo_[i] != b.wordsNbo_[i]) return a.word(i) < b.word(i);
+      if (a.wordsNbo_[i] != b.wordsNbo_[i]) return a.word(i) <=> b.word(i);
     }
-    return false;
+    return std::strong_ordering::equal;
   }
 
  private:
@@ -141,7 +142,7 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6Addr* value);
 std::ostream& operator<<(std::ostream& os, const Ip6Addr& value);
 
 // An address with a prefix length; host bits may be set.
-class Ip6AddrWithMask : public RelationsFromLess<Ip6AddrWithMask> {
+class Ip6AddrWithMask {
  public:
   constexpr Ip6AddrWithMask() noexcept = default;
   constexpr Ip6AddrWithMask(const Ip6Addr& address, U32 len) noexcept
@@ -170,7 +171,8 @@ class Ip6AddrWithMask : public RelationsFromLess<Ip6AddrWithMask> {
   friend bool operator==(const Ip6AddrWithMask&, const Ip6AddrWithMask&) = default;
   // More specific first: when the shorter value contains the longer one's address, the
   // longer is less; otherwise the addresses decide.
-  friend bool operator<(const Ip6AddrWithMask& a, const Ip6AddrWithMask& b) noexcept;
+  friend std::weak_ordering operator<=>(const Ip6AddrWithMask& a,
+                                        const Ip6AddrWithMask& b) noexcept;
 
  private:
   Ip6Addr address_;
@@ -183,7 +185,7 @@ std::ostream& operator<<(std::ostream& os, const Ip6AddrWithMask& value);
 
 // An address with a prefix length meant as a network. Text is read as for Ip6AddrWithMask
 // and stored unchecked; the length 4294967295 marks the null prefix.
-class Ip6Prefix : public Ip6AddrWithMask, public RelationsFromLess<Ip6Prefix> {
+class Ip6Prefix : public Ip6AddrWithMask {
  public:
   static constexpr U32 nullPrefixLen = 0xffffffff;
 
@@ -205,15 +207,14 @@ class Ip6Prefix : public Ip6AddrWithMask, public RelationsFromLess<Ip6Prefix> {
   Ip6Addr subnetHost(const Ip6Addr& host) const;
 
   friend bool operator==(const Ip6Prefix&, const Ip6Prefix&) = default;
-  friend bool operator<(const Ip6Prefix& a, const Ip6Prefix& b) noexcept {
-    return static_cast<const Ip6AddrWithMask&>(a) < static_cast<const Ip6AddrWithMask&>(b);
-  }
+  // The order of Ip6AddrWithMask.
+  friend std::weak_ordering operator<=>(const Ip6Prefix&, const Ip6Prefix&) = default;
 };
 
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6Prefix* value);
 
 // A prefix length 0..128, or 129 for "no prefix form".
-class Ip6PrefixLen : public RelationsFromLess<Ip6PrefixLen> {
+class Ip6PrefixLen {
  public:
   static constexpr U8 min = 0;
   static constexpr U8 max = 128;
@@ -230,9 +231,7 @@ class Ip6PrefixLen : public RelationsFromLess<Ip6PrefixLen> {
   U32 hash() const noexcept { return valueHashMix(value_); }
 
   friend bool operator==(const Ip6PrefixLen&, const Ip6PrefixLen&) = default;
-  friend bool operator<(const Ip6PrefixLen& a, const Ip6PrefixLen& b) noexcept {
-    return a.value_ < b.value_;
-  }
+  friend auto operator<=>(const Ip6PrefixLen&, const Ip6PrefixLen&) = default;
 
  private:
   U8 value_ = 0;
@@ -243,7 +242,7 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6PrefixLen* value);
 std::ostream& operator<<(std::ostream& os, const Ip6PrefixLen& value);
 
 // A byte index into an address, used as a collection key.
-class Ip6AddrU8Key : public RelationsFromLess<Ip6AddrU8Key> {
+class Ip6AddrU8Key {
  public:
   constexpr Ip6AddrU8Key() noexcept = default;
   constexpr explicit Ip6AddrU8Key(U8 value) noexcept : value_(value) {}
@@ -252,9 +251,7 @@ class Ip6AddrU8Key : public RelationsFromLess<Ip6AddrU8Key> {
   U32 hash() const noexcept { return valueHashMix(value_); }
 
   friend bool operator==(const Ip6AddrU8Key&, const Ip6AddrU8Key&) = default;
-  friend bool operator<(const Ip6AddrU8Key& a, const Ip6AddrU8Key& b) noexcept {
-    return a.value_ < b.value_;
-  }
+  friend auto operator<=>(const Ip6AddrU8Key&, const Ip6AddrU8Key&) = default;
 
  private:
   U8 value_ = 0;
@@ -265,7 +262,7 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6AddrU8Key* value);
 std::ostream& operator<<(std::ostream& os, const Ip6AddrU8Key& value);
 
 // An address with a 128-bit mask that need not be contiguous.
-class Ip6AddrWithFullMask : public RelationsFromLess<Ip6AddrWithFullMask> {
+class Ip6AddrWithFullMask {
  public:
   Ip6AddrWithFullMask() noexcept = default;
   Ip6AddrWithFullMask(const Ip6Addr& address, const Ip6Addr& mask) noexcept
@@ -289,9 +286,8 @@ class Ip6AddrWithFullMask : public RelationsFromLess<Ip6AddrWithFullMask> {
   void stringValueIs(std::string_view text);
 
   friend bool operator==(const Ip6AddrWithFullMask&, const Ip6AddrWithFullMask&) = default;
-  friend bool operator<(const Ip6AddrWithFullMask& a, const Ip6AddrWithFullMask& b) noexcept {
-    return a.address_ != b.address_ ? a.address_ < b.address_ : a.mask_ < b.mask_;
-  }
+  // By address, then by mask.
+  friend auto operator<=>(const Ip6AddrWithFullMask&, const Ip6AddrWithFullMask&) = default;
 
  private:
   Ip6Addr address_;
@@ -315,3 +311,16 @@ inline constexpr Ip6Addr ip6AddrLinkLocalBase(0xff02, 0, 0, 0, 0, 0, 0, 0);
 inline constexpr Ip6Prefix ip6LinkLocalPrefix(Ip6Addr(0xfe80, 0, 0, 0, 0, 0, 0, 0), 10);
 
 }  // namespace Korva
+
+template <>
+struct std::hash<Korva::Ip6Addr> : Korva::ValueHash<Korva::Ip6Addr> {};
+template <>
+struct std::hash<Korva::Ip6AddrWithMask> : Korva::ValueHash<Korva::Ip6AddrWithMask> {};
+template <>
+struct std::hash<Korva::Ip6Prefix> : Korva::ValueHash<Korva::Ip6Prefix> {};
+template <>
+struct std::hash<Korva::Ip6PrefixLen> : Korva::ValueHash<Korva::Ip6PrefixLen> {};
+template <>
+struct std::hash<Korva::Ip6AddrU8Key> : Korva::ValueHash<Korva::Ip6AddrU8Key> {};
+template <>
+struct std::hash<Korva::Ip6AddrWithFullMask> : Korva::ValueHash<Korva::Ip6AddrWithFullMask> {};

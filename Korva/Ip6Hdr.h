@@ -31,6 +31,16 @@ struct __attribute__((packed)) Ip6Hdr {
   void trafficClassIs(U8 v) noexcept { versionTrafficClassAndFlowLabel.fieldIs(20, 8, v); }
   U32 flowLabel() const noexcept { return versionTrafficClassAndFlowLabel.field(0, 20); }
   void flowLabelIs(U32 v) noexcept { versionTrafficClassAndFlowLabel.fieldIs(0, 20, v); }
+
+  // The fixed header and payloadLen bytes lie within the `available` bytes from the header on.
+  bool lengthsFit(U32 available) const noexcept {
+    return sizeof(Ip6Hdr) + payloadLen.value() <= available;
+  }
+  // payloadLen when the lengths fit, else nothing.
+  std::optional<U32> checkedPayloadLen(U32 available) const noexcept {
+    if (!lengthsFit(available)) return std::nullopt;
+    return payloadLen.value();
+  }
 };
 static_assert(sizeof(Ip6Hdr) == 40);
 
@@ -43,6 +53,7 @@ struct __attribute__((packed)) Ip6OptionsHdr {
   NetU8 hdrExtLen;
 
   U32 headerBytes() const noexcept { return (hdrExtLen.value() + 1u) * 8; }
+  bool lengthsFit(U32 available) const noexcept { return headerBytes() <= available; }
 };
 static_assert(sizeof(Ip6OptionsHdr) == 2);
 

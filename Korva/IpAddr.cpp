@@ -93,12 +93,25 @@ unsigned digitValue(char c) noexcept {
   return static_cast<unsigned>(static_cast<unsigned char>(c)) - '0';
 }
 
+// What the quiet readers give for no digit or a value above 255.
+constexpr U32 invalidOctet = 256;
+
+// The readers below come in two instances: `raise` throws "Invalid IpAddr" at the failing
+// character (the path stringValueIs takes), the other reports the failure and lets the
+// caller decide. Keeping the raising instance free of failure checks keeps it as fast.
+template <bool raise>
+[[gnu::always_inline]] inline U32 octetFailure() {
+  if constexpr (raise) throwInvalidIpAddr();
+  return invalidOctet;
+}
+
 // Reads one octet's digit run as Mox::dectol would (leading zeros included) and fails above
 // 255. Inlined because this is the hot path: with four characters to spare, up to three
 // digits are combined without a branch per digit, since random octet lengths would
 // mispredict one.
-U32 readOctet(TextIter& p, TextIter end) {
-  if (p == end || digitValue(*p) > 9) throwInvalidIpAddr();
+template <bool raise>
+U32 readOctet(TextIter& p, TextIter end) noexcept(!raise) {
+  if (p == end || digitValue(*p) > 9) return octetFailure<raise>();
   U32 n;
   if (end - p >= 4) {
     const unsigned d0 = digitValue(p[0]), d1 = digitValue(p[1]), d2 = digitValue(p[2]);
@@ -110,32 +123,55 @@ U32 readOctet(TextIter& p, TextIter end) {
     n = digitValue(*p++);
   }
   for (; p != end && digitValue(*p) <= 9; ++p) {
-    if (n > 255) throwInvalidIpAddr();
+    if (n > 255) return octetFailure<raise>();
     n = n * 10 + digitValue(*p);
   }
-  if (n > 255) throwInvalidIpAddr();
+  if (n > 255) return octetFailure<raise>();
   return n;
 }
 
-// The dotted-quad reader; internal so the library's own callers reach it without going
-// through the exported symbol.
-U32 readDottedQuad(TextIter& it, TextIter end) {
+// The dotted-quad reader: the network-order word, leaving `it` after the fourth octet.
+// Without `raise`, false on failure leaves `it` where it was.
+template <bool raise>
+bool readDottedQuad(TextIter& it, TextIter end, U32* valueNbo) noexcept(!raise) {
   TextIter p = it;
   U32 value = 0;
   for (int octet = 0;; ++octet) {
-    value = value << 8 | readOctet(p, end);
+    const U32 n = readOctet<raise>(p, end);
+    if (!raise && n == invalidOctet) return false;
+    value = value << 8 | n;
     if (octet == 3) break;
-    if (p == end || *p != '.') throwInvalidIpAddr();
+    if (p == end || *p != '.') {
+      if constexpr (raise) throwInvalidIpAddr();
+      return false;
+    }
     ++p;
   }
   it = p;
-  return detail::swapNbo32(value);
+  *valueNbo = detail::swapNbo32(value);
+  return true;
+}
+
+// The raising reader; internal so the library's own callers reach it without going through
+// the exported symbol.
+U32 readDottedQuad(TextIter& it, TextIter end) {
+  U32 valueNbo;
+  readDottedQuad<true>(it, end, &valueNbo);
+  return valueNbo;
 }
 
 }  // namespace
 
 U32 IpAddr::sequenceToValueNbo(TextIter& it, TextIter end) {
   return readDottedQuad(it, end);
+}
+
+std::optional<IpAddr> IpAddr::tryParse(std::string_view text) noexcept {
+  TextIter it = text.data();
+  TextIter end = it + text.size();
+  U32 valueNbo;
+  if (!readDottedQuad<false>(it, end, &valueNbo) || it != end) return std::nullopt;
+  return IpAddr(valueNbo);
 }
 
 void IpAddr::stringValueIs(std::string_view text) {
@@ -266,12 +302,12 @@ void Prefix::stringValueIs(std::string_view text) {
   parseWhole(text, this, readPrefix, "Invalid Prefix - non-zero after prefixlen");
 }
 
-bool operator<(const Prefix& a, const Prefix& b) noexcept {
+std::weak_ordering operator<=>(const Prefix& a, const Prefix& b) noexcept {
   // Lengths compare as signed here, so the null-prefix length counts as no common bits.
   const Mox::S32 common = std::min(static_cast<Mox::S32>(a.len_), static_cast<Mox::S32>(b.len_));
   const U32 mask = common <= 0 ? 0u : detail::leadingBitsMask(static_cast<U32>(common));
-  if (((a.address_.value() ^ b.address_.value()) & mask) == 0) return a.len_ > b.len_;
-  return a.address_ < b.address_;
+  if (((a.address_.value() ^ b.address_.value()) & mask) == 0) return b.len_ <=> a.len_;
+  return a.address_ <=> b.address_;
 }
 
 std::string valueToStrep(const Prefix& value) {

@@ -3,17 +3,18 @@
 // with a full 32-bit mask. Addresses are stored in network byte order and compared, masked
 // and hashed on their host-order value.
 
-#include <Korva/ValueHash.h>
+#include <Korva/ValueType.h>
 #include <Mox/Text.h>
 #include <Mox/Types.h>
 
 #include <bit>
+#include <compare>
 #include <cstring>
 #include <functional>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
 namespace Korva {
 
@@ -38,18 +39,7 @@ char* writeDecimal(char* out, U32 n) noexcept;
 
 }  // namespace detail
 
-// Supplies <=, > and >= from a type's operator<, as !(b < a), b < a and !(a < b). Several
-// orders here (the prefix orders) are not plain lexicographic, so every relation is spelled
-// from < rather than from a three-way comparison.
-template <class T>
-struct RelationsFromLess {
-  friend bool operator<=(const T& a, const T& b) { return !(b < a); }
-  friend bool operator>(const T& a, const T& b) { return b < a; }
-  friend bool operator>=(const T& a, const T& b) { return !(a < b); }
-  friend bool operator==(const RelationsFromLess&, const RelationsFromLess&) = default;
-};
-
-class IpAddr : public RelationsFromLess<IpAddr> {
+class IpAddr {
  public:
   // The longest dotted text, 255.255.255.255.
   static constexpr size_t maxTextSize = 15;
@@ -60,6 +50,8 @@ class IpAddr : public RelationsFromLess<IpAddr> {
   constexpr IpAddr(U8 a, U8 b, U8 c, U8 d) noexcept
       : valueNbo_(detail::swapNbo32(U32(a) << 24 | U32(b) << 16 | U32(c) << 8 | d)) {}
   explicit IpAddr(std::string_view text) { stringValueIs(text); }
+  // The dotted text that is all of `text`, or nothing.
+  static std::optional<IpAddr> tryParse(std::string_view text) noexcept;
   static constexpr IpAddr fromHostOrder(U32 value) noexcept {
     return IpAddr(detail::swapNbo32(value));
   }
@@ -105,10 +97,11 @@ class IpAddr : public RelationsFromLess<IpAddr> {
   // unchanged when no address is there.
   static U32 sequenceToValueNbo(Mox::TextIter& it, Mox::TextIter end);
 
-  friend constexpr bool operator==(IpAddr a, IpAddr b) noexcept {
-    return a.valueNbo_ == b.valueNbo_;
+  friend constexpr bool operator==(IpAddr a, IpAddr b) noexcept = default;
+  // Numeric order of the host-order value: 10.0.0.1 < 10.0.0.2 < 11.0.0.0.
+  friend constexpr std::strong_ordering operator<=>(IpAddr a, IpAddr b) noexcept {
+    return a.value() <=> b.value();
   }
-  friend constexpr bool operator<(IpAddr a, IpAddr b) noexcept { return a.value() < b.value(); }
 
  private:
   U32 valueNbo_ = 0;
@@ -123,7 +116,7 @@ std::ostream& operator<<(std::ostream& os, IpAddr value);
 U32 sequenceToPrefixLen(Mox::TextIter& it, Mox::TextIter end);
 
 // An address with a prefix length; host bits may be set and the length is not checked.
-class IpAddrWithMask : public RelationsFromLess<IpAddrWithMask> {
+class IpAddrWithMask {
  public:
   IpAddrWithMask() noexcept = default;
   IpAddrWithMask(IpAddr address, U32 len) noexcept : address_(address), len_(len) {}
@@ -140,9 +133,8 @@ class IpAddrWithMask : public RelationsFromLess<IpAddrWithMask> {
   void stringValueIs(std::string_view text);
 
   friend bool operator==(const IpAddrWithMask&, const IpAddrWithMask&) = default;
-  friend bool operator<(const IpAddrWithMask& a, const IpAddrWithMask& b) noexcept {
-    return a.address_ != b.address_ ? a.address_ < b.address_ : a.len_ < b.len_;
-  }
+  // By address, then by length.
+  friend auto operator<=>(const IpAddrWithMask&, const IpAddrWithMask&) = default;
 
  private:
   IpAddr address_;
@@ -155,7 +147,7 @@ std::ostream& operator<<(std::ostream& os, const IpAddrWithMask& value);
 
 // A network: no address bit is set after the first `len` bits. The length 4294967295 marks
 // the null prefix.
-class Prefix : public RelationsFromLess<Prefix> {
+class Prefix {
  public:
   static constexpr U32 nullPrefixLen = 0xffffffff;
 
@@ -184,7 +176,7 @@ class Prefix : public RelationsFromLess<Prefix> {
 
   friend bool operator==(const Prefix&, const Prefix&) = default;
   // More specific first: of two nested prefixes the longer sorts first; otherwise by address.
-  friend bool operator<(const Prefix& a, const Prefix& b) noexcept;
+  friend std::weak_ordering operator<=>(const Prefix& a, const Prefix& b) noexcept;
 
  private:
   IpAddr address_;
@@ -198,7 +190,7 @@ std::ostream& operator<<(std::ostream& os, const Prefix& value);
 
 // An address with a 32-bit mask that need not be contiguous. The mask is a host-order number
 // (255.255.255.0 is 0xffffff00), unlike the address.
-class IpAddrWithFullMask : public RelationsFromLess<IpAddrWithFullMask> {
+class IpAddrWithFullMask {
  public:
   IpAddrWithFullMask() noexcept = default;
   IpAddrWithFullMask(IpAddr address, U32 mask) noexcept : address_(address), mask_(mask) {}
@@ -219,9 +211,8 @@ class IpAddrWithFullMask : public RelationsFromLess<IpAddrWithFullMask> {
   void stringValueIs(std::string_view text);
 
   friend bool operator==(const IpAddrWithFullMask&, const IpAddrWithFullMask&) = default;
-  friend bool operator<(const IpAddrWithFullMask& a, const IpAddrWithFullMask& b) noexcept {
-    return a.address_ != b.address_ ? a.address_ < b.address_ : a.mask_ < b.mask_;
-  }
+  // By address, then by the mask as a number.
+  friend auto operator<=>(const IpAddrWithFullMask&, const IpAddrWithFullMask&) = default;
 
  private:
   IpAddr address_;
@@ -235,11 +226,11 @@ std::ostream& operator<<(std::ostream& os, const IpAddrWithFullMask& value);
 
 }  // namespace Korva
 
-// Hashing for unordered containers, through each type's hash().
-template <class T>
-requires std::is_base_of_v<Korva::RelationsFromLess<T>, T> && requires(const T& v) {
-  v.hash();
-}
-struct std::hash<T> {
-  size_t operator()(const T& value) const noexcept { return value.hash(); }
-};
+template <>
+struct std::hash<Korva::IpAddr> : Korva::ValueHash<Korva::IpAddr> {};
+template <>
+struct std::hash<Korva::IpAddrWithMask> : Korva::ValueHash<Korva::IpAddrWithMask> {};
+template <>
+struct std::hash<Korva::Prefix> : Korva::ValueHash<Korva::Prefix> {};
+template <>
+struct std::hash<Korva::IpAddrWithFullMask> : Korva::ValueHash<Korva::IpAddrWithFullMask> {};

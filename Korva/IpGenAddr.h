@@ -7,6 +7,7 @@
 #include <Mox/Text.h>
 #include <Mox/Types.h>
 
+#include <compare>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -24,7 +25,7 @@ std::ostream& operator<<(std::ostream& os, AddressFamily af);
 // a '/' before either, or neither at all, means no family.
 AddressFamily sequenceToAfHint(Mox::TextIter it, Mox::TextIter end) noexcept;
 
-class IpGenAddr : public RelationsFromLess<IpGenAddr> {
+class IpGenAddr {
  public:
   // The family unknown and the address all zeros.
   IpGenAddr() noexcept = default;
@@ -83,9 +84,7 @@ class IpGenAddr : public RelationsFromLess<IpGenAddr> {
 
   friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
   // By family as a number, then by the address area in Ip6Addr order.
-  friend bool operator<(const IpGenAddr& a, const IpGenAddr& b) noexcept {
-    return a.af_ != b.af_ ? a.af_ < b.af_ : a.area_ < b.area_;
-  }
+  friend auto operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
 
  private:
   AddressFamily af_ = AddressFamily::ipunknown;
@@ -97,3 +96,6 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpGenAddr* value);
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& value);
 
 }  // namespace Korva
+
+template <>
+struct std::hash<Korva::IpGenAddr> : Korva::ValueHash<Korva::IpGenAddr> {};

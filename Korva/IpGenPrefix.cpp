@@ -222,10 +222,11 @@ void IpGenPrefix::stringValueIs(std::string_view text) {
   parseWholePrefix(text, this);
 }
 
-bool operator<(const IpGenPrefix& a, const IpGenPrefix& b) {
+std::weak_ordering operator<=>(const IpGenPrefix& a, const IpGenPrefix& b) {
   assertKnownFamily(a.af());
-  if (a.af() != b.af()) return a.af() < b.af();
-  return a.af() == AddressFamily::ipv4 ? a.v4Prefix() < b.v4Prefix() : a.v6Prefix() < b.v6Prefix();
+  if (a.af() != b.af()) return a.af() <=> b.af();
+  return a.af() == AddressFamily::ipv4 ? a.v4Prefix() <=> b.v4Prefix()
+                                       : a.v6Prefix() <=> b.v6Prefix();
 }
 
 std::string valueToStrep(const IpGenPrefix& value) {
@@ -329,11 +330,11 @@ void IpGenAddrWithMask::stringValueIs(std::string_view text) {
   parseWholePrefix(text, this);
 }
 
-bool operator<(const IpGenAddrWithMask& a, const IpGenAddrWithMask& b) {
+std::weak_ordering operator<=>(const IpGenAddrWithMask& a, const IpGenAddrWithMask& b) {
   assertKnownFamily(a.af());
-  if (a.af() != b.af()) return a.af() < b.af();
-  return a.af() == AddressFamily::ipv4 ? a.v4AddrWithMask() < b.v4AddrWithMask()
-                                       : a.v6AddrWithMask() < b.v6AddrWithMask();
+  if (a.af() != b.af()) return a.af() <=> b.af();
+  return a.af() == AddressFamily::ipv4 ? a.v4AddrWithMask() <=> b.v4AddrWithMask()
+                                       : a.v6AddrWithMask() <=> b.v6AddrWithMask();
 }
 
 std::string valueToStrep(const IpGenAddrWithMask& value) {

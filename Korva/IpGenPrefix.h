@@ -11,6 +11,7 @@
 #include <Mox/Text.h>
 #include <Mox/Types.h>
 
+#include <compare>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -22,7 +23,7 @@ namespace Korva {
 class IpGenPrefix;
 
 // A family, an address and a length, with no relation enforced between them.
-class IpGenPrefixBase : public RelationsFromLess<IpGenPrefixBase> {
+class IpGenPrefixBase {
  public:
   IpGenPrefixBase() noexcept = default;
   IpGenPrefixBase(const IpGenAddr& address, U32 len) noexcept : address_(address), len_(len) {}
@@ -55,9 +56,7 @@ class IpGenPrefixBase : public RelationsFromLess<IpGenPrefixBase> {
 
   friend bool operator==(const IpGenPrefixBase&, const IpGenPrefixBase&) = default;
   // By family, then address area, then length.
-  friend bool operator<(const IpGenPrefixBase& a, const IpGenPrefixBase& b) noexcept {
-    return a.address_ != b.address_ ? a.address_ < b.address_ : a.len_ < b.len_;
-  }
+  friend auto operator<=>(const IpGenPrefixBase&, const IpGenPrefixBase&) = default;
 
  protected:
   IpGenAddr address_;
@@ -70,7 +69,7 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpGenPrefixBase* valu
 std::ostream& operator<<(std::ostream& os, const IpGenPrefixBase& value);
 
 // A network of either family: no address bit is set after the first `len` bits.
-class IpGenPrefix : public IpGenPrefixBase, public RelationsFromLess<IpGenPrefix> {
+class IpGenPrefix : public IpGenPrefixBase {
  public:
   IpGenPrefix() noexcept = default;
   // Raise "Invalid IPv4 Prefix Length" above 32 (IPv6: "Invalid IPv6 Prefix Length" above
@@ -100,8 +99,9 @@ class IpGenPrefix : public IpGenPrefixBase, public RelationsFromLess<IpGenPrefix
   void stringValueIs(std::string_view text);
 
   friend bool operator==(const IpGenPrefix&, const IpGenPrefix&) = default;
-  // By family, then more specific first within the family. Aborts when `a` has no family.
-  friend bool operator<(const IpGenPrefix& a, const IpGenPrefix& b);
+  // By family, then more specific first within the family. Aborts when the left operand
+  // has no family.
+  friend std::weak_ordering operator<=>(const IpGenPrefix& a, const IpGenPrefix& b);
 };
 
 std::string valueToStrep(const IpGenPrefix& value);
@@ -112,7 +112,7 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpGenPrefix* value);
 std::ostream& operator<<(std::ostream& os, const IpGenPrefix& value);
 
 // An address of either family with a length; host bits may be set.
-class IpGenAddrWithMask : public RelationsFromLess<IpGenAddrWithMask> {
+class IpGenAddrWithMask {
  public:
   IpGenAddrWithMask() noexcept = default;
   // Raise "Invalid IPv4 Prefix Length" above 32, "Invalid IPv6 Prefix Length" above 128.
@@ -141,8 +141,8 @@ class IpGenAddrWithMask : public RelationsFromLess<IpGenAddrWithMask> {
   void stringValueIs(std::string_view text);
 
   friend bool operator==(const IpGenAddrWithMask&, const IpGenAddrWithMask&) = default;
-  // By family, then address, then length. Aborts when `a` has no family.
-  friend bool operator<(const IpGenAddrWithMask& a, const IpGenAddrWithMask& b);
+  // By family, then address, then length. Aborts when the left operand has no family.
+  friend std::weak_ordering operator<=>(const IpGenAddrWithMask& a, const IpGenAddrWithMask& b);
 
  private:
   IpGenAddr address_;
@@ -152,6 +152,18 @@ class IpGenAddrWithMask : public RelationsFromLess<IpGenAddrWithMask> {
 std::string valueToStrep(const IpGenAddrWithMask& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpGenAddrWithMask* value);
 std::ostream& operator<<(std::ostream& os, const IpGenAddrWithMask& value);
+
+}  // namespace Korva
+
+// Declared before the prefix collections, whose maps hash their keys with them.
+template <>
+struct std::hash<Korva::IpGenPrefixBase> : Korva::ValueHash<Korva::IpGenPrefixBase> {};
+template <>
+struct std::hash<Korva::IpGenPrefix> : Korva::ValueHash<Korva::IpGenPrefix> {};
+template <>
+struct std::hash<Korva::IpGenAddrWithMask> : Korva::ValueHash<Korva::IpGenAddrWithMask> {};
+
+namespace Korva {
 
 // A set of prefixes, each carrying a boolean; keys hash with IpGenPrefixBase::hash.
 class IpGenPrefixSet {

@@ -6,6 +6,7 @@
 #include <Korva/Pkt.h>
 
 #include <iosfwd>
+#include <optional>
 #include <string>
 
 namespace Korva {
@@ -85,7 +86,19 @@ struct __attribute__((packed)) IpHdr {
   U8 ecn() const noexcept { return tos.field(0, 2); }
   void ecnIs(U8 v) noexcept { tos.fieldIs(0, 2, v); }
 
+  // Trusts the header: check lengthsFit() first, or use checkedPayloadLen(), for a header
+  // from the wire.
   U32 payloadLen() const noexcept { return totalLen.value() - headerBytes(); }
+  // 20 <= headerBytes() <= totalLen <= `available`, the bytes present from the header on.
+  bool lengthsFit(U32 available) const noexcept {
+    return headerBytes() >= minHeaderBytes && headerBytes() <= totalLen.value() &&
+           totalLen.value() <= available;
+  }
+  // payloadLen() when the lengths fit, else nothing.
+  std::optional<U32> checkedPayloadLen(U32 available) const noexcept {
+    if (!lengthsFit(available)) return std::nullopt;
+    return payloadLen();
+  }
 
   // Flags from the top bit down: reserved, don't fragment, more fragments; then the offset
   // in units of 8 bytes.

@@ -29,7 +29,7 @@ struct ConversionRow {
   Tail tail;
 };
 
-constexpr ConversionRow kLongToKernel[] = {
+constexpr ConversionRow longToKernel[] = {
     {"ethernet", "et", 8, Tail::dropMatch},       {"vlan", "", 0, Tail::wholeLowered},
     {"vxlan", "", 0, Tail::wholeLowered},         {"loopback", "lo", 8, Tail::dropMatch},
     {"internal", "internal", 8, Tail::dropMatch}, {"fabric", "fabric", 6, Tail::dropMatch},
@@ -37,7 +37,7 @@ constexpr ConversionRow kLongToKernel[] = {
     {"test", "tap-", 4, Tail::dropMatch},         {"tunnel", "tun", 6, Tail::dropMatch},
 };
 
-constexpr ConversionRow kKernelToLong[] = {
+constexpr ConversionRow kernelToLong[] = {
     {"et", "Ethernet", 2, Tail::dropMatch},       {"vlan", "Vlan", 4, Tail::dropMatch},
     {"vxlan", "Vxlan", 5, Tail::dropMatch},       {"lo", "Loopback", 2, Tail::dropMatch},
     {"internal", "Internal", 8, Tail::dropMatch}, {"fabric", "Fabric", 6, Tail::dropMatch},
@@ -45,7 +45,7 @@ constexpr ConversionRow kKernelToLong[] = {
     {"tap", "Test", 0, Tail::afterDash},          {"tun", "Tunnel", 3, Tail::dropMatch},
 };
 
-constexpr ConversionRow kShortToLong[] = {
+constexpr ConversionRow shortToLong[] = {
     {"et", "Ethernet", 2, Tail::dropMatch},       {"vl", "Vlan", 2, Tail::dropMatch},
     {"vx", "Vxlan", 2, Tail::dropMatch},          {"lo", "Loopback", 2, Tail::dropMatch},
     {"internal", "Internal", 8, Tail::dropMatch}, {"fabric", "Fabric", 6, Tail::dropMatch},
@@ -93,9 +93,9 @@ struct NamePattern {
   pcre2_code* code = nullptr;
 };
 
-constexpr const char* kNamePattern =
+constexpr const char* namePatternText =
     "([^0-9\\/]+)(?:(\\d+)\\/?)?(?:(\\d+)\\/?)?(?:(\\d+))?(?:\\.(\\d+))?$";
-constexpr int kCapturePairs = 10;
+constexpr int capturePairs = 10;
 
 // The order's invariants name the function as its callers know it, whatever the compiler
 // spells for the aliases in its signature.
@@ -110,7 +110,7 @@ NamePattern compileNamePattern() {
   NamePattern pattern;
   int errorCode = 0;
   PCRE2_SIZE errorOffset = 0;
-  pattern.code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(kNamePattern), PCRE2_ZERO_TERMINATED,
+  pattern.code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(namePatternText), PCRE2_ZERO_TERMINATED,
                                PCRE2_EXTENDED, &errorCode, &errorOffset, nullptr);
   if (!pattern.code) {
     PCRE2_UCHAR message[256];
@@ -132,8 +132,8 @@ const NamePattern& namePattern() {
 // One match-data block for each side of a comparison, per thread: the pattern is the only
 // state threads share, so comparisons on several threads do not overwrite each other.
 struct MatchData {
-  pcre2_match_data* a = pcre2_match_data_create(kCapturePairs, nullptr);
-  pcre2_match_data* b = pcre2_match_data_create(kCapturePairs, nullptr);
+  pcre2_match_data* a = pcre2_match_data_create(capturePairs, nullptr);
+  pcre2_match_data* b = pcre2_match_data_create(capturePairs, nullptr);
   ~MatchData() {
     pcre2_match_data_free(a);
     pcre2_match_data_free(b);
@@ -173,17 +173,17 @@ int sign(long difference) {
 }  // namespace
 
 Mox::String8 vexIntfToKernelIntf(std::string_view name) {
-  return replaced(convert(name, kLongToKernel, "Unable to convert VEX if name to kernel if name"),
+  return replaced(convert(name, longToKernel, "Unable to convert VEX if name to kernel if name"),
                   '/', '_');
 }
 
 Mox::String8 kernelIntfToVexIntf(std::string_view name) {
-  return replaced(convert(name, kKernelToLong, "Unable to convert kernel if name to VEX if name"),
+  return replaced(convert(name, kernelToLong, "Unable to convert kernel if name to VEX if name"),
                   '_', '/');
 }
 
 Mox::String8 shortIntfToVexIntf(std::string_view name) {
-  return convert(name, kShortToLong, "Unable to convert short if name to VEX if name");
+  return convert(name, shortToLong, "Unable to convert short if name to VEX if name");
 }
 
 IntfId stringToVexIntf(std::string_view name) {

@@ -1,6 +1,6 @@
 #include <Korva/Mpls.h>
 
-#include <Korva/ValueHash.h>
+#include <Korva/ValueType.h>
 #include <Mox/Assert.h>
 #include <Mox/Text.h>
 
@@ -9,6 +9,8 @@
 #include <ostream>
 
 namespace Korva {
+
+using Mox::TextIter;
 
 namespace {
 
@@ -38,7 +40,7 @@ bool readStack(TextIter& it, TextIter end, BoundedMplsLabelStack* stack) {
   if (!Mox::skipString(cursor, end, "]")) {
     do {
       MplsLabel label;
-      if (parsed.stackSize() == BoundedMplsLabelStack::kMaxSize) return false;
+      if (parsed.stackSize() == BoundedMplsLabelStack::maxSize) return false;
       if (!readLabel(cursor, end, &label)) return false;
       parsed.labelIs(parsed.stackSize(), label);
       parsed.stackSizeIs(U8(parsed.stackSize() + 1));
@@ -107,8 +109,8 @@ void MplsLabel::stringValueIs(std::string_view text) {
 }
 
 std::string MplsLabel::prettyString() const {
-  static constexpr const char* kReservedWords[] = {"exp-null-v4", "router-alert", "exp-null-v6",
-                                                   "imp-null"};
+  static constexpr const char* reservedWords[] = {"exp-null-v4", "router-alert", "exp-null-v6",
+                                                  "imp-null"};
   char text[32];
   switch (value_) {
     case null:
@@ -119,7 +121,7 @@ std::string MplsLabel::prettyString() const {
       return "(lu-withdraw)";
   }
   int length = value_ <= implicitNull
-                   ? std::snprintf(text, sizeof text, "%s(%d)", kReservedWords[value_], int(value_))
+                   ? std::snprintf(text, sizeof text, "%s(%d)", reservedWords[value_], int(value_))
                    : std::snprintf(text, sizeof text, "%d", int(value_));
   return std::string(text, size_t(length));
 }
@@ -191,19 +193,18 @@ std::ostream& operator<<(std::ostream& os, const BoundedMplsLabelStackResult& va
 // --- BoundedMplsLabelStack ---
 
 void BoundedMplsLabelStack::stackSizeIs(U8 size) {
-  if (size > kMaxSize)
-    throw Mox::RangeException("BoundedMplsLabelStack::stackSize > 6 not allowed");
+  if (size > maxSize) throw Mox::RangeException("BoundedMplsLabelStack::stackSize > 6 not allowed");
   stackSize_ = size;
 }
 
 MplsLabel BoundedMplsLabelStack::label(unsigned index) const {
-  if (index >= kMaxSize)
+  if (index >= maxSize)
     throw Mox::RangeException("BoundedMplsLabelStack::labelIs: index out of range");
   return labels_[index];
 }
 
 void BoundedMplsLabelStack::labelIs(unsigned index, MplsLabel label) {
-  if (index >= kMaxSize)
+  if (index >= maxSize)
     throw Mox::RangeException("BoundedMplsLabelStack::labelIs: index out of range");
   labels_[index] = label;
 }
@@ -224,7 +225,7 @@ BoundedMplsLabelStackResult BoundedMplsLabelStack::append(MplsLabel label) {
   if (label.isExplicitNull() || label.isImplicitNull()) {
     return BoundedMplsLabelStackResult(Error::LABEL_IGNORED);
   }
-  if (stackSize_ == kMaxSize) return BoundedMplsLabelStackResult(Error::STACK_FULL);
+  if (stackSize_ == maxSize) return BoundedMplsLabelStackResult(Error::STACK_FULL);
   labels_[stackSize_++] = label;
   return BoundedMplsLabelStackResult();
 }
@@ -238,7 +239,7 @@ BoundedMplsLabelStackResult BoundedMplsLabelStack::prepend(MplsLabel label) {
   if (label.isExplicitNull() && labels_[0].isExplicitNull()) {
     return BoundedMplsLabelStackResult(Error::LABEL_IGNORED);
   }
-  if (stackSize_ == kMaxSize) return BoundedMplsLabelStackResult(Error::STACK_FULL);
+  if (stackSize_ == maxSize) return BoundedMplsLabelStackResult(Error::STACK_FULL);
   std::copy_backward(labels_.begin(), labels_.begin() + stackSize_,
                      labels_.begin() + stackSize_ + 1);
   labels_[0] = label;

@@ -6,6 +6,7 @@
 // label below another label) and reports what it refused instead of throwing, so callers
 // can build stacks label by label and decide what a refusal means to them.
 
+#include <Korva/ValueType.h>
 #include <Mox/Exception.h>
 #include <Mox/Types.h>
 
@@ -16,8 +17,6 @@
 #include <string_view>
 
 namespace Korva {
-
-using Mox::TextIter;
 
 // One 20-bit label value, or one of three markers beyond the label space.
 class MplsLabel {
@@ -53,6 +52,7 @@ class MplsLabel {
   std::string prettyString() const;
 
   U32 hash() const noexcept;
+  friend bool operator==(const MplsLabel&, const MplsLabel&) = default;
   friend auto operator<=>(const MplsLabel&, const MplsLabel&) = default;
 
  private:
@@ -60,7 +60,7 @@ class MplsLabel {
 };
 
 std::string valueToStrep(const MplsLabel& value);
-void sequenceToValue(TextIter& it, TextIter end, MplsLabel* value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, MplsLabel* value);
 std::ostream& operator<<(std::ostream& os, const MplsLabel& value);
 
 // The index of a slot of a label stack, 0..5.
@@ -73,6 +73,7 @@ class MplsStackEntryIndex {
   explicit MplsStackEntryIndex(U32 value) { valueIs(value); }
   U32 value() const noexcept { return value_; }
   void valueIs(U32 value);
+  friend bool operator==(const MplsStackEntryIndex&, const MplsStackEntryIndex&) = default;
   friend auto operator<=>(const MplsStackEntryIndex&, const MplsStackEntryIndex&) = default;
 
  private:
@@ -96,6 +97,8 @@ class BoundedMplsLabelStackResult {
   void combine(BoundedMplsLabelStackError error);
   void combine(const BoundedMplsLabelStackResult& other) { combine(other.stackError_); }
 
+  friend bool operator==(const BoundedMplsLabelStackResult&,
+                         const BoundedMplsLabelStackResult&) = default;
   friend auto operator<=>(const BoundedMplsLabelStackResult&,
                           const BoundedMplsLabelStackResult&) = default;
 
@@ -109,7 +112,7 @@ std::ostream& operator<<(std::ostream& os, const BoundedMplsLabelStackResult& va
 // carry no meaning: comparisons, hash and text ignore them.
 class BoundedMplsLabelStack {
  public:
-  static constexpr unsigned kMaxSize = 6;
+  static constexpr unsigned maxSize = 6;
 
   constexpr BoundedMplsLabelStack() = default;
 
@@ -142,11 +145,11 @@ class BoundedMplsLabelStack {
   friend class MplsLabelOperation;
 
   U8 stackSize_ = 0;
-  std::array<MplsLabel, kMaxSize> labels_{};
+  std::array<MplsLabel, maxSize> labels_{};
 };
 
 std::string valueToStrep(const BoundedMplsLabelStack& value);
-void sequenceToValue(TextIter& it, TextIter end, BoundedMplsLabelStack* value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, BoundedMplsLabelStack* value);
 std::ostream& operator<<(std::ostream& os, const BoundedMplsLabelStack& value);
 
 enum class MplsOperation : U8 { push = 0, pop = 1, swap = 2 };
@@ -171,6 +174,7 @@ class SmushError {
   bool badEntropyLabel() const noexcept { return value_ & badEntropyLabelBit; }
   void badEntropyLabelIs(bool set) noexcept { setBit(badEntropyLabelBit, set); }
 
+  friend bool operator==(const SmushError&, const SmushError&) = default;
   friend auto operator<=>(const SmushError&, const SmushError&) = default;
 
  private:
@@ -189,6 +193,7 @@ struct SmushResult {
   SmushError smushError;
   BoundedMplsLabelStackResult stackResult;
 
+  friend bool operator==(const SmushResult&, const SmushResult&) = default;
   friend auto operator<=>(const SmushResult&, const SmushResult&) = default;
 };
 
@@ -231,8 +236,8 @@ class MplsLabelOperation {
   void stringValueIs(std::string_view text);
 
   U32 hash() const noexcept;
-  friend auto operator<=>(const MplsLabelOperation&, const MplsLabelOperation&) = default;
   friend bool operator==(const MplsLabelOperation&, const MplsLabelOperation&) = default;
+  friend auto operator<=>(const MplsLabelOperation&, const MplsLabelOperation&) = default;
 
  private:
   MplsOperation operation_ = MplsOperation::push;
@@ -242,22 +247,14 @@ class MplsLabelOperation {
 };
 
 std::string valueToStrep(const MplsLabelOperation& value);
-void sequenceToValue(TextIter& it, TextIter end, MplsLabelOperation* value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, MplsLabelOperation* value);
 std::ostream& operator<<(std::ostream& os, const MplsLabelOperation& value);
 
 }  // namespace Korva
 
 template <>
-struct std::hash<Korva::MplsLabel> {
-  size_t operator()(const Korva::MplsLabel& value) const noexcept { return value.hash(); }
-};
+struct std::hash<Korva::MplsLabel> : Korva::ValueHash<Korva::MplsLabel> {};
 template <>
-struct std::hash<Korva::BoundedMplsLabelStack> {
-  size_t operator()(const Korva::BoundedMplsLabelStack& value) const noexcept {
-    return value.hash();
-  }
-};
+struct std::hash<Korva::BoundedMplsLabelStack> : Korva::ValueHash<Korva::BoundedMplsLabelStack> {};
 template <>
-struct std::hash<Korva::MplsLabelOperation> {
-  size_t operator()(const Korva::MplsLabelOperation& value) const noexcept { return value.hash(); }
-};
+struct std::hash<Korva::MplsLabelOperation> : Korva::ValueHash<Korva::MplsLabelOperation> {};

@@ -29,8 +29,8 @@ Mox::TraceHandle trace("NetnsUtils");
 
 // The agent's namespace is the process's; the caller's is its own thread's, which differs
 // from the process's while a thread is inside another namespace.
-constexpr const char* kAgentNs = "/proc/self/ns/net";
-constexpr const char* kThreadNs = "/proc/thread-self/ns/net";
+constexpr const char* agentNs = "/proc/self/ns/net";
+constexpr const char* threadNs = "/proc/thread-self/ns/net";
 
 // Runs a step, and on failure traces `message + strerror` and leaves errno as it was.
 void traceFailure(const std::string& message) {
@@ -165,7 +165,7 @@ int socketAt(int domain, int type, int protocol, const Mox::String8& name) {
   const bool named = !path.empty() && stat(path.c_str(), &target) == 0;
   // The caller's own namespace (by name, or the default one before it has been named)
   // needs no worker thread.
-  if ((named && stat(kThreadNs, &own) == 0 && sameFile(target, own)) ||
+  if ((named && stat(threadNs, &own) == 0 && sameFile(target, own)) ||
       (!named && name == DEFAULT_NS)) {
     return socket(domain, type, protocol);
   }
@@ -183,7 +183,7 @@ int mountDefaultNetNs() {
   const std::string path = runPath(DEFAULT_NS);
   struct stat existing, agent;
   if (stat(path.c_str(), &existing) == 0) {
-    if (stat(kAgentNs, &agent) == 0 && sameFile(existing, agent)) {
+    if (stat(agentNs, &agent) == 0 && sameFile(existing, agent)) {
       MOX_TRACE(trace, 1, path << " exists");
       return 0;
     }
@@ -195,8 +195,8 @@ int mountDefaultNetNs() {
     return -1;
   }
   close(fd);
-  if (mount(kAgentNs, path.c_str(), "none", MS_BIND, nullptr) < 0) {
-    traceFailure(std::string("Bind ") + kAgentNs + " -> " + path + " failed: ");
+  if (mount(agentNs, path.c_str(), "none", MS_BIND, nullptr) < 0) {
+    traceFailure(std::string("Bind ") + agentNs + " -> " + path + " failed: ");
     int error = errno;
     unlink(path.c_str());
     errno = error;
@@ -208,9 +208,9 @@ int mountDefaultNetNs() {
 int netNsAdd(const Mox::String8& name) {
   const std::string path = runPath(name);
   if (path.empty() || mkNsRunDir() < 0) return -1;
-  int savedNs = open(kThreadNs, O_RDONLY | O_CLOEXEC);
+  int savedNs = open(threadNs, O_RDONLY | O_CLOEXEC);
   if (savedNs < 0) {
-    traceFailure(std::string("Cannot open ") + kThreadNs + " : ");
+    traceFailure(std::string("Cannot open ") + threadNs + " : ");
     return -1;
   }
   int file = open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0);
@@ -229,8 +229,8 @@ int netNsAdd(const Mox::String8& name) {
     return -1;
   }
   // This thread now sits in the new namespace; its /proc/thread-self view names it.
-  if (mount(kThreadNs, path.c_str(), "none", MS_BIND, nullptr) < 0) {
-    traceFailure(std::string("Cannot mount ") + kThreadNs + " on " + path + " - ");
+  if (mount(threadNs, path.c_str(), "none", MS_BIND, nullptr) < 0) {
+    traceFailure(std::string("Cannot mount ") + threadNs + " on " + path + " - ");
     int error = errno;
     netNsDelete(name);
     returnToNamespace(savedNs, name);
@@ -289,9 +289,9 @@ int moveIntfNetNs(const Mox::String8& intf, const Mox::String8& fromNs, const Mo
 
 int validateNetNs(int fd, bool* valid) {
   *valid = false;
-  int savedNs = open(kThreadNs, O_RDONLY | O_CLOEXEC);
+  int savedNs = open(threadNs, O_RDONLY | O_CLOEXEC);
   if (savedNs < 0) {
-    traceFailure(std::string("Cannot open ") + kThreadNs + " : ");
+    traceFailure(std::string("Cannot open ") + threadNs + " : ");
     return -1;
   }
   MOX_TRACE(trace, 5, "Net Namespace fd: " << fd);

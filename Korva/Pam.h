@@ -5,6 +5,10 @@
 // doGetRxPkt() and txPktIs(), and clients read with rxPkt().
 
 #include <Korva/Pam.mox.h>
+#include <Korva/SocketUtils.h>
+
+#include <sys/socket.h>
+#include <sys/types.h>
 
 namespace Korva {
 
@@ -19,6 +23,24 @@ class Pam : public PamBase {
   // Reads at most one packet into rxPktHolder; every concrete Pam overrides it (this one
   // aborts).
   virtual void doGetRxPkt();
+
+  // One message read from a socket straight into a fresh packet: room for `capacity` bytes
+  // at the end of the packet's buffer (what is in front stays head room), for the sender's
+  // address and for the control messages. A receive hook makes one per read.
+  struct RxMessage {
+    explicit RxMessage(U32 capacity);
+    RxMessage(const RxMessage&) = delete;
+    RxMessage& operator=(const RxMessage&) = delete;
+    // recvmsg(2) into the packet, which is trimmed to what came; its result.
+    ssize_t receive(int fd, int flags);
+
+    U32 capacity;
+    Mox::Ptr<Pkt> pkt;
+    SockAddr source;
+    alignas(cmsghdr) char control[256];
+    iovec iov;
+    msghdr msg{};
+  };
 };
 
 }  // namespace Korva

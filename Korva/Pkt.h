@@ -221,6 +221,8 @@ Pkt::Manager* globalPktManager();
 template <class Header>
 class HdrWrapper : public Mox::PtrInterface {
  public:
+  using HeaderType = Header;
+
   HdrWrapper(Mox::Ptr<Pkt> pkt, U32 offset) : pkt_(std::move(pkt)), offset_(offset) {
     handleHeader();
   }
@@ -250,6 +252,30 @@ class HdrWrapper : public Mox::PtrInterface {
 template <class W>
 Mox::Ptr<W> hdrWrapperFactory(Mox::Ptr<Pkt> pkt, U32 offset) {
   if (!pkt) throw Mox::RangeException("null ValidPtr");
+  return Mox::Ptr<W>(new W(std::move(pkt), offset));
+}
+
+// The look-ups for bytes from the wire: the header at `offset`, or null when it does not
+// fit in the `len` bytes (or the packet's first data entry). They never abort, unlike the
+// views above, which assert that the header fits.
+template <class Header>
+Header* hdrAt(U8* bytes, U32 len, U32 offset) noexcept {
+  if (U64(offset) + sizeof(Header) > len) return nullptr;
+  return reinterpret_cast<Header*>(bytes + offset);
+}
+template <class Header>
+const Header* hdrAt(const U8* bytes, U32 len, U32 offset) noexcept {
+  return hdrAt<Header>(const_cast<U8*>(bytes), len, offset);
+}
+template <class Header>
+Header* hdrAt(const Pkt& pkt, U32 offset) noexcept {
+  return hdrAt<Header>(pkt.frontData(), pkt.frontBytes(), offset);
+}
+
+// The view of type W, or null when there is no packet or its header does not fit.
+template <class W>
+Mox::Ptr<W> hdrWrapperIfFits(Mox::Ptr<Pkt> pkt, U32 offset) {
+  if (!pkt || !hdrAt<typename W::HeaderType>(*pkt, offset)) return nullptr;
   return Mox::Ptr<W>(new W(std::move(pkt), offset));
 }
 

@@ -1,5 +1,5 @@
 #include <Korva/PktSocket.h>
-#include <Korva/ValueHash.h>
+#include <Korva/ValueType.h>
 #include <Mox/Assert.h>
 #include <Mox/Exception.h>
 #include <Mox/Trace.h>

@@ -8,6 +8,7 @@
 //   while (Mox::Ptr<Korva::Pkt> pkt = sock->recvPkt(&from)) handle(pkt, from);
 
 #include <Korva/Pkt.h>
+#include <Korva/ValueType.h>
 #include <Mox/FileDescriptor.h>
 #include <Mox/Ptr.h>
 #include <Mox/Text.h>
@@ -41,6 +42,7 @@ class Protocol {
   void stringValueIs(std::string_view text);
 
   U32 hash() const noexcept;
+  friend constexpr bool operator==(const Protocol&, const Protocol&) = default;
   friend constexpr auto operator<=>(const Protocol&, const Protocol&) = default;
 
  private:
@@ -81,3 +83,6 @@ class PktSocket : public Mox::PtrInterface {
 };
 
 }  // namespace Korva
+
+template <>
+struct std::hash<Korva::Protocol> : Korva::ValueHash<Korva::Protocol> {};

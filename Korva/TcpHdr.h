@@ -5,6 +5,8 @@
 #include <Korva/Checksum.h>
 #include <Korva/Pkt.h>
 
+#include <optional>
+
 namespace Korva {
 
 using TcpSequenceNumber = NetU32;
@@ -56,6 +58,16 @@ struct __attribute__((packed)) TcpHdr {
   // `available` bytes.
   IpChecksum computedChecksum(const TcpPseudoHdr& pseudo, U32 available = ~0u) const;
   IpChecksum computedChecksum(const TcpPseudoHdrIpv6& pseudo, U32 available = ~0u) const;
+
+  // 20 <= headerBytes() <= `available`, the bytes present from the header on.
+  bool lengthsFit(U32 available) const noexcept {
+    return headerBytes() >= minHeaderBytes && headerBytes() <= available;
+  }
+  // The bytes after the header and its options when the lengths fit, else nothing.
+  std::optional<U32> checkedPayloadLen(U32 available) const noexcept {
+    if (!lengthsFit(available)) return std::nullopt;
+    return available - headerBytes();
+  }
 
   // A segment carries no length of its own: it runs to the end of the data available
   // (trim link-layer padding off a short frame first).

@@ -5,6 +5,8 @@
 #include <Korva/Checksum.h>
 #include <Korva/Pkt.h>
 
+#include <optional>
+
 namespace Korva {
 
 struct __attribute__((packed)) UdpHdr {
@@ -21,6 +23,18 @@ struct __attribute__((packed)) UdpHdr {
   // no checksum was computed.
   IpChecksum computedChecksum(const UdpPseudoHdr& pseudo, U32 available = ~0u) const;
   IpChecksum computedChecksum(const UdpPseudoHdrIpv6& pseudo, U32 available = ~0u) const;
+
+  // Trusts the header: check lengthsFit() first for a header from the wire.
+  U32 payloadLen() const noexcept { return len.value() - U32(sizeof(UdpHdr)); }
+  // 8 <= len <= `available`, the bytes present from the header on.
+  bool lengthsFit(U32 available) const noexcept {
+    return len.value() >= sizeof(UdpHdr) && len.value() <= available;
+  }
+  // payloadLen() when the lengths fit, else nothing.
+  std::optional<U32> checkedPayloadLen(U32 available) const noexcept {
+    if (!lengthsFit(available)) return std::nullopt;
+    return payloadLen();
+  }
 
   // A datagram's length is its own `len` field.
   static U32 segmentBytes(const UdpHdr& hdr, U32) noexcept { return hdr.len.value(); }

@@ -18,7 +18,7 @@ Mox::TraceHandle trace("UdpPam");
 
 // Room for every control message a datagram can carry here: packet information, TTL or
 // hop limit, and TOS or traffic class.
-constexpr size_t kControlBytes = 128;
+constexpr size_t controlBytes = 128;
 
 const char* modeText(UdpPam::Mode mode) {
   switch (mode) {
@@ -40,33 +40,33 @@ struct OptionStep {
   const char* step;
 };
 
-constexpr const char* kOptionFailure = "Failed to set socket option, errno: ";
+constexpr const char* optionFailure = "Failed to set socket option, errno: ";
 
 // Packet information, TTL and TOS of each received datagram.
-constexpr OptionStep kIpv4ReceiveInfo[] = {
-    {IPPROTO_IP, IP_PKTINFO, kOptionFailure, "setsockopt(IP_PKTINFO)"},
-    {IPPROTO_IP, IP_RECVTTL, kOptionFailure, "setsockopt(IP_RECVTTL)"},
-    {IPPROTO_IP, IP_RECVTOS, kOptionFailure, "setsockopt(IP_RECVTOS)"},
+constexpr OptionStep ipv4ReceiveInfo[] = {
+    {IPPROTO_IP, IP_PKTINFO, optionFailure, "setsockopt(IP_PKTINFO)"},
+    {IPPROTO_IP, IP_RECVTTL, optionFailure, "setsockopt(IP_RECVTTL)"},
+    {IPPROTO_IP, IP_RECVTOS, optionFailure, "setsockopt(IP_RECVTOS)"},
 };
-constexpr OptionStep kIpv6ReceiveInfo[] = {
-    {IPPROTO_IPV6, IPV6_RECVPKTINFO, kOptionFailure, "setsockopt(IPV6_RECVPKTINFO)"},
-    {IPPROTO_IPV6, IPV6_RECVHOPLIMIT, kOptionFailure, "setsockopt(IPV6_RECVHOPLIMIT)"},
-    {IPPROTO_IPV6, IPV6_RECVTCLASS, kOptionFailure, "setsockopt(IPV6_RECVTCLASS)"},
+constexpr OptionStep ipv6ReceiveInfo[] = {
+    {IPPROTO_IPV6, IPV6_RECVPKTINFO, optionFailure, "setsockopt(IPV6_RECVPKTINFO)"},
+    {IPPROTO_IPV6, IPV6_RECVHOPLIMIT, optionFailure, "setsockopt(IPV6_RECVHOPLIMIT)"},
+    {IPPROTO_IPV6, IPV6_RECVTCLASS, optionFailure, "setsockopt(IPV6_RECVTCLASS)"},
 };
-constexpr OptionStep kBroadcast{
+constexpr OptionStep broadcastStep{
     SOL_SOCKET, SO_BROADCAST, "Failed to set broadcast flag, errno: ", "setsockopt(SO_BROADCAST)"};
-constexpr OptionStep kReuseAddr{
+constexpr OptionStep reuseAddrStep{
     SOL_SOCKET, SO_REUSEADDR,
     "Failed to set SO_REUSEADDR flag, errno: ", "setsockopt(SO_REUSEADDR)"};
-constexpr const char* kLoopFailure = "Failed to set IP_MULTICAST_LOOP flag, errno: ";
-constexpr OptionStep kIpv4MulticastLoop{IPPROTO_IP, IP_MULTICAST_LOOP, kLoopFailure,
-                                        "setsockopt(IP_MULTICAST_LOOP)"};
-constexpr OptionStep kIpv6MulticastLoop{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, kLoopFailure,
-                                        "setsockopt(IP_MULTICAST_LOOP)"};
-constexpr OptionStep kIpv4Tos{IPPROTO_IP, IP_TOS,
-                              "Failed to set IP_TOS, errno: ", "setsockopt(IP_TOS)"};
-constexpr OptionStep kIpv6Tos{IPPROTO_IPV6, IPV6_TCLASS,
-                              "Failed to set IP_TOS, errno: ", "setsockopt(IP_TOS)"};
+constexpr const char* loopFailure = "Failed to set IP_MULTICAST_LOOP flag, errno: ";
+constexpr OptionStep ipv4MulticastLoop{IPPROTO_IP, IP_MULTICAST_LOOP, loopFailure,
+                                       "setsockopt(IP_MULTICAST_LOOP)"};
+constexpr OptionStep ipv6MulticastLoop{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, loopFailure,
+                                       "setsockopt(IP_MULTICAST_LOOP)"};
+constexpr OptionStep ipv4Tos{IPPROTO_IP, IP_TOS,
+                             "Failed to set IP_TOS, errno: ", "setsockopt(IP_TOS)"};
+constexpr OptionStep ipv6Tos{IPPROTO_IPV6, IPV6_TCLASS,
+                             "Failed to set IP_TOS, errno: ", "setsockopt(IP_TOS)"};
 
 // A failed option step (`result` non-zero) is traced and thrown with the step's name.
 void requireOption(const UdpPam& pam, const OptionStep& step, int result) {
@@ -188,25 +188,25 @@ void UdpPam::doNewSocket() {
   // The descriptor entity owns the socket from here on: a failed step below closes it.
   const auto socket = Mox::make<Mox::FileDescriptor>(name(), fd);
   // Arrival interface and destination for clients and servers alike.
-  for (const OptionStep& step : v6 ? kIpv6ReceiveInfo : kIpv4ReceiveInfo) {
+  for (const OptionStep& step : v6 ? ipv6ReceiveInfo : ipv4ReceiveInfo) {
     setIntegerOption(*this, fd, step, 1);
   }
-  setIntegerOption(*this, fd, kBroadcast, 1);
+  setIntegerOption(*this, fd, broadcastStep, 1);
   // Loopback of our own multicast stays on only when asked for.
   if (!enableIpMulticastLoop()) {
-    setIntegerOption(*this, fd, v6 ? kIpv6MulticastLoop : kIpv4MulticastLoop, 0);
+    setIntegerOption(*this, fd, v6 ? ipv6MulticastLoop : ipv4MulticastLoop, 0);
   }
   if (txTos().value() != 0) {
     MOX_TRACE(trace, 2, name() << ": TOS=" << unsigned(txTos().value()));
     if (v6) {
-      setIntegerOption(*this, fd, kIpv6Tos, int(txTos().value()));
+      setIntegerOption(*this, fd, ipv6Tos, int(txTos().value()));
     } else {
       // IPv4 takes the TOS as a single byte.
       const U8 tos = txTos().value();
-      requireOption(*this, kIpv4Tos, setsockopt(fd, IPPROTO_IP, IP_TOS, &tos, sizeof tos));
+      requireOption(*this, ipv4Tos, setsockopt(fd, IPPROTO_IP, IP_TOS, &tos, sizeof tos));
     }
   }
-  setIntegerOption(*this, fd, kReuseAddr, 1);
+  setIntegerOption(*this, fd, reuseAddrStep, 1);
   MOX_TRACE(trace, 1, name() << ": Socket fd is " << fd << ", mode is " << modeText(mode()));
   fd_.fileDescIs(socket, this);
   MOX_TRACE(trace, 1, name() << ": Done setting file desc ");
@@ -280,7 +280,7 @@ void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   msg.msg_iov = const_cast<iovec*>(pkt->iovecs());
   msg.msg_iovlen = pkt->iovecCount();
 
-  alignas(cmsghdr) char control[kControlBytes];
+  alignas(cmsghdr) char control[controlBytes];
   if (v6 ? (!txSrcIp6Addr().isZero() || txIfIndex() != 0)
          : (txSrcIpAddr() != IpAddr() || txIfIndex() != 0)) {
     msg.msg_control = control;
@@ -322,24 +322,8 @@ void UdpPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
 }
 
 void UdpPam::doGetRxPkt() {
-  Pkt::Manager* manager = globalPktManager();
-  Mox::Ptr<Pkt> pkt = manager->newPkt();
-  const U32 capacity = maxRxPktData();
-  if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
-  MOX_ASSERT_TEXT(pkt->maxSharedData() >= capacity, "maxSize >= maxRxPktData()");
-  // The datagram lands at the end of the buffer: what is left in front is head room.
-  iovec iov{pkt->newSharedHeadData(capacity), capacity};
-  SockAddr source;
-  alignas(cmsghdr) char control[kControlBytes];
-  msghdr msg{};
-  msg.msg_name = &source;
-  msg.msg_namelen = sizeof source;
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
-
-  const ssize_t received = recvmsg(fd_.descriptor(), &msg, 0);
+  RxMessage rx(maxRxPktData());
+  const ssize_t received = rx.receive(fd_.descriptor(), 0);
   if (received < 0) {
     const int error = errno;
     if (error != EAGAIN) {
@@ -349,12 +333,12 @@ void UdpPam::doGetRxPkt() {
     return;
   }
   MOX_TRACE(trace, 9, name() << ": Received packet of size " << received);
-  if (msg.msg_flags & MSG_TRUNC) {
+  if (rx.msg.msg_flags & MSG_TRUNC) {
     MOX_TRACE(trace, 3, name() << ": Discarding truncated packet");
     return;
   }
-  const ReceivedInfo info = parseControl(msg);
-  const IpGenAddr sender = sockAddrIpGenAddr(&source.base);
+  const ReceivedInfo info = parseControl(rx.msg);
+  const IpGenAddr sender = sockAddrIpGenAddr(&rx.source.base);
   if (sender.isV6()) {
     rxSrcIp6AddrIs(sender.v6Addr());
     rxDstIp6AddrIs(info.dst6);
@@ -362,7 +346,7 @@ void UdpPam::doGetRxPkt() {
     rxSrcIpAddrIs(sender.v4Addr());
     rxDstIpAddrIs(info.dst);
   }
-  rxSrcPortIs(sockAddrPort(&source.base));
+  rxSrcPortIs(sockAddrPort(&rx.source.base));
   rxIfIndexIs(info.ifIndex);
   rxTTLIs(info.ttl);
   rxTOSIs(info.tos);
@@ -372,9 +356,8 @@ void UdpPam::doGetRxPkt() {
                    << (ipv6En() ? rxSrcIp6Addr().stringValue() : rxSrcIpAddr().stringValue())
                    << " and dest IP "
                    << (ipv6En() ? info.dst6.stringValue() : info.dst.stringValue()));
-  pkt->delSharedTailData(capacity - U32(received));
   rxPktsInc(1);
-  rxPktHolderIs(pkt);
+  rxPktHolderIs(rx.pkt);
 }
 
 void UdpPam::handleMcastGroup(const Mox::String8& devName, const Ip6Addr& group, bool join) {

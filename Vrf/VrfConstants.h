@@ -7,8 +7,8 @@
 namespace Vrf::VrfIdMap {
 
 // The table agents share unless told otherwise, and its capacity.
-inline constexpr const char* kDefaultTableName = "vrf-id-map";
-inline constexpr Mox::U32 kDefaultCapacity = 1024;
+inline constexpr const char* defaultTableName = "vrf-id-map";
+inline constexpr Mox::U32 defaultCapacity = 1024;
 
 inline constexpr Mox::LogHandle<Mox::U32> VRF_MAP_OVERFLOW{
     "VRF_MAP_OVERFLOW", Mox::LogSeverity::error,

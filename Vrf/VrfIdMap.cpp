@@ -8,11 +8,14 @@
 
 namespace Vrf::VrfIdMap {
 
+using Mox::String8;
+using Mox::U32;
+
 namespace {
 
 Mox::TraceHandle trace("VrfIdMap");
 
-constexpr size_t kCounterBytes = 4;
+constexpr size_t counterBytes = 4;
 
 }  // namespace
 
@@ -40,7 +43,7 @@ Mox::Ptr<Writer> writerFactory(const Mox::Ptr<Status>& status, const String8& wr
 
 void Writer::attachCounter(bool create) {
   counter_ = std::make_unique<Cairn::NamedSegment>(writerName(), Cairn::Access{}, create);
-  lastVrfIdPtr_ = static_cast<U32*>(counter_->attach(kCounterBytes));
+  lastVrfIdPtr_ = static_cast<U32*>(counter_->attach(counterBytes));
 }
 
 void Writer::handleInitialized() {

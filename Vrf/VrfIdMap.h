@@ -23,7 +23,7 @@ namespace Vrf::VrfIdMap {
 
 class NameToIdMapWrapper : public NameToIdMapWrapperBase {
  public:
-  bool vrfIdExists(const String8& name) const;
+  bool vrfIdExists(const Mox::String8& name) const;
 
  protected:
   explicit NameToIdMapWrapper(const Mox::Name& name);
@@ -35,32 +35,33 @@ class NameToIdMapWrapper : public NameToIdMapWrapperBase {
 class Writer : public WriterBase {
  public:
   // The id of `name`, allocated and published when new; the null id when the table is full.
-  VrfId vrfIs(const String8& name);
-  void vrfDel(const String8& name);
+  VrfId vrfIs(const Mox::String8& name);
+  void vrfDel(const Mox::String8& name);
   // Forgets every VRF and starts a new counter.
   void reset();
   // Makes the next allocation wrap around past 0xFFFFFFFE.
   void prepareVrfIdWrapAround();
   VrfId addDefaultVrf() { return vrfIs("default"); }
-  const U32* lastVrfIdPtr() const noexcept { return lastVrfIdPtr_; }
+  const Mox::U32* lastVrfIdPtr() const noexcept { return lastVrfIdPtr_; }
 
  protected:
-  Writer(const Mox::Ptr<Status>& status, const String8& writerName);
+  Writer(const Mox::Ptr<Status>& status, const Mox::String8& writerName);
   // Attaches the counter, adds "default" and learns the VRFs already in the table.
   void handleInitialized();
   VrfId allocateVrfId();
 
  private:
-  friend Mox::Ptr<Writer> writerFactory(const Mox::Ptr<Status>& status, const String8& writerName);
+  friend Mox::Ptr<Writer> writerFactory(const Mox::Ptr<Status>& status,
+                                        const Mox::String8& writerName);
   void attachCounter(bool create);
 
   std::unique_ptr<Cairn::NamedSegment> counter_;
-  U32* lastVrfIdPtr_ = nullptr;
+  Mox::U32* lastVrfIdPtr_ = nullptr;
 };
 
 // The writer of `status`'s table, its counter in the segment `writerName`. Raises
 // Mox::RangeException "null ValidPtr" without a status.
-Mox::Ptr<Writer> writerFactory(const Mox::Ptr<Status>& status, const String8& writerName);
+Mox::Ptr<Writer> writerFactory(const Mox::Ptr<Status>& status, const Mox::String8& writerName);
 
 class ReverseMapper : public ReverseMapperBase {
  public:

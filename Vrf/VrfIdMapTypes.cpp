@@ -7,6 +7,8 @@
 
 namespace Vrf::VrfIdMap {
 
+using Mox::U32;
+
 void VrfId::stringValueIs(const std::string& text) {
   Mox::TextIter it = text.data();
   VrfId read;
@@ -33,7 +35,7 @@ std::ostream& operator<<(std::ostream& os, const VrfId& value) {
 
 void VrfEntry::vrfNameIs(const std::string& name) noexcept {
   std::memset(name_, 0, sizeof name_);
-  std::memcpy(name_, name.data(), std::min<size_t>(name.size(), kMaxNameLength));
+  std::memcpy(name_, name.data(), std::min<size_t>(name.size(), maxNameLength));
 }
 
 std::string VrfEntry::stringValue() const {

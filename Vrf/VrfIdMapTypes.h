@@ -5,6 +5,7 @@
 
 #include <Cairn/Table.h>
 #include <Cairn/Watcher.h>
+#include <Korva/ValueType.h>
 #include <Mox/Entity.h>
 #include <Mox/Text.h>
 #include <Mox/Types.h>
@@ -17,22 +18,19 @@
 
 namespace Vrf::VrfIdMap {
 
-using Mox::String8;
-using Mox::U32;
-
 class VrfId {
  public:
   constexpr VrfId() noexcept = default;
-  constexpr explicit VrfId(U32 value) noexcept : value_(value) {}
+  constexpr explicit VrfId(Mox::U32 value) noexcept : value_(value) {}
   static constexpr VrfId defaultVrf() noexcept { return VrfId(0); }
   static constexpr VrfId null() noexcept { return VrfId(); }
 
-  constexpr U32 value() const noexcept { return value_; }
-  void valueIs(U32 value) noexcept { value_ = value; }
+  constexpr Mox::U32 value() const noexcept { return value_; }
+  void valueIs(Mox::U32 value) noexcept { value_ = value; }
   std::string stringValue() const { return std::to_string(value_); }
   // Replaces the value with the decimal text, or raises Mox::RangeException "Invalid VrfId".
   void stringValueIs(const std::string& text);
-  U32 hash() const noexcept { return value_; }
+  Mox::U32 hash() const noexcept { return value_; }
 
   // Arithmetic wraps around at 32 bits, as the id counter does.
   constexpr VrfId operator+(VrfId other) const noexcept { return VrfId(value_ + other.value_); }
@@ -40,10 +38,11 @@ class VrfId {
     value_ += other.value_;
     return *this;
   }
-  constexpr auto operator<=>(const VrfId&) const noexcept = default;
+  friend constexpr bool operator==(VrfId, VrfId) noexcept = default;
+  friend constexpr auto operator<=>(VrfId, VrfId) noexcept = default;
 
  private:
-  U32 value_ = 0xFFFFFFFFu;
+  Mox::U32 value_ = 0xFFFFFFFFu;
 };
 
 std::string valueToStrep(const VrfId& value);
@@ -53,7 +52,7 @@ std::ostream& operator<<(std::ostream& os, const VrfId& value);
 // The table's value: fixed size, no padding, so equal entries are equal bytes.
 class VrfEntry {
  public:
-  static constexpr U32 kMaxNameLength = 100;
+  static constexpr Mox::U32 maxNameLength = 100;
 
   VrfEntry() noexcept = default;
   VrfEntry(VrfId key, const std::string& name) : key_(key) { vrfNameIs(name); }
@@ -70,7 +69,7 @@ class VrfEntry {
 
  private:
   VrfId key_;
-  char name_[kMaxNameLength + 1] = {};
+  char name_[maxNameLength + 1] = {};
   char reserved_[3] = {};  // keeps the size a multiple of 4 without padding bytes
 };
 static_assert(sizeof(VrfEntry) == 108 && std::has_unique_object_representations_v<VrfEntry>);
@@ -86,7 +85,7 @@ class Status : public Mox::Entity {
   using Watcher = Cairn::Watcher<VrfId, VrfEntry>;
 
   const std::string& tableName() const noexcept { return name(); }
-  U32 capacity() const noexcept { return capacity_; }
+  Mox::U32 capacity() const noexcept { return capacity_; }
   // The table as its writer; opened on first use (Mox::Exception when another process
   // writes it).
   Table& vrfIdToName();
@@ -94,19 +93,17 @@ class Status : public Mox::Entity {
   Mox::Ptr<Watcher> vrfIdToNameWatcher();
 
  private:
-  friend Mox::Ptr<Status> statusFactory(const Mox::Name& name, U32 capacity);
-  Status(const Mox::Name& name, U32 capacity) : Mox::Entity(name), capacity_(capacity) {}
+  friend Mox::Ptr<Status> statusFactory(const Mox::Name& name, Mox::U32 capacity);
+  Status(const Mox::Name& name, Mox::U32 capacity) : Mox::Entity(name), capacity_(capacity) {}
 
-  U32 capacity_;
+  Mox::U32 capacity_;
   std::unique_ptr<Table> table_;
 };
 
 // The status of the table `name` (a valid shared-memory name) holding up to `capacity` VRFs.
-Mox::Ptr<Status> statusFactory(const Mox::Name& name, U32 capacity = 1024);
+Mox::Ptr<Status> statusFactory(const Mox::Name& name, Mox::U32 capacity = 1024);
 
 }  // namespace Vrf::VrfIdMap
 
 template <>
-struct std::hash<Vrf::VrfIdMap::VrfId> {
-  size_t operator()(const Vrf::VrfIdMap::VrfId& id) const noexcept { return id.hash(); }
-};
+struct std::hash<Vrf::VrfIdMap::VrfId> : Korva::ValueHash<Vrf::VrfIdMap::VrfId> {};

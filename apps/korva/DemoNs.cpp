@@ -3,6 +3,8 @@
 #include <Korva/NetnsUtils.h>
 
 #include <linux/capability.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -22,6 +24,12 @@ bool hasCapability(int capability) {
 
 // Addresses one veth end, host 1 or 2 of 10.99.0.0/24 and fd99::/64. `nodad` makes the
 // IPv6 address usable at once instead of after duplicate detection.
+bool runQuietly(const std::string& line) {
+  if (std::system((line + " >/dev/null 2>&1").c_str()) == 0) return true;
+  std::printf("  failed: %s\n", line.c_str());
+  return false;
+}
+
 bool configureEnd(const ThrowawayNs& ns, const std::string& link, int host) {
   const std::string h = std::to_string(host);
   return ns.ip("addr add 10.99.0." + h + "/24 dev " + link) &&
@@ -38,7 +46,8 @@ bool demoCapabilitiesPresent() {
     const char* purpose;
   };
   for (const Need& need : {Need{CAP_SYS_ADMIN, "CAP_SYS_ADMIN", "create network namespaces"},
-                           Need{CAP_NET_ADMIN, "CAP_NET_ADMIN", "create veth links"}}) {
+                           Need{CAP_NET_ADMIN, "CAP_NET_ADMIN", "create veth links"},
+                           Need{CAP_NET_RAW, "CAP_NET_RAW", "open raw sockets"}}) {
     if (!hasCapability(need.capability)) {
       std::printf("  missing capability %s (needed to %s); run as root\n", need.name, need.purpose);
       return false;
@@ -57,10 +66,11 @@ ThrowawayNs::~ThrowawayNs() {
 }
 
 bool ThrowawayNs::ip(const std::string& command) const {
-  const std::string line = "ip -n " + name_ + " " + command;
-  if (std::system((line + " >/dev/null 2>&1").c_str()) == 0) return true;
-  std::printf("  failed: %s\n", line.c_str());
-  return false;
+  return runQuietly("ip -n " + name_ + " " + command);
+}
+
+bool ThrowawayNs::exec(const std::string& command) const {
+  return runQuietly("ip netns exec " + name_ + " " + command);
 }
 
 bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second) {
@@ -70,6 +80,13 @@ bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second) {
   }
   return first.ip("link add kd0 type veth peer name kd1 netns " + second.name()) &&
          configureEnd(first, "kd0", 1) && configureEnd(second, "kd1", 2);
+}
+
+std::string interfaceName(int fd, Mox::U32 index) {
+  ifreq request{};
+  request.ifr_ifindex = int(index);
+  if (ioctl(fd, SIOCGIFNAME, &request) != 0) return "?";
+  return request.ifr_name;
 }
 
 }  // namespace KorvaTool

@@ -2,6 +2,8 @@
 // What the demo steps that need real network namespaces share: the capability check and
 // throwaway namespaces joined by a veth pair, removed again whatever happens.
 
+#include <Mox/Types.h>
+
 #include <string>
 
 namespace KorvaTool {
@@ -21,6 +23,8 @@ class ThrowawayNs {
   const std::string& name() const { return name_; }
   // Runs `ip -n <ns> <command>`; says which command failed.
   bool ip(const std::string& command) const;
+  // Runs `command` inside the namespace, its output discarded; says when it failed.
+  bool exec(const std::string& command) const;
 
  private:
   std::string name_;
@@ -30,5 +34,8 @@ class ThrowawayNs {
 // Links the two namespaces with the veth pair kd0 (in `first`: 10.99.0.1, fd99::1) and
 // kd1 (in `second`: 10.99.0.2, fd99::2), both up, with their loopbacks.
 bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second);
+
+// The name of interface `index` in the namespace of socket `fd`; "?" when there is none.
+std::string interfaceName(int fd, Mox::U32 index);
 
 }  // namespace KorvaTool

@@ -10,9 +10,6 @@
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
 
-#include <net/if.h>
-#include <sys/ioctl.h>
-
 #include <cstdio>
 #include <string>
 
@@ -24,14 +21,6 @@ using Mox::Ptr;
 
 constexpr Mox::U16 kServerPort = 7000;
 constexpr double kTimeoutSeconds = 5.0;
-
-// The name of an interface index in the namespace of the Pam's socket.
-std::string interfaceName(const UdpPam& pam, Mox::U32 index) {
-  ifreq request{};
-  request.ifr_ifindex = int(index);
-  if (ioctl(pam.fileDesc()->descriptor(), SIOCGIFNAME, &request) != 0) return "?";
-  return request.ifr_name;
-}
 
 std::string source(const UdpPam& pam) {
   return pam.ipv6En() ? pam.rxSrcIp6Addr().stringValue() : pam.rxSrcIpAddr().stringValue();
@@ -59,7 +48,8 @@ class Peer : public UdpPam::Notifiee {
       const std::string text = pkt->stringValue();
       std::printf("  %s got \"%s\" from %s port %u to %s on %s (index %u)\n", role_, text.c_str(),
                   source(pam).c_str(), pam.rxSrcPort(), destination(pam).c_str(),
-                  interfaceName(pam, pam.rxIfIndex()).c_str(), pam.rxIfIndex());
+                  KorvaTool::interfaceName(pam.fileDesc()->descriptor(), pam.rxIfIndex()).c_str(),
+                  pam.rxIfIndex());
       ++received_;
       if (!answers_) continue;
       if (pam.ipv6En()) {

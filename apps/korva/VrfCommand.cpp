@@ -22,7 +22,7 @@ namespace {
 using namespace Vrf::VrfIdMap;
 
 struct VrfOptions {
-  std::string table = kDefaultTableName;
+  std::string table = defaultTableName;
   std::vector<std::string> names;
   bool json = false;
 };
@@ -34,7 +34,7 @@ Mox::U32 capacityOf(const std::string& table) {
     if (info.valid) return info.capacity;
   } catch (const Mox::ErrnoException&) {
   }
-  return kDefaultCapacity;
+  return defaultCapacity;
 }
 
 Mox::Ptr<Writer> openWriter(const std::string& table) {

@@ -32,17 +32,17 @@ TEST(Allocation, EthernetParsesAndPrintsAllocateNothing) {
                                     "0:1:2:3:4:5"};
   EthAddr addr;
   Eui64 id;
-  char text[17];
-  size_t length = 0;
+  char text[EthAddr::maxTextSize];
+  const char* end = text;
   EXPECT_EQ(during([&] {
               for (std::string_view t : texts) addr.stringValueIs(t);
               id.stringValueIs("00:11:22:33:44:55:66:77");
               Mox::TextIter it = texts[1].data();
               sequenceToValue(it, it + texts[1].size(), &addr);
-              length = addr.toChars(text);
+              end = addr.toChars(text);
             }),
             0);
-  EXPECT_EQ(std::string_view(text, length), "aa:bb:cc:dd:ee:ff");
+  EXPECT_EQ(std::string_view(text, end), "aa:bb:cc:dd:ee:ff");
   EXPECT_EQ(id, Eui64("00:11:22:33:44:55:66:77"));
 }
 

@@ -94,7 +94,7 @@ IntfId randomId(const Korva::IntfIdTrie::Layout& layout, unsigned index, std::mt
 TEST_F(IntfIdTest, PrintThenParseGivesTheSameIdForEveryLayout) {
   const Korva::IntfIdTrie* trie = mgr->trie();
   std::vector<unsigned> layouts;
-  for (unsigned i = 0; i < Korva::IntfIdTrie::kLayouts; ++i) {
+  for (unsigned i = 0; i < Korva::IntfIdTrie::layoutCount; ++i) {
     if (trie->layout(i)) layouts.push_back(i);
   }
   ASSERT_GE(layouts.size(), 12u);  // the ten standard types and the test plugin's two

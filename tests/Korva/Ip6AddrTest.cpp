@@ -1,5 +1,5 @@
 #include <Korva/Ip6Addr.h>
-#include <Korva/ValueHash.h>
+#include <Korva/ValueType.h>
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>

@@ -20,10 +20,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -44,6 +46,11 @@ class ScopedNs {
 
   bool created() const { return created_; }
   const std::string& name() const { return name_; }
+  // Runs `command` inside the namespace (`ip netns exec`); true when it succeeded.
+  bool exec(const std::string& command) const {
+    return std::system(("ip netns exec " + name_ + " " + command + " >/dev/null 2>&1").c_str()) ==
+           0;
+  }
   // Runs `command` in the namespace through `ip -n`; true when it succeeded.
   bool ip(const std::string& command) const {
     return std::system(("ip -n " + name_ + " " + command + " >/dev/null 2>&1").c_str()) == 0;
@@ -75,29 +82,69 @@ inline void runInNs(const ScopedNs& ns, const std::function<void()>& body) {
   if (failure) std::rethrow_exception(failure);
 }
 
-// The number of descriptors this process has open.
-inline int openDescriptorCount() {
-  int count = 0;
-  for (int fd = 0; fd < 4096; ++fd) count += fcntl(fd, F_GETFD) != -1;
-  return count;
-}
-
-// Runs the thread's event loop until the socket's descriptor reports readable, or 5 s pass.
-inline bool waitReadable(const Korva::PktSocket& sock) {
-  const Mox::U32 before = sock.fileDescriptor()->readableCount();
-  return Mox::runUntil([&] { return sock.fileDescriptor()->readableCount() > before; }, 5.0);
-}
-
-// Runs `step`, which must fail with `expected` as a Mox::ErrnoException of empty message.
-inline void expectErrnoFailure(const std::function<void()>& step, int expected) {
-  try {
-    step();
-    ADD_FAILURE() << "no failure, expected errno " << expected;
-  } catch (const Mox::ErrnoException& e) {
-    EXPECT_EQ(e.errorNumber(), expected);
-    EXPECT_STREQ(e.what(), "");
+// Two throwaway namespaces joined by a veth pair: "left" (kvl, 10.77.0.1, fd77::1) and
+// "right" (kvr, 10.77.0.2, fd77::2).
+class VethPairTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    left_ = std::make_unique<ScopedNs>("vl");
+    right_ = std::make_unique<ScopedNs>("vr");
+    if (!left_->created() || !right_->created()) {
+      GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
+    }
+    if (!left_->ip("link add kvl type veth peer name kvr netns " + right_->name())) {
+      GTEST_SKIP() << "cannot create a veth pair (ip link add type veth)";
+    }
+    ASSERT_TRUE(configure(*left_, "kvl", "1"));
+    ASSERT_TRUE(configure(*right_, "kvr", "2"));
+    runInNs(*left_, [&] { leftIndex_ = if_nametoindex("kvl"); });
+    runInNs(*right_, [&] { rightIndex_ = if_nametoindex("kvr"); });
   }
-}
+
+  static bool configure(const ScopedNs& ns, const std::string& link, const std::string& host) {
+    // nodad: the IPv6 address is usable at once, without waiting out duplicate detection.
+    return ns.ip("addr add 10.77.0." + host + "/24 dev " + link) &&
+           ns.ip("addr add fd77::" + host + "/64 dev " + link + " nodad") &&
+           ns.ip("link set " + link + " up") && ns.ip("link set lo up");
+  }
+
+  const std::string& left() const { return left_->name(); }
+  const std::string& right() const { return right_->name(); }
+
+  std::unique_ptr<ScopedNs> left_;
+  std::unique_ptr<ScopedNs> right_;
+  unsigned leftIndex_ = 0;
+  unsigned rightIndex_ = 0;
+};
+
+// A Python program run inside a namespace: a peer that is not our code. The script comes
+// through the environment, so no shell quoting gets in its way. It should print "ready"
+// once its socket is open, and bound every wait of its own with a timeout.
+class PythonPeer {
+ public:
+  PythonPeer(const ScopedNs& ns, const std::string& script) {
+    setenv("KORVA_PYTHON_PEER", script.c_str(), 1);
+    pipe_ =
+        popen(("ip netns exec " + ns.name() + " python3 -c \"$KORVA_PYTHON_PEER\"").c_str(), "r");
+  }
+  ~PythonPeer() {
+    if (pipe_) pclose(pipe_);
+  }
+  PythonPeer(const PythonPeer&) = delete;
+  PythonPeer& operator=(const PythonPeer&) = delete;
+
+  // The next line it printed, without the newline; "" once it has ended.
+  std::string line() {
+    char buffer[4096];
+    if (!pipe_ || !fgets(buffer, sizeof buffer, pipe_)) return "";
+    std::string text(buffer);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+  }
+
+ private:
+  FILE* pipe_ = nullptr;
+};
 
 // Runs the loop until `link` in namespace `ns` is operationally up. The kernel reports link
 // changes on a netlink socket that the loop watches, so nothing polls or sleeps.
@@ -129,6 +176,30 @@ inline bool runUntilLinkRunning(const std::string& ns, const std::string& link) 
       5.0);
   close(probe);
   return running;
+}
+
+// The number of descriptors this process has open.
+inline int openDescriptorCount() {
+  int count = 0;
+  for (int fd = 0; fd < 4096; ++fd) count += fcntl(fd, F_GETFD) != -1;
+  return count;
+}
+
+// Runs the thread's event loop until the socket's descriptor reports readable, or 5 s pass.
+inline bool waitReadable(const Korva::PktSocket& sock) {
+  const Mox::U32 before = sock.fileDescriptor()->readableCount();
+  return Mox::runUntil([&] { return sock.fileDescriptor()->readableCount() > before; }, 5.0);
+}
+
+// Runs `step`, which must fail with `expected` as a Mox::ErrnoException of empty message.
+inline void expectErrnoFailure(const std::function<void()>& step, int expected) {
+  try {
+    step();
+    ADD_FAILURE() << "no failure, expected errno " << expected;
+  } catch (const Mox::ErrnoException& e) {
+    EXPECT_EQ(e.errorNumber(), expected);
+    EXPECT_STREQ(e.what(), "");
+  }
 }
 
 }  // namespace SocketTest

@@ -176,18 +176,21 @@ TEST_F(TcpVirtualTimeTest, AServerRetriesAFailedBindWithThePlainInterval) {
 }
 
 // Real connections between two namespaces: a client on the right, a server on the left.
-class TcpVethV4Test : public ::testing::Test {
+class TcpVethV4Test : public SocketTest::VethPairTest {
  protected:
   void SetUp() override {
-    if (!pair_.skip().empty()) GTEST_SKIP() << pair_.skip();
-    ASSERT_TRUE(pair_.ready());
+    VethPairTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    ASSERT_TRUE(SocketTest::runUntilLinkRunning(left(), "kvl") &&
+                SocketTest::runUntilLinkRunning(right(), "kvr"));
   }
   virtual bool v6() const { return false; }
-  std::string address(int host) const { return VethPair::address(v6(), host); }
-  Client newClient(Mox::U16 port) { return Client(wheel_, pair_.right(), address(1), port); }
-  Server newServer(Mox::U16 port) { return Server(wheel_, pair_.left(), address(1), port); }
+  std::string address(int host) const {
+    return (v6() ? "fd77::" : "10.77.0.") + std::to_string(host);
+  }
+  Client newClient(Mox::U16 port) { return Client(wheel_, right(), address(1), port); }
+  Server newServer(Mox::U16 port) { return Server(wheel_, left(), address(1), port); }
 
-  VethPair pair_;
   Ptr<Pylon::TimerWheel> wheel_ = Mox::make<Pylon::TimerWheel>("tcp");
 };
 
@@ -231,9 +234,9 @@ INSTANTIATE_TEST_SUITE_P(Family, TcpVethTest, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "ipv6" : "ipv4"; });
 
 TEST_F(TcpVethV4Test, AnIpv6ServerTakesIpv4PeersOnlyWhenNotV6Only) {
-  Server server(wheel_, pair_.left(), "::", 7401);
+  Server server(wheel_, left(), "::", 7401);
   ASSERT_TRUE(server.sm->startListener());
-  Client client(wheel_, pair_.right(), address(1), 7401);
+  Client client(wheel_, right(), address(1), 7401);
   Failures failures(client.status.get());
   client.sm->startConnection();
   ASSERT_TRUE(runUntilBounded([&] { return !failures.reasons.empty(); }, 5.0));
@@ -246,18 +249,17 @@ TEST_F(TcpVethV4Test, AnIpv6ServerTakesIpv4PeersOnlyWhenNotV6Only) {
 
 // TCP-MD5 and GTSM, as the kernels of both namespaces apply them.
 TEST_F(TcpVethV4Test, Md5KeysAndMinimumTtlDecideWhoConnects) {
-  const IpGenAddrWithMask clientPrefix("10.78.0.2/32"), serverPrefix("10.78.0.1/32");
+  const IpGenAddrWithMask clientPrefix("10.77.0.2/32"), serverPrefix("10.77.0.1/32");
   Server server = newServer(7402);
   server.config->md5AuthIs(clientPrefix, "secret");
   server.config->optionsIs(TcpSocketOptions(0x8));
   ASSERT_TRUE(server.sm->startListener());
   const auto refused = [&](const char* counter, const std::function<void(Client&)>& setUp) {
-    const long before = tcpExtCounter(pair_.left(), counter);
+    const long before = tcpExtCounter(left(), counter);
     Client client = newClient(7402);
     setUp(client);
     client.sm->startConnection();
-    EXPECT_TRUE(pollUntil([&] { return tcpExtCounter(pair_.left(), counter) > before; }, 5.0))
-        << counter;
+    EXPECT_TRUE(pollUntil([&] { return tcpExtCounter(left(), counter) > before; }, 5.0)) << counter;
     EXPECT_FALSE(client.connected());
   };
   refused("TCPMD5NotFound", [](Client&) {});
@@ -282,11 +284,10 @@ TEST_F(TcpVethV4Test, Md5KeysAndMinimumTtlDecideWhoConnects) {
   sender->txPktIs(packetOf(pdu(40, 'a')));
   ASSERT_TRUE(runUntilBounded([&] { return collector.pdus.size() == 1; }, 5.0));
   // ...while a change for the peer's prefix applies to the live socket at once.
-  const long failures = tcpExtCounter(pair_.left(), "TCPMD5Failure");
+  const long failures = tcpExtCounter(left(), "TCPMD5Failure");
   client.config->md5AuthIs(serverPrefix, "changed");
   sender->txPktIs(packetOf(pdu(40, 'b')));
-  EXPECT_TRUE(
-      pollUntil([&] { return tcpExtCounter(pair_.left(), "TCPMD5Failure") > failures; }, 5.0));
+  EXPECT_TRUE(pollUntil([&] { return tcpExtCounter(left(), "TCPMD5Failure") > failures; }, 5.0));
   EXPECT_EQ(collector.pdus.size(), 1u);
 }
 
@@ -296,14 +297,13 @@ TEST_F(TcpVethV4Test, AMinimumTtlOf255RefusesPeersOneHopAway) {
   server.config->optionsIs(TcpSocketOptions(0x4));
   ASSERT_TRUE(server.sm->startListener());
   for (Mox::U8 ttl : {254, 255}) {
-    const long before = tcpExtCounter(pair_.left(), "TCPMinTTLDrop");
+    const long before = tcpExtCounter(left(), "TCPMinTTLDrop");
     Client client = newClient(7403);
     client.config->txTtlIs(ttl);
     client.config->optionsIs(TcpSocketOptions(0x1));
     client.sm->startConnection();
     if (ttl == 254) {
-      EXPECT_TRUE(
-          pollUntil([&] { return tcpExtCounter(pair_.left(), "TCPMinTTLDrop") > before; }, 5.0));
+      EXPECT_TRUE(pollUntil([&] { return tcpExtCounter(left(), "TCPMinTTLDrop") > before; }, 5.0));
       EXPECT_FALSE(client.connected());
     } else {
       EXPECT_TRUE(runUntilBounded([&] { return client.connected(); }, 5.0))

@@ -100,8 +100,8 @@ class TcpPduPamTest : public ::testing::TestWithParam<bool> {
 
 TEST_P(TcpPduPamTest, RandomPiecesFromAPythonPeerArriveAsWholePdusExactlyOnce) {
   for (int seed : {1, 2}) {
-    PythonPeer peer(ns_.name(), kPeer,
-                    {std::to_string(kPort), "stream", std::to_string(seed), path_});
+    SpawnedPython peer(ns_.name(), kPeer,
+                       {std::to_string(kPort), "stream", std::to_string(seed), path_});
     ASSERT_TRUE(peer.started());
     Ptr<SimpleTcpPduPam> pam = Korva::simpleTcpPduPamFactory(accepted());
     PduCollector collector(pam.get());
@@ -127,7 +127,7 @@ TEST_P(TcpPduPamTest, BadEndingsAreReadErrorsThatKeepTheWholePdusBefore) {
       {"toosmall", "PDU length too small", 20},
   };
   for (const auto& c : cases) {
-    PythonPeer peer(ns_.name(), kPeer, {std::to_string(kPort), c.mode, "3", path_});
+    SpawnedPython peer(ns_.name(), kPeer, {std::to_string(kPort), c.mode, "3", path_});
     Ptr<Korva::TcpFd> fd = accepted();
     ASSERT_TRUE(fd);
     Ptr<SimpleTcpPduPam> pam = Korva::simpleTcpPduPamFactory(fd);

@@ -103,11 +103,12 @@ inline long tcpExtCounter(const std::string& ns, const std::string& counter) {
   return value;
 }
 
-// A Python program run inside a namespace; killed (by its id) if it is still running when
-// this goes.
-class PythonPeer {
+// A Python program run inside a namespace with arguments, while this thread's loop keeps
+// serving (SocketTest::PythonPeer is for peers that talk through their output instead);
+// killed, by its id, if it is still running when this goes.
+class SpawnedPython {
  public:
-  PythonPeer(const std::string& ns, const std::string& program, std::vector<std::string> args) {
+  SpawnedPython(const std::string& ns, const std::string& program, std::vector<std::string> args) {
     std::vector<std::string> argv = {"ip", "netns", "exec", ns, "/usr/bin/python3", "-c", program};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> raw;
@@ -115,7 +116,7 @@ class PythonPeer {
     raw.push_back(nullptr);
     if (posix_spawnp(&pid_, "ip", nullptr, nullptr, raw.data(), environ) != 0) pid_ = -1;
   }
-  ~PythonPeer() {
+  ~SpawnedPython() {
     if (pid_ <= 0) return;
     if (!exited_) kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
@@ -141,44 +142,6 @@ class PythonPeer {
 }  // namespace TcpTest
 
 namespace TcpTest {
-
-// Two throwaway namespaces joined by a veth pair: "left" (ktl, 10.78.0.1, fd78::1) and
-// "right" (ktr, 10.78.0.2, fd78::2), both links running.
-class VethPair {
- public:
-  VethPair() {
-    if (!left_.created() || !right_.created()) {
-      skip_ = "needs CAP_SYS_ADMIN to create network namespaces";
-    } else if (!left_.ip("link add ktl type veth peer name ktr netns " + right_.name())) {
-      skip_ = "cannot create a veth pair";
-    } else {
-      ready_ = configure(left_, "ktl", "1") && configure(right_, "ktr", "2") &&
-               SocketTest::runUntilLinkRunning(left_.name(), "ktl") &&
-               SocketTest::runUntilLinkRunning(right_.name(), "ktr");
-    }
-  }
-  // Why the pair cannot be had here (empty when it can).
-  const std::string& skip() const { return skip_; }
-  bool ready() const { return ready_; }
-  const std::string& left() const { return left_.name(); }
-  const std::string& right() const { return right_.name(); }
-  static std::string address(bool v6, int host) {
-    return (v6 ? "fd78::" : "10.78.0.") + std::to_string(host);
-  }
-
- private:
-  static bool configure(const SocketTest::ScopedNs& ns, const std::string& link,
-                        const std::string& host) {
-    return ns.ip("addr add 10.78.0." + host + "/24 dev " + link) &&
-           ns.ip("addr add fd78::" + host + "/64 dev " + link + " nodad") &&
-           ns.ip("link set " + link + " up") && ns.ip("link set lo up");
-  }
-
-  SocketTest::ScopedNs left_{"tcpl"};
-  SocketTest::ScopedNs right_{"tcpr"};
-  std::string skip_;
-  bool ready_ = false;
-};
 
 // Runs the loop, waking at least every 20 ms, until `condition` holds or `seconds` (real)
 // pass: for conditions no descriptor reports, such as a kernel counter.

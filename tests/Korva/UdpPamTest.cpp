@@ -71,43 +71,8 @@ int socketOption(const UdpPam& pam, int level, int option) {
   return value;
 }
 
-// Two throwaway namespaces joined by a veth pair: "left" (kvl, 10.77.0.1, fd77::1) and
-// "right" (kvr, 10.77.0.2, fd77::2).
-class UdpPamNetTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    left_ = std::make_unique<SocketTest::ScopedNs>("udpl");
-    right_ = std::make_unique<SocketTest::ScopedNs>("udpr");
-    if (!left_->created() || !right_->created()) {
-      GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
-    }
-    if (!left_->ip("link add kvl type veth peer name kvr netns " + right_->name())) {
-      GTEST_SKIP() << "cannot create a veth pair (ip link add type veth)";
-    }
-    ASSERT_TRUE(configure(*left_, "kvl", "1"));
-    ASSERT_TRUE(configure(*right_, "kvr", "2"));
-    SocketTest::runInNs(*left_, [&] { leftIndex_ = if_nametoindex("kvl"); });
-    SocketTest::runInNs(*right_, [&] { rightIndex_ = if_nametoindex("kvr"); });
-  }
-
-  static bool configure(const SocketTest::ScopedNs& ns, const std::string& link,
-                        const std::string& host) {
-    // nodad: the IPv6 address is usable at once, without waiting out duplicate detection.
-    return ns.ip("addr add 10.77.0." + host + "/24 dev " + link) &&
-           ns.ip("addr add fd77::" + host + "/64 dev " + link + " nodad") &&
-           ns.ip("link set " + link + " up") && ns.ip("link set lo up");
-  }
-
-  const std::string& left() const { return left_->name(); }
-  const std::string& right() const { return right_->name(); }
-
-  std::unique_ptr<SocketTest::ScopedNs> left_;
-  std::unique_ptr<SocketTest::ScopedNs> right_;
-  unsigned leftIndex_ = 0;
-  unsigned rightIndex_ = 0;
-};
-
-class UdpPamFamilyTest : public UdpPamNetTest, public ::testing::WithParamInterface<bool> {
+class UdpPamFamilyTest : public SocketTest::VethPairTest,
+                         public ::testing::WithParamInterface<bool> {
  protected:
   bool v6() const { return GetParam(); }
   // Points `pam` at host 1 or 2 of the veth subnet.

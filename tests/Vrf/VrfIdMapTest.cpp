@@ -11,6 +11,8 @@
 namespace Vrf::VrfIdMap {
 namespace {
 
+using Mox::U32;
+
 class VrfIdMapTest : public ::testing::Test {
  protected:
   void TearDown() override {
