@@ -10,7 +10,8 @@ Mox::Ptr<SimpleTcpPduPam> simpleTcpPduPamFactory(const Mox::Ptr<TcpFd>& fd) {
 U16 SimpleTcpPduPam::getPduSize() {
   const Mox::Ptr<Pkt>& pkt = rxPktHolderShadow();
   MOX_ASSERT(pkt);
-  if (pkt->bytes() < kHeaderBytes) return kHeaderBytes;
+  // Received PDUs sit in one piece: the front is all of it.
+  if (pkt->frontBytes() < kHeaderBytes) return kHeaderBytes;
   const U8* header = pkt->frontData();
   return U16(header[2] << 8 | header[3]);
 }

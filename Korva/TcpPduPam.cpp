@@ -198,8 +198,9 @@ TcpPduPamReadReturn TcpPduPam::readFromSocket() {
   if (rxRemainingLength() != 0) return TcpPduPamReadReturn(Result::readMoreData, "");
   // What was read may have completed a header that tells the real size.
   const U16 size = getPduSize();
-  if (size < pkt.bytes()) return readError("PDU length too small");
-  if (size == pkt.bytes()) return TcpPduPamReadReturn(Result::fullPduRead, "");
+  const U32 nowRead = dataRead + U32(received);
+  if (size < nowRead) return readError("PDU length too small");
+  if (size == nowRead) return TcpPduPamReadReturn(Result::fullPduRead, "");
   return TcpPduPamReadReturn(Result::readMoreData, "");
 }
 
