@@ -36,22 +36,6 @@ int setFamilyOption(AddressFamily af, int fd, FamilyOption v4, FamilyOption v6, 
   return setSocketOptionInteger(fd, which.level, which.option, value, verify);
 }
 
-// Starts watching `fd` for `reactor`; the errno of a failed watch, else 0.
-template <class Reactor>
-int watch(const Mox::Ptr<TcpFd>& fd, Reactor& reactor, bool readable, bool writable,
-          bool edgeTriggered) {
-  fd->edgeTriggeredIs(edgeTriggered);
-  fd->notifyOnReadableIs(readable);
-  fd->notifyOnWritableIs(writable);
-  reactor.notifierIs(fd.get());
-  try {
-    fd->enabledIs(true);
-  } catch (const Mox::ErrnoException& e) {
-    return e.errorNumber();
-  }
-  return 0;
-}
-
 const char* errorText(int error) {
   return strerror(error);
 }
@@ -226,6 +210,26 @@ int TcpSmBase::applySocketOptions(int fd) {
   return 0;
 }
 
+int TcpSmBase::watchSocket(bool readable, bool writable) {
+  fd_->edgeTriggeredIs(tcpConfig()->edgeTriggeredFileDescriptor());
+  fd_->notifyOnReadableIs(readable);
+  fd_->notifyOnWritableIs(writable);
+  fdReactor_.notifierIs(fd_.get());
+  try {
+    fd_->enabledIs(true);
+  } catch (const Mox::ErrnoException& e) {
+    return e.errorNumber();
+  }
+  return 0;
+}
+
+void TcpSmBase::dropSocket() {
+  fdReactor_.notifierIs(nullptr);
+  fd_->enabledIs(false);
+  fd_ = nullptr;
+  lastOptionsApplied_ = TcpSocketOptions();
+}
+
 void TcpSmBase::handleSocketOptions() {
   const int fd = liveDescriptor();
   if (fd < 0) return;
@@ -280,7 +284,7 @@ bool TcpServerSm::startListener() {
     status_->reasonIs("Listening port is 0");
     return false;
   }
-  if (fd_) {
+  if (fd()) {
     MOX_TRACE(trace, 3, "Already listening");
     return true;
   }
@@ -290,7 +294,7 @@ bool TcpServerSm::startListener() {
     return false;
   }
   // Its result is deliberately ignored: a bound socket that cannot listen shows no peers.
-  listen(fd_->descriptor(), int(backlog_));
+  listen(fd()->descriptor(), int(backlog_));
   status_->serverStartTimesInc();
   status_->listeningIs(true);
   status_->reasonIs("Listening");
@@ -298,12 +302,12 @@ bool TcpServerSm::startListener() {
 }
 
 bool TcpServerSm::openListeningSocket() {
-  fd_ = TcpFd::socket(af(), config_->networkNamespace());
-  if (!fd_) {
+  fdIs(TcpFd::socket(af(), config_->networkNamespace()));
+  if (!fd()) {
     handleServerError("Socket", errorText(errno));
     return false;
   }
-  const int sd = fd_->descriptor();
+  const int sd = fd()->descriptor();
   if (setSocketOptionInteger(sd, SOL_SOCKET, SO_REUSEADDR, 1, true) != 0) {
     handleServerError("Setsockopt(REUSE)", errorText(errno));
     return false;
@@ -324,18 +328,11 @@ bool TcpServerSm::openListeningSocket() {
     handleServerError("Bind", errorText(errno));
     return false;
   }
-  if (const int error = watch(fd_, fdReactor_, true, false, edgeTriggered())) {
+  if (const int error = watchSocket(true, false)) {
     handleServerError("Watch", errorText(error));
     return false;
   }
   return true;
-}
-
-void TcpServerSm::dropSocket() {
-  fdReactor_.notifierIs(nullptr);
-  fd_->enabledIs(false);
-  fd_ = nullptr;
-  lastOptionsAppliedIs(TcpSocketOptions());
 }
 
 void TcpServerSm::stopListener() {
@@ -343,7 +340,7 @@ void TcpServerSm::stopListener() {
   stopTimers();
   status_->connSocketDelAll();
   status_->listeningIs(false);
-  if (fd_) dropSocket();
+  if (fd()) dropSocket();
   lastOptionsAppliedIs(TcpSocketOptions());
 }
 
@@ -356,7 +353,7 @@ void TcpServerSm::restartListener() {
 void TcpServerSm::handleServerError(const char* functionName, const char* errorString) {
   status_->reasonIs(Mox::String8(functionName) + " (" + errorString + ")");
   MOX_TRACE(trace, 1, formatDerivedType() << ": " << status_->reason());
-  if (fd_) {
+  if (fd()) {
     MOX_TRACE(trace, 3, "Disabling fd");
     dropSocket();
   }
@@ -364,8 +361,8 @@ void TcpServerSm::handleServerError(const char* functionName, const char* errorS
 }
 
 void TcpServerSm::handleAccept() {
-  if (!fd_) return;
-  Mox::Ptr<TcpFd> accepted = TcpFd::socketAccept(fd_, af(), config_->networkNamespace());
+  if (!fd()) return;
+  Mox::Ptr<TcpFd> accepted = TcpFd::socketAccept(fd(), af(), config_->networkNamespace());
   if (!accepted) {
     const int error = errno;
     if (error == EAGAIN || error == EINTR) {
@@ -456,15 +453,8 @@ void TcpClientSm::restartRetryTimer() {
   status_->retryTimerNextIs(retryTimerExpireTime());
 }
 
-void TcpClientSm::dropSocket() {
-  fdReactor_.notifierIs(nullptr);
-  fd_->enabledIs(false);
-  fd_ = nullptr;
-  lastOptionsAppliedIs(TcpSocketOptions());
-}
-
 bool TcpClientSm::startConnection() {
-  if (fd_) {
+  if (fd()) {
     MOX_TRACE(trace, 3, "Disabling fd from previous connection attempt");
     dropSocket();
   }
@@ -481,12 +471,12 @@ bool TcpClientSm::startConnection() {
 }
 
 bool TcpClientSm::openAndConnect() {
-  fd_ = TcpFd::socket(af(), config_->networkNamespace());
-  if (!fd_) {
+  fdIs(TcpFd::socket(af(), config_->networkNamespace()));
+  if (!fd()) {
     handleClientError("Socket", errorText(errno));
     return false;
   }
-  const int sd = fd_->descriptor();
+  const int sd = fd()->descriptor();
   if (!config_->clientIpAddr().isAddrZero() &&
       (setSocketOptionInteger(sd, SOL_SOCKET, SO_REUSEADDR, 1, true) != 0 ||
        socketBindClient(sd, af(), config_->clientIpAddr()) != 0)) {
@@ -497,7 +487,7 @@ bool TcpClientSm::openAndConnect() {
     handleClientError("Setsockopt", errorText(errno));
     return false;
   }
-  if (const int error = watch(fd_, fdReactor_, false, true, edgeTriggered())) {
+  if (const int error = watchSocket(false, true)) {
     handleClientError("Watch", errorText(error));
     return false;
   }
@@ -513,9 +503,9 @@ bool TcpClientSm::openAndConnect() {
 }
 
 void TcpClientSm::handleConnect() {
-  if (!initialized() || !fd_) return;
+  if (!initialized() || !fd()) return;
   int soError = 0;
-  if (getSocketOptionInteger(fd_->descriptor(), SOL_SOCKET, SO_ERROR, &soError) != 0) {
+  if (getSocketOptionInteger(fd()->descriptor(), SOL_SOCKET, SO_ERROR, &soError) != 0) {
     handleClientError("Getsockopt", errorText(errno));
     restartRetryTimer();
     return;
@@ -526,8 +516,8 @@ void TcpClientSm::handleConnect() {
     return;
   }
   stopTimers();
-  fd_->notifyOnWritableIs(false);
-  const TcpConnSocket conn = socketConnected(fd_, config_->serverIpAddr(), config_->serverPort());
+  fd()->notifyOnWritableIs(false);
+  const TcpConnSocket conn = socketConnected(fd(), config_->serverIpAddr(), config_->serverPort());
   if (!conn.fd()) {
     handleClientError("Getsockname", errorText(errno));
     restartRetryTimer();
@@ -541,7 +531,7 @@ void TcpClientSm::handleConnect() {
 bool TcpClientSm::connectionConfirmed(const Mox::Ptr<TcpFd>& fd, const IpGenAddr& addr,
                                       Port srcPort, Port dstPort) {
   stopConnection();
-  fd_ = fd;
+  fdIs(fd);
   if (applySocketOptions(fd->descriptor()) != 0) {
     handleClientError("Setsockopt", errorText(errno));
     status_->resetConnSocket();
@@ -560,7 +550,7 @@ bool TcpClientSm::connectionConfirmed(const Mox::Ptr<TcpFd>& fd, const IpGenAddr
 void TcpClientSm::handleClientError(const char* functionName, const char* errorString) {
   status_->reasonIs(Mox::String8(functionName) + " (" + errorString + ")");
   MOX_TRACE(trace, 1, formatDerivedType() << ": " << status_->reason());
-  if (fd_) {
+  if (fd()) {
     MOX_TRACE(trace, 3, "Disabling fd");
     dropSocket();
   }
@@ -584,7 +574,7 @@ void TcpClientSm::handleTimeout() {
 void TcpClientSm::stopConnection() {
   if (!initialized()) return;
   stopTimers();
-  if (fd_) dropSocket();
+  if (fd()) dropSocket();
   status_->resetConnSocket();
   lastOptionsAppliedIs(TcpSocketOptions());
 }

@@ -73,6 +73,10 @@ class TcpSmBase : public Mox::PtrInterface {
   // Absolute expiry times; Mox::kNever when stopped.
   double retryTimerExpireTime() const noexcept { return retryTimer_.expiry(); }
   double timeoutTimerExpireTime() const noexcept { return timeoutTimer_.expiry(); }
+  // The machine's socket (listening, connecting or connected) and its watched descriptor;
+  // none between attempts.
+  const Mox::Ptr<TcpFd>& fd() const noexcept { return fd_; }
+  Mox::Ptr<Mox::FileDescriptor> fileDesc() const { return fd_ ? fd_->fileDesc() : nullptr; }
   // The family of the configured address.
   virtual AddressFamily af() const = 0;
   virtual std::string formatDerivedType() const;
@@ -98,14 +102,20 @@ class TcpSmBase : public Mox::PtrInterface {
   // Sets or clears the key of one prefix on the live socket.
   virtual void handleSocketMd5AuthOption(const IpGenAddrWithMask& prefix);
   // The socket options apply to now; none (-1) without one.
-  virtual int liveDescriptor() const = 0;
+  int liveDescriptor() const noexcept { return fd_ ? fd_->descriptor() : -1; }
+  // Readiness of the socket.
+  virtual void handleReadable() {}
+  virtual void handleWritable() {}
+  void fdIs(Mox::Ptr<TcpFd> fd) { fd_ = std::move(fd); }
+  // Watches the socket for the machine; the errno of a failed watch, else 0.
+  int watchSocket(bool readable, bool writable);
+  // Stops watching and lets the socket go.
+  void dropSocket();
 
   void retryTimesInc() noexcept { ++retryTimes_; }
   void retryTimesIs(U32 times) noexcept { retryTimes_ = times; }
   void initializedIs(bool initialized) noexcept { initialized_ = initialized; }
   void lastOptionsAppliedIs(TcpSocketOptions options) noexcept { lastOptionsApplied_ = options; }
-  // Whether the watch of a new socket is edge-triggered.
-  bool edgeTriggered() const { return tcpConfig()->edgeTriggeredFileDescriptor(); }
 
  private:
   class RetryTimer : public Pylon::TimerWheel::Timer {
@@ -120,6 +130,16 @@ class TcpSmBase : public Mox::PtrInterface {
    public:
     explicit TimeoutTimer(TcpSmBase* owner) : owner_(owner) {}
     void onExpiry() override { owner_->handleTimeout(); }
+
+   private:
+    TcpSmBase* owner_;
+  };
+  // Reports readiness of the socket to the machine.
+  class FdReactor : public TcpFd::Notifiee {
+   public:
+    explicit FdReactor(TcpSmBase* owner) : owner_(owner) {}
+    void onSocketReadableCount() override { owner_->handleReadable(); }
+    void onSocketWritableCount() override { owner_->handleWritable(); }
 
    private:
     TcpSmBase* owner_;
@@ -147,18 +167,8 @@ class TcpSmBase : public Mox::PtrInterface {
   RetryTimer retryTimer_{this};
   TimeoutTimer timeoutTimer_{this};
   ConfigReactor configReactor_{this};
-};
-
-// Reports readiness of a machine's socket to the machine.
-template <class Sm>
-class TcpSmFdReactor : public TcpFd::Notifiee {
- public:
-  explicit TcpSmFdReactor(Sm* owner) : owner_(owner) {}
-  void onSocketReadableCount() override { owner_->handleReadable(); }
-  void onSocketWritableCount() override { owner_->handleWritable(); }
-
- private:
-  Sm* owner_;
+  Mox::Ptr<TcpFd> fd_;
+  FdReactor fdReactor_{this};
 };
 
 class TcpServerSm : public TcpSmBase {
@@ -175,10 +185,6 @@ class TcpServerSm : public TcpSmBase {
 
   const Mox::Ptr<TcpServerConfig>& tcpServerConfig() const noexcept { return config_; }
   const Mox::Ptr<TcpServerStatus>& tcpServerStatus() const noexcept { return status_; }
-  // The listening socket and its watched descriptor; none while not listening.
-  const Mox::Ptr<TcpFd>& fd() const noexcept { return fd_; }
-  Mox::Ptr<Mox::FileDescriptor> fileDesc() const { return fd_ ? fd_->fileDesc() : nullptr; }
-
   bool restartOnAcceptError() const noexcept { return restartOnAcceptError_; }
   void restartOnAcceptErrorIs(bool on) noexcept { restartOnAcceptError_ = on; }
   bool restartOnSetSockOptError() const noexcept { return restartOnSetSockOptError_; }
@@ -191,27 +197,20 @@ class TcpServerSm : public TcpSmBase {
   AddressFamily af() const override { return config_->listenIpAddr().af(); }
   std::string formatDerivedType() const override;
 
-  // The reactor's calls.
-  void handleReadable() { handleAccept(); }
-  void handleWritable() {}
-
  protected:
   void handleAccept();
   void handleServerError(const char* functionName, const char* errorString);
   void handleRetry() override;
   void handleTimeout() override;
   void handleInitialized() override;
-  int liveDescriptor() const override { return fd_ ? fd_->descriptor() : -1; }
+  void handleReadable() override { handleAccept(); }
 
  private:
   // Steps 4-8 of listening: the socket, bound; false after handleServerError.
   bool openListeningSocket();
-  void dropSocket();
 
   Mox::Ptr<TcpServerConfig> config_;
   Mox::Ptr<TcpServerStatus> status_;
-  Mox::Ptr<TcpFd> fd_;
-  TcpSmFdReactor<TcpServerSm> fdReactor_{this};
   bool restartOnAcceptError_ = true;
   bool restartOnSetSockOptError_ = true;
   U32 backlog_ = 5;
@@ -235,18 +234,11 @@ class TcpClientSm : public TcpSmBase {
   U32 clientId() const noexcept { return clientId_; }
   const Mox::Ptr<TcpClientConfig>& tcpClientConfig() const noexcept { return config_; }
   const Mox::Ptr<TcpClientStatus>& tcpClientStatus() const noexcept { return status_; }
-  // The connecting (or connected) socket and its watched descriptor.
-  const Mox::Ptr<TcpFd>& fd() const noexcept { return fd_; }
-  Mox::Ptr<Mox::FileDescriptor> fileDesc() const { return fd_ ? fd_->fileDesc() : nullptr; }
   // Jitter an owner may add to retry intervals; none here.
   virtual U32 retryTimerJitterPercentage() const { return 0; }
 
   AddressFamily af() const override { return config_->serverIpAddr().af(); }
   std::string formatDerivedType() const override;
-
-  // The reactor's calls.
-  void handleReadable() {}
-  void handleWritable() { handleConnect(); }
 
  protected:
   // Arms the retry timer for the interval the connection status calls for.
@@ -256,18 +248,15 @@ class TcpClientSm : public TcpSmBase {
   void handleRetry() override;
   void handleTimeout() override;
   void handleInitialized() override;
-  int liveDescriptor() const override { return fd_ ? fd_->descriptor() : -1; }
+  void handleWritable() override { handleConnect(); }
 
  private:
   // Steps 3-6 of an attempt; false after handleClientError.
   bool openAndConnect();
-  void dropSocket();
 
   U32 clientId_;
   Mox::Ptr<TcpClientConfig> config_;
   Mox::Ptr<TcpClientStatus> status_;
-  Mox::Ptr<TcpFd> fd_;
-  TcpSmFdReactor<TcpClientSm> fdReactor_{this};
 };
 
 }  // namespace Korva
