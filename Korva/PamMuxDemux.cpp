@@ -9,13 +9,11 @@ namespace {
 
 Mox::TraceHandle trace("PamMuxDemux");
 
-// The most one source is read in one go before the loop gets a turn. Checked after every
-// packet, so on the coarse clock: a millisecond's resolution is plenty for a second, and the
-// fine clock would cost as much as the rest of the demultiplexing.
+// The most one source is read in one go before the loop gets a turn.
 constexpr double kBurstBudgetSeconds = 1.0;
 
 bool budgetUsedUp(double start) {
-  return Mox::coarseNow() - start > kBurstBudgetSeconds;
+  return Mox::now() - start > kBurstBudgetSeconds;
 }
 
 // Copies the packet's bytes into one buffer of its own, keeping its separate VLAN tag.
@@ -52,7 +50,7 @@ void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
   MOX_ASSERT(me->onePam());
   Pam& source = *pam();
   Pam& dest = *me->onePam();
-  const double start = Mox::coarseNow();
+  const double start = Mox::now();
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(
         trace, 8,
@@ -178,7 +176,7 @@ void PamMuxDemux::clockDel() {
 void PamMuxDemux::handleReadableOne() {
   if (mode_ == Mode::mux || !onePam_) return;
   Pam& source = *onePam_;
-  const double start = Mox::coarseNow();
+  const double start = Mox::now();
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(trace, 8, "Pkt from single source " << source.name() << ". Size: " << pkt->bytes());
     if (mode_ == Mode::disabled) {

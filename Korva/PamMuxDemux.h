@@ -5,7 +5,7 @@
 // filtered, encapsulated for its key and sent on the one Pam. Derived classes supply the
 // encapsulation; PamKeyMuxDemux below is a ready one.
 //
-// Reading one source is cut short after one second of work (Mox::coarseNow(), which is
+// Reading one source is cut short after one second of work (Mox::now(), which is
 // virtual time under Mox::VirtualTime); the source is then queued in pamDeferred and
 // resumed from the activity clock, one source per clock turn, oldest first. The clock is
 // re-armed from onTime() while work is left, so where another watcher of the activity

@@ -10,8 +10,10 @@
 #include <Mox/Text.h>
 #include <Mox/Types.h>
 
+#include <algorithm>
 #include <compare>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <iosfwd>
 #include <limits>  // for model defaults such as an infinite time
@@ -20,6 +22,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Mox {
@@ -73,9 +76,36 @@ struct QueueMetadata {
   friend bool operator==(const QueueMetadata&, const QueueMetadata&) = default;
 };
 
+// A queue attribute's entries: (sequence, entry) pairs in sequence order. A deque rather
+// than a tree: entries come in at the back and leave at the front, with no allocation of
+// their own.
 template <class V>
-void queueHeadUpdate(const std::map<U32, V>& entries, QueueMetadata* metadata) {
-  metadata->head = entries.empty() ? metadata->tail : entries.begin()->first;
+using QueueEntries = std::deque<std::pair<U32, V>>;
+
+template <class V>
+void queueHeadUpdate(const QueueEntries<V>& entries, QueueMetadata* metadata) {
+  metadata->head = entries.empty() ? metadata->tail : entries.front().first;
+}
+
+// The first entry whose sequence is not below `sequence` (end() when there is none).
+template <class Entries>
+auto queuePosition(Entries& entries, U32 sequence) {
+  // Sequences are dense unless entries were deleted or set out of turn: try the direct place.
+  if (!entries.empty() && sequence >= entries.front().first) {
+    const size_t offset = sequence - entries.front().first;
+    if (offset < entries.size() && entries[offset].first == sequence) {
+      return entries.begin() + static_cast<std::ptrdiff_t>(offset);
+    }
+  }
+  return std::lower_bound(entries.begin(), entries.end(), sequence,
+                          [](const auto& entry, U32 s) { return entry.first < s; });
+}
+
+// The entry of `sequence`, or end().
+template <class Entries>
+auto queueFind(Entries& entries, U32 sequence) {
+  auto entry = queuePosition(entries, sequence);
+  return entry != entries.end() && entry->first == sequence ? entry : entries.end();
 }
 
 // One row of an enumeration's text table.

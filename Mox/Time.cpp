@@ -17,13 +17,6 @@ double monotonicNow() noexcept {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
-double coarseNow() noexcept {
-  if (virtualTime) return virtualTime->time();
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-
 double now() noexcept {
   return virtualTime ? virtualTime->time() : monotonicNow();
 }

@@ -16,10 +16,6 @@ inline constexpr double kNever = std::numeric_limits<double>::infinity();
 
 // Monotonic seconds (CLOCK_MONOTONIC), or the virtual time while a VirtualTime exists.
 double now() noexcept;
-// now() at the resolution of the kernel's tick (a few milliseconds) for a fraction of its
-// cost: for budgets measured in seconds and checked per item, such as a burst of packets.
-// Virtual time, exactly, while a VirtualTime exists.
-double coarseNow() noexcept;
 // The kernel's monotonic clock even under virtual time. Only for bounding how long a
 // test or tool really waits; everything else reads now().
 double monotonicNow() noexcept;

@@ -18,7 +18,6 @@ class Door : public Mox::Entity {
   ~Door() override { *destroyed_ = true; }
 
   void open();
-  void ring();
 
  private:
   bool* destroyed_;
@@ -31,26 +30,36 @@ class Door::Notifiee : public Mox::Entity::NotifieeBase {
   virtual void onOpen() {}
 };
 
-// A notifiee of a more specific kind: only it hears the bell.
-class Bell : public Door::Notifiee {
- public:
-  virtual void onRing() = 0;
-};
-
 void Door::open() {
   notify<Notifiee>([](Notifiee& n) { n.onOpen(); });
 }
-void Door::ring() {
-  notify<Bell>([](Bell& b) { b.onRing(); });
+
+// A derived entity with hooks of its own: only notifiees attached through its level hear them.
+class Gate : public Door {
+ public:
+  class Notifiee;
+  using Door::Door;
+  void ring();
+};
+
+class Gate::Notifiee : public Door::Notifiee {
+ public:
+  static constexpr Mox::U8 kLevel = Door::Notifiee::kLevel + 1;
+  void notifierIs(const Gate* gate) { notifierBaseIs(gate, kLevel); }
+  virtual void onRing() = 0;
+};
+
+void Gate::ring() {
+  notify<Notifiee>([](Notifiee& n) { n.onRing(); });
 }
 
 using Calls = std::vector<std::string>;
 
 // Records each call in a shared list, then runs an optional reaction.
-class Recorder : public Bell {
+class Recorder : public Gate::Notifiee {
  public:
-  Recorder(std::string label, Calls* calls, const Door* door) : label_(label), calls_(calls) {
-    notifierIs(door);
+  Recorder(std::string label, Calls* calls, const Gate* gate) : label_(label), calls_(calls) {
+    notifierIs(gate);
   }
   void onOpen() override {
     calls_->push_back(label_);
@@ -72,7 +81,7 @@ class Entity : public ::testing::Test {
   }
 
   bool destroyed_ = false;
-  Mox::Ptr<Door> door_ = Mox::make<Door>("front", &destroyed_);
+  Mox::Ptr<Gate> door_ = Mox::make<Gate>("front", &destroyed_);
   Calls calls_;
 };
 
@@ -80,7 +89,7 @@ TEST_F(Entity, NotifieeHoldsItsNotifier) {
   auto a = recorder("a");
   EXPECT_EQ(door_->references(), 2u);
   bool otherDestroyed = false;
-  Mox::Ptr<Door> other = Mox::make<Door>("back", &otherDestroyed);
+  Mox::Ptr<Gate> other = Mox::make<Gate>("back", &otherDestroyed);
   a->notifierIs(other.get());
   EXPECT_EQ(door_->notifieeCount(), 0u);
   EXPECT_EQ(door_->references(), 1u);
@@ -123,7 +132,7 @@ TEST_F(Entity, AttachedOrReattachedDuringNotificationHearsFromTheNextOne) {
 
 TEST_F(Entity, LastReferenceDroppedDuringNotification) {
   auto a = recorder("a"), b = recorder("b");
-  Door* door = door_.get();
+  Gate* door = door_.get();
   bool destroyedDuringWalk = true;
   a->reaction = [&] {
     a->notifierIs(nullptr);
@@ -150,7 +159,7 @@ TEST_F(Entity, NestedNotificationDetachesSafely) {
   EXPECT_EQ(door_->notifieeCount(), 2u);
 }
 
-// A plain Door::Notifiee that is not a Bell.
+// A Door::Notifiee: it watches a Gate at the Door's level.
 class Watcher : public Door::Notifiee {
  public:
   explicit Watcher(const Door* door) { notifierIs(door); }
@@ -158,15 +167,43 @@ class Watcher : public Door::Notifiee {
   int opens = 0;
 };
 
-TEST_F(Entity, NotifiesOnlyNotifieesOfTheRequestedType) {
+TEST_F(Entity, DerivedHooksReachOnlyNotifieesAttachedAtTheDerivedLevel) {
   Watcher watcher(door_.get());
   Recorder bell("bell", &calls_, door_.get());
   door_->ring();
-  EXPECT_THAT(calls_, ElementsAre("bell rang"));
-  EXPECT_EQ(watcher.opens, 0);
   door_->open();
   EXPECT_EQ(watcher.opens, 1);
   EXPECT_THAT(calls_, ElementsAre("bell rang", "bell"));
+
+  // Re-attached through the Door's level, in place: the bell no longer hears the ring.
+  bell.Door::Notifiee::notifierIs(door_.get());
+  EXPECT_EQ(door_->notifieeCount(), 2u);
+  door_->ring();
+  door_->open();
+  EXPECT_THAT(calls_, ElementsAre("bell rang", "bell", "bell"));
+  bell.notifierIs(door_.get());
+  door_->ring();
+  EXPECT_THAT(calls_, ElementsAre("bell rang", "bell", "bell", "bell rang"));
+}
+
+TEST_F(Entity, NotifieesChangingDuringAWalk) {
+  auto a = recorder("a"), b = recorder("b");
+  Watcher watcher(door_.get());
+  a->reaction = [&] {
+    b->Door::Notifiee::notifierIs(door_.get());  // down to the Door's level
+    watcher.notifierIs(nullptr);
+    auto late = recorder("late");  // not in this walk, but in the nested one
+    door_->ring();                 // nested: b is no longer rung
+  };
+  b->reaction = [&] { a->notifierIs(nullptr); };
+  door_->open();
+  EXPECT_THAT(calls_, ElementsAre("a", "a rang", "late rang", "b"));
+  EXPECT_EQ(watcher.opens, 0);
+  EXPECT_EQ(door_->notifieeCount(), 1u);
+  a->reaction = b->reaction = nullptr;
+  a->notifierIs(door_.get());
+  door_->ring();
+  EXPECT_THAT(calls_, ElementsAre("a", "a rang", "late rang", "b", "a rang"));
 }
 
 }  // namespace

@@ -19,16 +19,6 @@ TEST(Time, RealTimeIsTheKernelMonotonicClock) {
   EXPECT_LE(now, kernelMonotonic());
 }
 
-TEST(Time, CoarseNowIsNowAtTickResolution) {
-  // A tick is at most 10 ms (HZ 100); the kernel's coarse clock trails by less than one.
-  const double coarse = Mox::coarseNow();
-  EXPECT_LE(coarse, Mox::now());
-  EXPECT_GT(coarse, Mox::now() - 0.011);
-  Mox::VirtualTime time;
-  time.advance(0.25);
-  EXPECT_EQ(Mox::coarseNow(), time.start() + 0.25);
-}
-
 TEST(Time, VirtualTimeMovesOnlyForwardAndExactly) {
   {
     Mox::VirtualTime time;

@@ -633,6 +633,8 @@ class Emitter:
             return f"std::vector<{t}> {a.name}_"
         if a.kind == "children":
             return f"std::map<{self.cxx(a.key)}, Mox::Ptr<{t}>> {a.name}_"
+        if a.kind == "queue":
+            return f"Mox::QueueEntries<{t}> {a.name}_"
         return f"std::map<{self.cxx(a.key)}, {t}> {a.name}_"
 
     def notifiee(self, e):
@@ -642,6 +644,9 @@ class Emitter:
         h(f"// Watches one {e.name}; each hook runs after a real change of its attribute.")
         h(f"class {e.cls}::Notifiee : public {base} {{")
         h(" public:")
+        h(f"  // Deeper than the base's: {e.name} hooks reach only notifiees attached by notifierIs.")
+        h(f"  static constexpr Mox::U8 kLevel = {base}::kLevel + 1;")
+        h()
         if e.handwritten:  # the class is not complete here: the source defines these
             h(f"  {e.name}* notifier() const;")
         else:
@@ -652,7 +657,7 @@ class Emitter:
         if e.handwritten:
             h(f"  void notifierIs({e.name}* notifier);")
         else:
-            h(f"  void notifierIs({e.name}* notifier) {{ notifierBaseIs(notifier); }}")
+            h(f"  void notifierIs({e.name}* notifier) {{ notifierBaseIs(notifier, kLevel); }}")
         h()
         for a in e.attrs:
             key = "" if a.kind == "scalar" else self.param(a.key)
@@ -673,7 +678,7 @@ class Emitter:
         c("}")
         c()
         self.short_function(f"void {e.cls}::Notifiee::notifierIs({e.name}* notifier)",
-                            "notifierBaseIs(notifier);")
+                            "notifierBaseIs(notifier, kLevel);")
         c()
 
     # Each attribute kind has a declare_ (header) and a define_ (source) writer.
@@ -810,25 +815,20 @@ class Emitter:
         self.define_notify(e, a, f"{pk} key", "key")
 
     def define_del_all(self, e, a):
-        """Del and DelAll of the map-backed kinds (maps and queues)."""
+        """Del and DelAll of the map-backed kinds (maps and children)."""
         c = self.c
         m = f"{a.name}_"
         pk = self.param(a.key)
-        queue = a.kind == "queue"
         c(f"void {e.cls}::{a.name}Del({pk} key) {{")
         c(f"  auto entry = {m}.find(key);")
         c(f"  if (entry == {m}.end()) return;")
         c(f"  auto removed = {m}.extract(entry);")
-        if queue:
-            c(f"  Mox::queueHeadUpdate({m}, &{a.name}Metadata_);")
         c(f"  {self.notify(a, 'removed.key()')}")
         c("}")
         c()
         c(f"void {e.cls}::{a.name}DelAll() {{")
         c(f"  while (!{m}.empty()) {{")
         c(f"    auto removed = {m}.extract({m}.begin());")
-        if queue:
-            c(f"    Mox::queueHeadUpdate({m}, &{a.name}Metadata_);")
         c(f"    {self.notify(a, 'removed.key()')}")
         c("  }")
         c("}")
@@ -938,7 +938,8 @@ class Emitter:
         n = cap(a.name)
         h(f"  // A first-in first-out queue keyed by sequence numbers that grow by one per entry.")
         h(f"  {t} {a.name}(Mox::U32 sequence) const;")
-        h(f"  const std::map<Mox::U32, {t}>& {a.name}Coll() const {{ return {a.name}_; }}")
+        h(f"  // (sequence, entry) pairs, oldest first.")
+        h(f"  const Mox::QueueEntries<{t}>& {a.name}Coll() const {{ return {a.name}_; }}")
         h(f"  size_t {a.name}Size() const {{ return {a.name}_.size(); }}")
         h(f"  const {n}Metadata& {a.name}Metadata() const {{ return {a.name}Metadata_; }}")
         h(f"  // Appends the entry and returns its sequence.")
@@ -956,40 +957,61 @@ class Emitter:
         pv = self.param(a.type)
         m = f"{a.name}_"
         meta = f"{a.name}Metadata_"
+        head = f"Mox::queueHeadUpdate({m}, &{meta});"
         c(f"{t} {e.cls}::{a.name}(Mox::U32 sequence) const {{")
-        c(f"  auto entry = {m}.find(sequence);")
+        c(f"  auto entry = Mox::queueFind({m}, sequence);")
         c(f"  return entry == {m}.end() ? {t}() : entry->second;")
         c("}")
         c()
         c(f"Mox::U32 {e.cls}::{a.name}Enq({pv} value) {{")
         c(f"  const Mox::U32 key = {meta}.tail++;")
-        c("  // Sequences grow, so the entry goes last: no search down the tree.")
-        c(f"  {m}.emplace_hint({m}.end(), key, value);")
-        c(f"  Mox::queueHeadUpdate({m}, &{meta});")
+        c("  // Sequences grow, so the entry goes last.")
+        c(f"  {m}.emplace_back(key, value);")
+        c(f"  {head}")
         c(f"  {self.notify(a, 'key')}")
         c("  return key;")
         c("}")
         c()
         c(f"{t} {e.cls}::{a.name}Deq() {{")
         c(f"  if ({m}.empty()) return {t}();")
-        c(f"  auto removed = {m}.extract({m}.begin());")
-        c(f"  Mox::queueHeadUpdate({m}, &{meta});")
-        c(f"  {self.notify(a, 'removed.key()')}")
-        c("  return std::move(removed.mapped());")
+        c(f"  auto removed = std::move({m}.front());")
+        c(f"  {m}.pop_front();")
+        c(f"  {head}")
+        c(f"  {self.notify(a, 'removed.first')}")
+        c("  return std::move(removed.second);")
         c("}")
         c()
         c(f"void {e.cls}::{a.name}Is(Mox::U32 key, {pv} value) {{")
-        c(f"  auto [entry, added] = {m}.try_emplace(key, value);")
-        c("  if (!added) {")
+        c(f"  auto entry = Mox::queuePosition({m}, key);")
+        c(f"  if (entry != {m}.end() && entry->first == key) {{")
         c("    if (entry->second == value) return;")
         c("    entry->second = value;")
+        c("  } else {")
+        c(f"    {m}.emplace(entry, key, value);")
         c("  }")
         c(f"  if (key >= {meta}.tail) {meta}.tail = key + 1;")
-        c(f"  Mox::queueHeadUpdate({m}, &{meta});")
+        c(f"  {head}")
         c(f"  {self.notify(a, 'key')}")
         c("}")
         c()
-        self.define_del_all(e, a)
+        c(f"void {e.cls}::{a.name}Del(Mox::U32 key) {{")
+        c(f"  auto entry = Mox::queueFind({m}, key);")
+        c(f"  if (entry == {m}.end()) return;")
+        c("  auto removed = std::move(*entry);")
+        c(f"  {m}.erase(entry);")
+        c(f"  {head}")
+        c(f"  {self.notify(a, 'removed.first')}")
+        c("}")
+        c()
+        c(f"void {e.cls}::{a.name}DelAll() {{")
+        c(f"  while (!{m}.empty()) {{")
+        c(f"    auto removed = std::move({m}.front());")
+        c(f"    {m}.pop_front();")
+        c(f"    {head}")
+        c(f"    {self.notify(a, 'removed.first')}")
+        c("  }")
+        c("}")
+        c()
         self.define_notify(e, a, "Mox::U32 key", "key")
 
     def define_notify(self, e, a, parameter, key):

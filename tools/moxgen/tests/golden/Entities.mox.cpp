@@ -188,14 +188,14 @@ void Status::savedNotify(Mox::U16 index) const {
 }
 
 Values::Part Status::pending(Mox::U32 sequence) const {
-  auto entry = pending_.find(sequence);
+  auto entry = Mox::queueFind(pending_, sequence);
   return entry == pending_.end() ? Values::Part() : entry->second;
 }
 
 Mox::U32 Status::pendingEnq(const Values::Part& value) {
   const Mox::U32 key = pendingMetadata_.tail++;
-  // Sequences grow, so the entry goes last: no search down the tree.
-  pending_.emplace_hint(pending_.end(), key, value);
+  // Sequences grow, so the entry goes last.
+  pending_.emplace_back(key, value);
   Mox::queueHeadUpdate(pending_, &pendingMetadata_);
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(key); });
   return key;
@@ -203,17 +203,20 @@ Mox::U32 Status::pendingEnq(const Values::Part& value) {
 
 Values::Part Status::pendingDeq() {
   if (pending_.empty()) return Values::Part();
-  auto removed = pending_.extract(pending_.begin());
+  auto removed = std::move(pending_.front());
+  pending_.pop_front();
   Mox::queueHeadUpdate(pending_, &pendingMetadata_);
-  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(removed.key()); });
-  return std::move(removed.mapped());
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(removed.first); });
+  return std::move(removed.second);
 }
 
 void Status::pendingIs(Mox::U32 key, const Values::Part& value) {
-  auto [entry, added] = pending_.try_emplace(key, value);
-  if (!added) {
+  auto entry = Mox::queuePosition(pending_, key);
+  if (entry != pending_.end() && entry->first == key) {
     if (entry->second == value) return;
     entry->second = value;
+  } else {
+    pending_.emplace(entry, key, value);
   }
   if (key >= pendingMetadata_.tail) pendingMetadata_.tail = key + 1;
   Mox::queueHeadUpdate(pending_, &pendingMetadata_);
@@ -221,18 +224,20 @@ void Status::pendingIs(Mox::U32 key, const Values::Part& value) {
 }
 
 void Status::pendingDel(Mox::U32 key) {
-  auto entry = pending_.find(key);
+  auto entry = Mox::queueFind(pending_, key);
   if (entry == pending_.end()) return;
-  auto removed = pending_.extract(entry);
+  auto removed = std::move(*entry);
+  pending_.erase(entry);
   Mox::queueHeadUpdate(pending_, &pendingMetadata_);
-  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(removed.key()); });
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(removed.first); });
 }
 
 void Status::pendingDelAll() {
   while (!pending_.empty()) {
-    auto removed = pending_.extract(pending_.begin());
+    auto removed = std::move(pending_.front());
+    pending_.pop_front();
     Mox::queueHeadUpdate(pending_, &pendingMetadata_);
-    notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(removed.key()); });
+    notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(removed.first); });
   }
 }
 
@@ -335,7 +340,7 @@ Machine* MachineBase::Notifiee::notifier() const {
   return static_cast<Machine*>(const_cast<Mox::Entity*>(notifierBase()));
 }
 
-void MachineBase::Notifiee::notifierIs(Machine* notifier) { notifierBaseIs(notifier); }
+void MachineBase::Notifiee::notifierIs(Machine* notifier) { notifierBaseIs(notifier, kLevel); }
 
 void MachineBase::stateIs(MachineBase::State state) {
   if (state_ == state) return;

@@ -21,11 +21,14 @@ class Leaf : public Mox::Entity {
 // Watches one Leaf; each hook runs after a real change of its attribute.
 class Leaf::Notifiee : public Mox::Entity::NotifieeBase {
  public:
+  // Deeper than the base's: Leaf hooks reach only notifiees attached by notifierIs.
+  static constexpr Mox::U8 kLevel = Mox::Entity::NotifieeBase::kLevel + 1;
+
   Leaf* notifier() const {
     return static_cast<Leaf*>(const_cast<Mox::Entity*>(notifierBase()));
   }
   // Starts watching `notifier` (nullptr: none), leaving the one watched before.
-  void notifierIs(Leaf* notifier) { notifierBaseIs(notifier); }
+  void notifierIs(Leaf* notifier) { notifierBaseIs(notifier, kLevel); }
 
  protected:
   Notifiee() = default;
@@ -95,7 +98,8 @@ class Status : public Mox::Entity {
 
   // A first-in first-out queue keyed by sequence numbers that grow by one per entry.
   Values::Part pending(Mox::U32 sequence) const;
-  const std::map<Mox::U32, Values::Part>& pendingColl() const { return pending_; }
+  // (sequence, entry) pairs, oldest first.
+  const Mox::QueueEntries<Values::Part>& pendingColl() const { return pending_; }
   size_t pendingSize() const { return pending_.size(); }
   const PendingMetadata& pendingMetadata() const { return pendingMetadata_; }
   // Appends the entry and returns its sequence.
@@ -130,7 +134,7 @@ class Status : public Mox::Entity {
   std::map<Values::Key, Values::Part> part_;
   std::map<Mox::U32, bool> flag_;
   std::vector<Mox::Ptr<Status>> saved_;
-  std::map<Mox::U32, Values::Part> pending_;
+  Mox::QueueEntries<Values::Part> pending_;
   PendingMetadata pendingMetadata_;
   std::map<Mox::Name, Mox::Ptr<Leaf>> leaf_;
 };
@@ -138,11 +142,14 @@ class Status : public Mox::Entity {
 // Watches one Status; each hook runs after a real change of its attribute.
 class Status::Notifiee : public Mox::Entity::NotifieeBase {
  public:
+  // Deeper than the base's: Status hooks reach only notifiees attached by notifierIs.
+  static constexpr Mox::U8 kLevel = Mox::Entity::NotifieeBase::kLevel + 1;
+
   Status* notifier() const {
     return static_cast<Status*>(const_cast<Mox::Entity*>(notifierBase()));
   }
   // Starts watching `notifier` (nullptr: none), leaving the one watched before.
-  void notifierIs(Status* notifier) { notifierBaseIs(notifier); }
+  void notifierIs(Status* notifier) { notifierBaseIs(notifier, kLevel); }
 
   virtual void onReadable() {}
   virtual void onReason() {}
@@ -183,11 +190,14 @@ class Child : public Status {
 // Watches one Child; each hook runs after a real change of its attribute.
 class Child::Notifiee : public Status::Notifiee {
  public:
+  // Deeper than the base's: Child hooks reach only notifiees attached by notifierIs.
+  static constexpr Mox::U8 kLevel = Status::Notifiee::kLevel + 1;
+
   Child* notifier() const {
     return static_cast<Child*>(const_cast<Mox::Entity*>(notifierBase()));
   }
   // Starts watching `notifier` (nullptr: none), leaving the one watched before.
-  void notifierIs(Child* notifier) { notifierBaseIs(notifier); }
+  void notifierIs(Child* notifier) { notifierBaseIs(notifier, kLevel); }
 
   virtual void onExtra() {}
 
@@ -213,11 +223,14 @@ class Bare : public Status {
 // Watches one Bare; each hook runs after a real change of its attribute.
 class Bare::Notifiee : public Status::Notifiee {
  public:
+  // Deeper than the base's: Bare hooks reach only notifiees attached by notifierIs.
+  static constexpr Mox::U8 kLevel = Status::Notifiee::kLevel + 1;
+
   Bare* notifier() const {
     return static_cast<Bare*>(const_cast<Mox::Entity*>(notifierBase()));
   }
   // Starts watching `notifier` (nullptr: none), leaving the one watched before.
-  void notifierIs(Bare* notifier) { notifierBaseIs(notifier); }
+  void notifierIs(Bare* notifier) { notifierBaseIs(notifier, kLevel); }
 
  protected:
   Notifiee() = default;
@@ -269,6 +282,9 @@ class MachineBase : public Status {
 // Watches one Machine; each hook runs after a real change of its attribute.
 class MachineBase::Notifiee : public Status::Notifiee {
  public:
+  // Deeper than the base's: Machine hooks reach only notifiees attached by notifierIs.
+  static constexpr Mox::U8 kLevel = Status::Notifiee::kLevel + 1;
+
   Machine* notifier() const;
   // Starts watching `notifier` (nullptr: none), leaving the one watched before.
   void notifierIs(Machine* notifier);
