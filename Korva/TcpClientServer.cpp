@@ -374,8 +374,13 @@ void TcpServerSm::handleAccept() {
     return;
   }
   const TcpConnSocket conn = socketAccepted(accepted, af());
+  if (!conn.fd()) {
+    // The peer left before it could be described (reset at once): its loss alone.
+    MOX_TRACE(trace, 1, "Accepted connection gone: " << errorText(errno));
+    return;
+  }
   MOX_TRACE(trace, 3, "Accepted from " << conn.dstIpAddr() << " port " << conn.dstPort().value());
-  if (!conn.fd() || applySocketOptions(accepted->descriptor()) != 0) {
+  if (applySocketOptions(accepted->descriptor()) != 0) {
     // Not queued: the connection closes with its TcpFd here.
     handleServerError("Setsockopt", errorText(errno));
     if (restartOnSetSockOptError_) restartListener();
