@@ -567,11 +567,7 @@ void UdpPamDtlsSession::doSslControl() {
     retransmission_->minimumTimeIs(Mox::kNever);
     stateIs(State::connected);
     const Mox::Ptr<UdpPamDtlsSession> self(this);
-    if (const Mox::Ptr<Pkt> parked = txPktHolder()) {
-      MOX_TRACE(trace, 5, "UdpPamDtlsSession::doSslControl txPktHolder is set");
-      txPktHolderDel();
-      sslWrite(*parked);
-    }
+    writeParked();
     // Records may have come in the same datagrams as the handshake's last flight.
     if (mode() == Mode::enabled) owner_->sessionReadable(this);
     return;
@@ -604,6 +600,8 @@ void UdpPamDtlsSession::txPktIs(const Mox::Ptr<Pkt>& pkt) {
     return;
   }
   if (state() == State::connected) {
+    // A watcher of the state change may send before the parked packet went: it goes first.
+    writeParked();
     sslWrite(*pkt);
     return;
   }
@@ -611,6 +609,14 @@ void UdpPamDtlsSession::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   // One packet waits; a newer one takes its place.
   if (txPktHolder()) owner_->txDropsInc(1);
   txPktHolderIs(pkt);
+}
+
+void UdpPamDtlsSession::writeParked() {
+  const Mox::Ptr<Pkt> parked = txPktHolder();
+  if (!parked) return;
+  MOX_TRACE(trace, 5, "UdpPamDtlsSession::doSslControl txPktHolder is set");
+  txPktHolderDel();
+  sslWrite(*parked);
 }
 
 void UdpPamDtlsSession::sslWrite(const Pkt& pkt) {

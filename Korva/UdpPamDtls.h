@@ -194,6 +194,8 @@ class UdpPamDtlsSession : public UdpPamDtlsSessionBase {
   // Drives the handshake one step.
   void doSslControl();
   void sslWrite(const Pkt& pkt);
+  // Writes the packet parked during the handshake, if any.
+  void writeParked();
   // Resends the last flight when OpenSSL's retransmission timer ran out.
   class MoxRetransmission : public Mox::Clock::Notifiee {
    public:

@@ -219,12 +219,8 @@ TEST(Ip6PrefixOrder, MoreSpecificFirst) {
 // --- hash ---
 
 TEST(Ip6AddrHash, ChainedMixOverHostWords) {
-  using KorvaTest::referenceMix;
-  const Ip6Addr a = ip6("2001:db8::ff00:42:8329");
-  EXPECT_EQ(a.hash(),
-            referenceMix(referenceMix(referenceMix(referenceMix(0x20010db8) ^ 0) ^ 0x0000ff00) ^
-                         0x00428329));
-  EXPECT_EQ(a.hash(), 0x13500e91u);  // worked out apart from the library
+  EXPECT_EQ(ip6("2001:db8::ff00:42:8329").hash(),
+            0x13500e91u);  // worked out apart from the library
 }
 
 TEST(Ip6AddrWithFullMaskHash, Murmur3OverTheTwoHashes) {
@@ -307,6 +303,7 @@ TEST(Ip6PrefixPredicates, ContainsValidOverlaps) {
   EXPECT_FALSE(p.contains(ip6("2001:db9::")));
   EXPECT_TRUE(Ip6Prefix("::/0").contains(ip6("ffff::")));
   EXPECT_TRUE(Ip6Prefix("2001:db8::/31").contains(ip6("2001:db9::")));
+  EXPECT_TRUE(Ip6Prefix("2001:db8::1/128").contains(ip6("2001:db8::1")));
   EXPECT_FALSE(Ip6Prefix::nullPrefix().contains(Ip6Addr()));
   EXPECT_TRUE(Ip6Prefix::nullPrefix().validAsPrefix());
   EXPECT_FALSE(Ip6AddrWithMask(Ip6Addr(), Ip6Prefix::nullPrefixLen).validAsPrefix());

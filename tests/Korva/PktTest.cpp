@@ -66,13 +66,13 @@ TEST(PktHeadRoom, OutgrowingHeadRoomMovesDataOnceToTheEndOfABiggerBlock) {
   grown->newSharedHeadData(1536 - 7);  // exactly fills the head room: no move
   std::memset(grown->frontData(), 'h', 1536 - 7);
   const Pkt::SharedBuffer* before = grown->sharedBuffer().get();
-  U8* front = grown->newSharedHeadData(10);
+  U8* front = grown->newSharedHeadData(1);  // one byte more than the head room
   EXPECT_NE(grown->sharedBuffer().get(), before);
   const Pkt::SharedBuffer& buffer = *grown->sharedBuffer();
-  EXPECT_EQ(buffer.size(), 1546u);
+  EXPECT_EQ(buffer.size(), 1537u);
   EXPECT_EQ(buffer.tailRoom(), 0u);
   EXPECT_EQ(front, buffer.buffer());
-  EXPECT_EQ(grown->stringValue().substr(10), std::string(1529, 'h') + "payload");
+  EXPECT_EQ(grown->stringValue().substr(1), std::string(1529, 'h') + "payload");
 
   Mox::Ptr<Pkt::Manager> jumbo(new Pkt::Manager("jumbo"));
   jumbo->bufferSizeIs(9216);
@@ -204,6 +204,8 @@ TEST(PktDeathTest, Assertions) {
   EXPECT_DEATH(pkt->rawByteIs(4, 1), "Assertion \"0\" failed");
   EXPECT_DEATH(pkt->delSharedHeadData(5), "ptrWithinRegion\\( data_, buffer_");
   EXPECT_DEATH(pkt->sharedBuffer()->newTailData(1), "ptrWithinRegion\\( data_ \\+ dataBytes_");
+  // The count wraps to 4294967295; the check must not wrap with it on 32-bit pointers.
+  EXPECT_DEATH(pkt->delSharedTailData(5), "ptrWithinRegion\\( data_ \\+ dataBytes_");
   EXPECT_DEATH(pkt->sharedBufferIs(Korva::globalPktManager()->newSharedBuffer()),
                "Assertion \"firstIoVec_ == maxIovecs_\" failed");
 

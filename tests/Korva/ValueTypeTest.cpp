@@ -19,19 +19,17 @@
 namespace {
 
 using Korva::U32;
-using KorvaTest::referenceMix;
 
-TEST(ValueHashMix, MatchesWangHashEverywhere) {
-  for (U32 w : {0u, 1u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
-    EXPECT_EQ(Korva::valueHashMix(w), referenceMix(w)) << w;
-  }
-  std::mt19937 random(2024);
-  for (int i = 0; i < 100000; ++i) {
-    const U32 w = random();
-    ASSERT_EQ(Korva::valueHashMix(w), referenceMix(w)) << w;
-  }
+// Known values of Thomas Wang's mix, worked out apart from the library.
+TEST(ValueHashMix, KnownValues) {
+  const std::pair<U32, U32> cases[] = {{0, 0xcaa3caa3u},
+                                       {1, 0x12d60bf6u},
+                                       {0x7fffffff, 0x7827b96au},
+                                       {0x80000000, 0x6551e551u},
+                                       {0xffffffff, 0xbd55fc18u}};
+  for (const auto& [w, mixed] : cases) EXPECT_EQ(Korva::valueHashMix(w), mixed) << w;
   constexpr U32 atCompileTime = Korva::valueHashMix(0x0a000001u);
-  EXPECT_EQ(atCompileTime, referenceMix(0x0a000001u));
+  EXPECT_EQ(atCompileTime, 0x51590679u);
 }
 
 struct MurmurVector {

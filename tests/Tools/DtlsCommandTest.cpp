@@ -1,12 +1,23 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "Korva/DtlsTestUtil.h"
 
 namespace {
 
 const std::string kKorva = std::string(KORVA_BINARY_DIR) + "/korva";
+
+std::vector<std::string> sortedLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
 
 class DtlsCommandTest : public DtlsTest::Fixture {
  protected:
@@ -30,7 +41,10 @@ TEST_F(DtlsCommandTest, ServeEchoesEachLineConnectSends) {
     client.send("first line\nsecond line\nlast, unterminated");
     client.closeInput();
     EXPECT_EQ(client.exitStatus(), 0);
-    EXPECT_EQ(client.drained(), "first line\nsecond line\nlast, unterminated\n");
+    // Records are datagrams: DTLS delivers each once but promises no order (OpenSSL hands
+    // out a record that arrived during the server's last handshake step after later ones).
+    EXPECT_EQ(sortedLines(client.drained()),
+              (std::vector<std::string>{"first line", "last, unterminated", "second line"}));
     EXPECT_TRUE(server.prints(": last, unterminated")) << server.drained();
   }
 }
