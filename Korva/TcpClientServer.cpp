@@ -508,7 +508,11 @@ bool TcpClientSm::openAndConnect() {
 }
 
 void TcpClientSm::handleConnect() {
-  if (!initialized() || !fd()) return;
+  // Once connected, the socket's writability belongs to whoever carries the connection.
+  if (!initialized() || !fd() ||
+      status_->connectionStatus() != TcpClientStatus::ConnectionStatus::connecting) {
+    return;
+  }
   int soError = 0;
   if (getSocketOptionInteger(fd()->descriptor(), SOL_SOCKET, SO_ERROR, &soError) != 0) {
     handleClientError("Getsockopt", errorText(errno));

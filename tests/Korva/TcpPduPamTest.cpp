@@ -196,6 +196,7 @@ TEST_P(TcpPduPamTest, PartialWritesKeepOnlyTheRestAndDeliverEveryByteOnce) {
   EXPECT_TRUE(sender->writable());
   EXPECT_EQ(sender->txErrors(), 0u);
   EXPECT_EQ(receiver->rxErrors(), 0u);
+  EXPECT_EQ(client.status->connectionSuccessCount(), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Triggering, TcpPduPamTest, ::testing::Bool(),
