@@ -292,6 +292,8 @@ void TcpPduPam::handleWriteError() {
   MOX_TRACE(trace, 1, name() << ": write error: " << txErrorReason());
   writableIs(false);
   txErrorsInc();
+  // A failed socket stays writable to the kernel: a watch would report it every turn.
+  fd()->notifyOnWritableIs(false);
 }
 
 void TcpPduPam::sendPkt(const Mox::Ptr<Pkt>& pkt) {

@@ -234,6 +234,25 @@ TEST(TcpPduPam, KeepaliveIsSetInOrderAndReadsBack) {
   close(pair[1]);
 }
 
+TEST(TcpPduPam, ASendThatFailsIsCountedOnceAndTheWriteWatchStops) {
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  Ptr<Korva::TcpFd> fd = Korva::tcpFdFactory("pair");
+  fd->descriptorIs(pair[0]);
+  Ptr<SimpleTcpPduPam> pam = Korva::simpleTcpPduPamFactory(fd);
+  pam->enabledIs(true);
+  for (int sent = 0; pam->writable() && sent < 1000; ++sent) pam->txPktIs(packetOf(pdu(9600, 'w')));
+  ASSERT_TRUE(pam->txPktHolderShadow());
+  close(pair[1]);
+  ASSERT_TRUE(runUntilBounded([&] { return pam->txErrors() > 0; }, 5.0));
+  EXPECT_EQ(pam->txErrorReason(), std::string("Send failed with ") + strerror(EPIPE));
+  EXPECT_FALSE(pam->writable());
+  // A socket that failed stays writable to the kernel: watching it would spin.
+  EXPECT_FALSE(fd->notifyOnWritable());
+  runUntilBounded([] { return false; }, 0.05, 50);
+  EXPECT_EQ(pam->txErrors(), 1u);
+}
+
 TEST(TcpPduPamDeathTest, SendingWhileNotWritableAndReadingUnframedAbort) {
   int pair[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
