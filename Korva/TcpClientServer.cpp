@@ -44,9 +44,9 @@ const char* errorText(int error) {
 
 // --- socket functions ---
 
-int setSockOptTxTtl(AddressFamily af, int fd, bool enabled, U8 ttl) {
+int setSockOptTxTtl(AddressFamily af, int fd, bool enabled, IpTtl ttl) {
   return setFamilyOption(af, fd, {IPPROTO_IP, IP_TTL}, {IPPROTO_IPV6, IPV6_UNICAST_HOPS},
-                         enabled ? int(ttl) : -1, enabled);
+                         enabled ? int(ttl.value()) : -1, enabled);
 }
 
 int setSockOptTxDs(AddressFamily af, int fd, bool enabled, IpDscp dscp) {
@@ -55,9 +55,9 @@ int setSockOptTxDs(AddressFamily af, int fd, bool enabled, IpDscp dscp) {
                          enabled ? int(dscp.value()) : 0, false);
 }
 
-int setSockOptRxMinTtl(AddressFamily af, int fd, bool enabled, U8 ttl) {
+int setSockOptRxMinTtl(AddressFamily af, int fd, bool enabled, IpTtl ttl) {
   return setFamilyOption(af, fd, {IPPROTO_IP, IP_MINTTL}, {IPPROTO_IPV6, IPV6_MINHOPCOUNT},
-                         enabled ? int(ttl) : 0, enabled);
+                         enabled ? int(ttl.value()) : 0, enabled);
 }
 
 int setSockMd5AuthOption(int fd, const IpGenAddrWithMask& addrWithMask, const Mox::String8& key) {
@@ -170,9 +170,8 @@ int TcpSmBase::applySocketOptions(int fd) {
   const TcpSocketOptions options = config.options();
   const AddressFamily family = af();
   if (options.optionTxTtl()) {
-    MOX_TRACE(
-        trace, 5,
-        "Set TxTtl: af=" << family << " enabled=" << true << " txTtl=" << unsigned(config.txTtl()));
+    MOX_TRACE(trace, 5,
+              "Set TxTtl: af=" << family << " enabled=" << true << " txTtl=" << config.txTtl());
     if (const int result = setSockOptTxTtl(family, fd, true, config.txTtl())) {
       MOX_TRACE(trace, 0, "TxTtl error: af=" << family);
       return result;
@@ -188,9 +187,9 @@ int TcpSmBase::applySocketOptions(int fd) {
     }
   }
   if (options.optionRxMinTtl()) {
-    MOX_TRACE(trace, 5,
-              "Set RxMinTtl: af=" << family << " enabled=" << true
-                                  << " rxMinTtl=" << unsigned(config.rxMinTtl()));
+    MOX_TRACE(
+        trace, 5,
+        "Set RxMinTtl: af=" << family << " enabled=" << true << " rxMinTtl=" << config.rxMinTtl());
     if (const int result = setSockOptRxMinTtl(family, fd, true, config.rxMinTtl())) {
       MOX_TRACE(trace, 0, "RxMinTtl error: af=" << family);
       return result;

@@ -48,11 +48,11 @@ class TcpClientStatus : public TcpClientStatusBase {
 // Socket options of the machines. Each returns 0, or what the failing call returned with
 // errno set; an address family other than IPv4 or IPv6 aborts.
 // TTL (hop limit) of sent packets; the kernel's default when not enabled.
-int setSockOptTxTtl(AddressFamily af, int fd, bool enabled, U8 ttl);
+int setSockOptTxTtl(AddressFamily af, int fd, bool enabled, IpTtl ttl);
 // Traffic-class byte of sent packets; 0 when not enabled.
 int setSockOptTxDs(AddressFamily af, int fd, bool enabled, IpDscp dscp);
 // Least TTL (hop limit) a received packet must have; 0 (none) when not enabled.
-int setSockOptRxMinTtl(AddressFamily af, int fd, bool enabled, U8 ttl);
+int setSockOptRxMinTtl(AddressFamily af, int fd, bool enabled, IpTtl ttl);
 // TCP-MD5 key for the peers of `addrWithMask`; an empty key deletes it.
 int setSockMd5AuthOption(int fd, const IpGenAddrWithMask& addrWithMask, const Mox::String8& key);
 // The connection on `fd` from its two ends; no fd (errno set) when they cannot be read.

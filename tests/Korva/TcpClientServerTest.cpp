@@ -51,7 +51,8 @@ TEST(TcpValues, SocketOptionsAndConnectionsReadBackTheirTextForms) {
 TEST(TcpDeathTest, ContractViolationsAbortWithTheirConditions) {
   Korva::SockAddr sa;
   EXPECT_DEATH(Korva::constructSockAddr(&sa.base, IpGenAddr()), "0 && \"Invalid address cstring\"");
-  EXPECT_DEATH(Korva::setSockOptTxTtl(AddressFamily::ipunknown, 0, true, 1), "0 && \"Unknown af\"");
+  EXPECT_DEATH(Korva::setSockOptTxTtl(AddressFamily::ipunknown, 0, true, Korva::IpTtl(1)),
+               "0 && \"Unknown af\"");
   EXPECT_DEATH(
       Korva::setSockMd5AuthOption(0, IpGenAddrWithMask("10.0.0.1/32"), std::string(80, 'k')),
       "key.bytes\\(\\) < 80");
@@ -293,13 +294,13 @@ TEST_F(TcpVethV4Test, Md5KeysAndMinimumTtlDecideWhoConnects) {
 
 TEST_F(TcpVethV4Test, AMinimumTtlOf255RefusesPeersOneHopAway) {
   Server server = newServer(7403);
-  server.config->rxMinTtlIs(255);
+  server.config->rxMinTtlIs(Korva::IpTtl(255));
   server.config->optionsIs(TcpSocketOptions(0x4));
   ASSERT_TRUE(server.sm->startListener());
   for (Mox::U8 ttl : {254, 255}) {
     const long before = tcpExtCounter(left(), "TCPMinTTLDrop");
     Client client = newClient(7403);
-    client.config->txTtlIs(ttl);
+    client.config->txTtlIs(Korva::IpTtl(ttl));
     client.config->optionsIs(TcpSocketOptions(0x1));
     client.sm->startConnection();
     if (ttl == 254) {
