@@ -190,7 +190,10 @@ TcpPduPamReadReturn TcpPduPam::readFromSocket() {
   if (received == 0) return readError("Connection closed by peer");
   if (received < 0) {
     const int error = errno;
-    if (error == EAGAIN || error == EINTR) return TcpPduPamReadReturn(Result::waitForMoreData, "");
+    if (error == EAGAIN) return TcpPduPamReadReturn(Result::waitForMoreData, "");
+    // Interrupted before any byte: the bytes are still there, and an edge-triggered
+    // watch would not report them again.
+    if (error == EINTR) return TcpPduPamReadReturn(Result::readMoreData, "");
     return readError("Recv failed with", error);
   }
   MOX_TRACE(trace, 9,
