@@ -205,7 +205,7 @@ int TcpSmBase::applySocketOptions(int fd) {
       }
     }
   }
-  lastOptionsApplied_ = options;
+  lastOptionsAppliedIs(options);
   return 0;
 }
 
@@ -226,7 +226,7 @@ void TcpSmBase::dropSocket() {
   fdReactor_.notifierIs(nullptr);
   fd_->enabledIs(false);
   fd_ = nullptr;
-  lastOptionsApplied_ = TcpSocketOptions();
+  lastOptionsAppliedIs(TcpSocketOptions());
 }
 
 void TcpSmBase::handleSocketOptions() {

@@ -70,52 +70,64 @@ class TcpSmBase : public Mox::PtrInterface {
   U32 retryTimes() const noexcept { return retryTimes_; }
   bool initialized() const noexcept { return initialized_; }
   TcpSocketOptions lastOptionsApplied() const noexcept { return lastOptionsApplied_; }
-  // Absolute expiry times; Mox::kNever when stopped.
-  double retryTimerExpireTime() const noexcept { return retryTimer_.expiry(); }
-  double timeoutTimerExpireTime() const noexcept { return timeoutTimer_.expiry(); }
   // The machine's socket (listening, connecting or connected) and its watched descriptor;
   // none between attempts.
   const Mox::Ptr<TcpFd>& fd() const noexcept { return fd_; }
   Mox::Ptr<Mox::FileDescriptor> fileDesc() const { return fd_ ? fd_->fileDesc() : nullptr; }
-  // The family of the configured address.
-  virtual AddressFamily af() const = 0;
-  virtual std::string formatDerivedType() const;
 
   // Sets every option switched on in `options` on `fd`: 0, or the first failing result.
   int applySocketOptions(int fd);
 
+  // The virtual operations come in this order (classes derived by owners rely on it), so
+  // the access changes as it goes.
  protected:
-  TcpSmBase(Mox::Ptr<Pylon::TimerWheel> timerWheel, TcpConfigBase* config);
-
   virtual void handleRetry();
-  virtual void handleTimeout();
-  virtual void handleInitialized();
   virtual void stopRetryTimerImpl();
   virtual void restartRetryTimerImpl(U32 interval);
+
+ public:
+  // Absolute expiry times; Mox::kNever when stopped.
+  virtual double retryTimerExpireTime() const noexcept { return retryTimer_.expiry(); }
+
+ protected:
+  virtual void handleTimeout();
   virtual void stopTimeoutTimerImpl();
   virtual void startTimeoutTimerImpl();
-  // The overall timeout runs from the first attempt: armed only when not running.
-  void startTimeoutTimer();
-  void stopTimers();
+
+ public:
+  virtual double timeoutTimerExpireTime() const noexcept { return timeoutTimer_.expiry(); }
+  virtual std::string formatDerivedType() const;
+  // The family of the configured address.
+  virtual AddressFamily af() const = 0;
+
+ protected:
+  virtual void handleInitialized();
   // Re-applies the options to the live socket.
   virtual void handleSocketOptions();
   // Sets or clears the key of one prefix on the live socket.
   virtual void handleSocketMd5AuthOption(const IpGenAddrWithMask& prefix);
-  // The socket options apply to now; none (-1) without one.
-  int liveDescriptor() const noexcept { return fd_ ? fd_->descriptor() : -1; }
+  virtual void retryTimesInc() noexcept { ++retryTimes_; }
+  virtual void retryTimesIs(U32 times) noexcept { retryTimes_ = times; }
+  virtual void initializedIs(bool initialized) noexcept { initialized_ = initialized; }
+  virtual void lastOptionsAppliedIs(TcpSocketOptions options) noexcept {
+    lastOptionsApplied_ = options;
+  }
   // Readiness of the socket.
   virtual void handleReadable() {}
   virtual void handleWritable() {}
+
+  TcpSmBase(Mox::Ptr<Pylon::TimerWheel> timerWheel, TcpConfigBase* config);
+
+  // The overall timeout runs from the first attempt: armed only when not running.
+  void startTimeoutTimer();
+  void stopTimers();
+  // The socket options apply to now; none (-1) without one.
+  int liveDescriptor() const noexcept { return fd_ ? fd_->descriptor() : -1; }
   void fdIs(Mox::Ptr<TcpFd> fd) { fd_ = std::move(fd); }
   // Watches the socket for the machine; the errno of a failed watch, else 0.
   int watchSocket(bool readable, bool writable);
   // Stops watching and lets the socket go.
   void dropSocket();
-
-  void retryTimesInc() noexcept { ++retryTimes_; }
-  void retryTimesIs(U32 times) noexcept { retryTimes_ = times; }
-  void initializedIs(bool initialized) noexcept { initialized_ = initialized; }
-  void lastOptionsAppliedIs(TcpSocketOptions options) noexcept { lastOptionsApplied_ = options; }
 
  private:
   class RetryTimer : public Pylon::TimerWheel::Timer {
@@ -186,13 +198,13 @@ class TcpServerSm : public TcpSmBase {
   const Mox::Ptr<TcpServerConfig>& tcpServerConfig() const noexcept { return config_; }
   const Mox::Ptr<TcpServerStatus>& tcpServerStatus() const noexcept { return status_; }
   bool restartOnAcceptError() const noexcept { return restartOnAcceptError_; }
-  void restartOnAcceptErrorIs(bool on) noexcept { restartOnAcceptError_ = on; }
+  virtual void restartOnAcceptErrorIs(bool on) noexcept { restartOnAcceptError_ = on; }
   bool restartOnSetSockOptError() const noexcept { return restartOnSetSockOptError_; }
-  void restartOnSetSockOptErrorIs(bool on) noexcept { restartOnSetSockOptError_ = on; }
+  virtual void restartOnSetSockOptErrorIs(bool on) noexcept { restartOnSetSockOptError_ = on; }
   U32 backlog() const noexcept { return backlog_; }
-  void backlogIs(U32 backlog) noexcept { backlog_ = backlog; }
+  virtual void backlogIs(U32 backlog) noexcept { backlog_ = backlog; }
   bool v6Only() const noexcept { return v6Only_; }
-  void v6OnlyIs(bool on) noexcept { v6Only_ = on; }
+  virtual void v6OnlyIs(bool on) noexcept { v6Only_ = on; }
 
   AddressFamily af() const override { return config_->listenIpAddr().af(); }
   std::string formatDerivedType() const override;

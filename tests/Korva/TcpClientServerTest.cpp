@@ -48,6 +48,21 @@ TEST(TcpValues, SocketOptionsAndConnectionsReadBackTheirTextForms) {
   EXPECT_EQ(read.fd(), fd) << "a failed parse changes nothing";
 }
 
+// A machine that implements none of the hooks: each is the base's assertion.
+struct HooklessSm : Korva::TcpSmBase {
+  HooklessSm(const Ptr<Pylon::TimerWheel>& wheel, Korva::TcpConfigBase* config)
+      : TcpSmBase(wheel, config) {}
+  AddressFamily af() const override { return AddressFamily::ipv4; }
+  using TcpSmBase::handleInitialized;
+  using TcpSmBase::handleRetry;
+  using TcpSmBase::handleTimeout;
+};
+
+struct ExposedClientSm : Korva::TcpClientSm {
+  using TcpClientSm::restartRetryTimer;
+  using TcpClientSm::TcpClientSm;
+};
+
 TEST(TcpDeathTest, ContractViolationsAbortWithTheirConditions) {
   Korva::SockAddr sa;
   EXPECT_DEATH(Korva::constructSockAddr(&sa.base, IpGenAddr()), "0 && \"Invalid address cstring\"");
@@ -62,6 +77,21 @@ TEST(TcpDeathTest, ContractViolationsAbortWithTheirConditions) {
   client.config->md5AuthIs(IpGenAddrWithMask("127.0.0.1/32"), "");
   EXPECT_DEATH(client.sm->applySocketOptions(socket(AF_INET, SOCK_STREAM, 0)),
                "\"\" != md5AuthOptionKey");
+
+  HooklessSm hookless(wheel, client.config.get());
+  EXPECT_DEATH(hookless.handleRetry(), "0 && \"Need to implement handleRetry in derived class\"");
+  EXPECT_DEATH(hookless.handleTimeout(),
+               "0 && \"Need to implement handleTimeout in derived class\"");
+  EXPECT_DEATH(hookless.handleInitialized(),
+               "0 && \"Need to implement handleInitialized in derived class\"");
+  EXPECT_DEATH(hookless.formatDerivedType(), "false && \"must be implemented by derived type\"");
+  // Only a failed or a connecting client has an interval to wait.
+  auto exposed = Mox::make<ExposedClientSm>(wheel, 2, client.config, client.status);
+  client.status->connectionStatusIs(ConnectionStatus::connected);
+  EXPECT_DEATH(exposed->restartRetryTimer(),
+               "tcpClientStatus\\(\\)->connectionStatus\\(\\) == "
+               "TcpClientStatus::ConnectionStatus::connecting_");
+  EXPECT_DEATH(Korva::simpleTcpPduPamFactory(Korva::tcpFdFactory("none"))->getPduSize(), "\"pkt\"");
 }
 
 // Machines in one throwaway namespace, on virtual time: every interval is exact.
