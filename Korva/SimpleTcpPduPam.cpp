@@ -10,9 +10,10 @@ Mox::Ptr<SimpleTcpPduPam> simpleTcpPduPamFactory(const Mox::Ptr<TcpFd>& fd) {
 U16 SimpleTcpPduPam::getPduSize() {
   const Mox::Ptr<Pkt>& pkt = rxPktHolderShadow();
   MOX_ASSERT(pkt);
-  // Received PDUs sit in one piece: the front is all of it.
-  if (pkt->frontBytes() < kHeaderBytes) return kHeaderBytes;
-  const U8* header = pkt->frontData();
+  // Received PDUs sit in one piece of the shared buffer: its data is all of it.
+  const Pkt::SharedBuffer& buffer = *pkt->sharedBuffer();
+  if (buffer.dataBytes() < kHeaderBytes) return kHeaderBytes;
+  const U8* header = buffer.data();
   return U16(header[2] << 8 | header[3]);
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <span>
 
 namespace Korva {
@@ -23,6 +24,12 @@ using Result = TcpPduPamReadReturn::Result;
 // PDUs a level-triggered reader delivers per readiness report before it lets the loop
 // serve others; an edge-triggered one reads until the socket is empty, as it must.
 constexpr int kPdusPerTurn = 64;
+
+TcpPduPamReadReturn readResult(Result result) {
+  TcpPduPamReadReturn read;
+  read.resultIs(result);
+  return read;
+}
 
 TcpPduPamReadReturn readError(const char* reason) {
   return TcpPduPamReadReturn(Result::error, reason);
@@ -114,6 +121,7 @@ void TcpPduPam::stopReactor() {
   txIovHolderShadow_.clear();
   txIovShadowBytes_.clear();
   rxPktHolderShadowDel();
+  lastRxBuffer_ = nullptr;
   rxRemainingLengthDel();
   txRemainingLengthDel();
   readableIs(false);
@@ -157,16 +165,32 @@ U16 TcpPduPam::getPduSize() {
 Mox::Ptr<Pkt> TcpPduPam::newRxPkt() {
   Pkt::Manager* manager = globalPktManager();
   const U32 capacity = maxPduLength();
-  // A packet with a default buffer when that is big enough; otherwise one buffer of the
-  // right size, and no default one made just to be dropped.
-  Mox::Ptr<Pkt> pkt = manager->bufferSize() >= capacity ? manager->newPkt() : new Pkt;
-  if (!pkt) return nullptr;
-  if (pkt->maxSharedData() < capacity) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
+  Mox::Ptr<Pkt> pkt;
+  try {
+    pkt = new Pkt;
+    pkt->sharedBufferIs(reusableRxBuffer(capacity));
+    if (!pkt->sharedBuffer()) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
   MOX_ASSERT_TEXT(pkt->maxSharedData() >= maxPduLength(), "pkt->maxSharedData() >= maxPduLength()");
   // Room for the whole PDU after the (empty) data, so it is read in place.
   pkt->newSharedHeadData(capacity);
   pkt->delSharedTailData(capacity);
   return pkt;
+}
+
+// The packet manager recycles only buffers of its default size, and a PDU buffer is bigger:
+// the buffer of the PDU handed over last is read into again once nobody else holds it.
+Mox::Ptr<Pkt::SharedBuffer> TcpPduPam::reusableRxBuffer(U32 capacity) {
+  Mox::Ptr<Pkt::SharedBuffer> buffer = std::move(lastRxBuffer_);
+  // Only this Pam refers to it, so nobody can see its bytes change.
+  if (!buffer || buffer->references() != 1 || buffer->size() < capacity) return nullptr;
+  // Empty, with all its room in front, as a fresh buffer is.
+  buffer->delTailData(buffer->dataBytes());
+  buffer->newTailData(buffer->tailRoom());
+  buffer->delHeadData(buffer->dataBytes());
+  return buffer;
 }
 
 TcpPduPamReadReturn TcpPduPam::readFromSocket() {
@@ -176,35 +200,37 @@ TcpPduPamReadReturn TcpPduPam::readFromSocket() {
     rxPktHolderShadowIs(fresh);
   }
   Pkt& pkt = *rxPktHolderShadow();
-  const U32 dataRead = pkt.bytes();
+  // Received PDUs sit in one piece of the shared buffer, with room for the largest after it.
+  const Pkt::SharedBuffer& buffer = *pkt.sharedBuffer();
+  const U32 dataRead = buffer.dataBytes();
   const U16 pduTotalLength = getPduSize();
   if (pduTotalLength > maxPduLength()) return readError("PDU length too big");
   MOX_ASSERT_TEXT(pduTotalLength >= dataRead, "pduTotalLength >= dataRead");
   // Kept here and published once per read: watchers see it after each read.
   const U16 remaining = U16(pduTotalLength - dataRead);
 
-  U8* tail = pkt.newSharedTailData(remaining);
+  U8* tail = buffer.data() + dataRead;
   const ssize_t received = recv(fd()->descriptor(), tail, remaining, MSG_DONTWAIT);
-  pkt.delSharedTailData(U32(remaining - std::max<ssize_t>(received, 0)));
+  if (received > 0) pkt.newSharedTailData(U32(received));
   rxRemainingLengthIs(U16(remaining - std::max<ssize_t>(received, 0)));
   if (received == 0) return readError("Connection closed by peer");
   if (received < 0) {
     const int error = errno;
-    if (error == EAGAIN) return TcpPduPamReadReturn(Result::waitForMoreData, "");
+    if (error == EAGAIN) return readResult(Result::waitForMoreData);
     // Interrupted before any byte: the bytes are still there, and an edge-triggered
     // watch would not report them again.
-    if (error == EINTR) return TcpPduPamReadReturn(Result::readMoreData, "");
+    if (error == EINTR) return readResult(Result::readMoreData);
     return readError("Recv failed with", error);
   }
   MOX_TRACE(trace, 9,
             name() << ": PDU size:" << pduTotalLength << " Remaining:" << rxRemainingLength());
-  if (rxRemainingLength() != 0) return TcpPduPamReadReturn(Result::readMoreData, "");
+  if (rxRemainingLength() != 0) return readResult(Result::readMoreData);
   // What was read may have completed a header that tells the real size.
   const U16 size = getPduSize();
   const U32 nowRead = dataRead + U32(received);
   if (size < nowRead) return readError("PDU length too small");
-  if (size == nowRead) return TcpPduPamReadReturn(Result::fullPduRead, "");
-  return TcpPduPamReadReturn(Result::readMoreData, "");
+  if (size == nowRead) return readResult(Result::fullPduRead);
+  return readResult(Result::readMoreData);
 }
 
 void TcpPduPam::readNextPdu() {
@@ -251,6 +277,7 @@ void TcpPduPam::handleSocketReadable() {
 void TcpPduPam::doGetRxPkt() {
   if (!readable()) return;
   rxPktHolderIs(rxPktHolderShadow());
+  lastRxBuffer_ = rxPktHolderShadow()->sharedBuffer();
   rxPktHolderShadowDel();
   rxRemainingLengthIs(0);
   readableIs(false);

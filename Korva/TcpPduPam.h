@@ -88,6 +88,8 @@ class TcpPduPam : public TcpPduPamBase {
 
   // A fresh packet with room for the largest PDU at its tail; none when it cannot be had.
   Mox::Ptr<Pkt> newRxPkt();
+  // The buffer of the last PDU handed over, emptied, when it can be read into again.
+  Mox::Ptr<Pkt::SharedBuffer> reusableRxBuffer(U32 capacity);
   // One non-blocking send of the pieces: the bytes sent (0 when the kernel took none), or
   // -1 after a failure, which has been recorded.
   ssize_t sendPieces(const iovec* iov, size_t count);
@@ -100,6 +102,7 @@ class TcpPduPam : public TcpPduPamBase {
   Mox::Ptr<TcpPduFdSm> tcpPduFdSm_;
   std::vector<iovec> txIovHolderShadow_;
   std::vector<U8> txIovShadowBytes_;
+  Mox::Ptr<Pkt::SharedBuffer> lastRxBuffer_;
   // Set while readNextPdu runs, so an owner taking a PDU from its hook does not start a
   // nested read.
   bool reading_ = false;

@@ -61,13 +61,21 @@ struct Client {
   Ptr<Korva::TcpClientSm> sm;
 };
 
-// Collects every PDU a Pam delivers, as an owner's reactor does.
+// Collects every PDU a Pam delivers, as an owner's reactor does. Every other PDU is held
+// until the next has been read, and must not change meanwhile: the Pam reads again into
+// the buffer of a PDU only once its owner has let it go.
 struct PduCollector : Korva::TcpPduPam::Notifiee {
   explicit PduCollector(Korva::TcpPduPam* pam) { notifierIs(pam); }
   void onReadable() override {
-    if (notifier()->readable()) pdus.push_back(notifier()->rxPkt()->stringValue());
+    if (!notifier()->readable()) return;
+    Ptr<Korva::Pkt> pkt = notifier()->rxPkt();
+    if (held) EXPECT_EQ(held->stringValue(), pdus.back()) << "a held PDU changed";
+    held = nullptr;
+    pdus.push_back(pkt->stringValue());
+    if (pdus.size() % 2) held = pkt;
   }
   std::vector<std::string> pdus;
+  Ptr<Korva::Pkt> held;
 };
 
 // A PDU of `length` bytes (at least 20) with its length field set; the rest is `fill`.
