@@ -6,6 +6,7 @@
 #include "Command.h"
 #include "Pdu.h"
 
+#include <Korva/NetnsUtils.h>
 #include <Korva/SimpleTcpPduPam.h>
 #include <Korva/TcpClientServer.h>
 #include <Mox/Activity.h>
@@ -83,6 +84,13 @@ bool parseAddress(const std::string& text, IpGenAddr* addr) {
   }
 }
 
+// The namespace of --netns must exist: a machine would otherwise retry in it for ever.
+bool namespaceKnown(const std::string& netns) {
+  if (netns.empty() || Korva::netNsExists(netns)) return true;
+  std::fprintf(stderr, "korva pdu: no network namespace '%s'\n", netns.c_str());
+  return false;
+}
+
 // One accepted connection of the server: echoes what it receives.
 class EchoConnection : public Korva::TcpPduPam::Notifiee {
  public:
@@ -137,7 +145,7 @@ struct ServeOptions {
 
 int serve(const ServeOptions& options) {
   IpGenAddr addr;
-  if (!parseAddress(options.addr, &addr)) return 2;
+  if (!parseAddress(options.addr, &addr) || !namespaceKnown(options.netns)) return 2;
   auto wheel = Mox::make<Pylon::TimerWheel>("pdu");
   auto config = Korva::tcpServerConfigFactory("pdu", addr, Port(options.port));
   if (!options.netns.empty()) config->networkNamespaceIs(Korva::NamespaceName(options.netns));
@@ -269,7 +277,7 @@ struct ConnectOptions {
 
 int connectTo(const ConnectOptions& options) {
   IpGenAddr addr;
-  if (!parseAddress(options.host, &addr)) return 2;
+  if (!parseAddress(options.host, &addr) || !namespaceKnown(options.netns)) return 2;
   auto wheel = Mox::make<Pylon::TimerWheel>("pdu");
   auto config = Korva::tcpClientConfigFactory("pdu", addr, Port(options.port));
   if (!options.netns.empty()) config->networkNamespaceIs(Korva::NamespaceName(options.netns));

@@ -49,6 +49,8 @@ TEST_F(PduCommand, BadArgumentsFailWithAMessage) {
   EXPECT_EQ(run("connect 1.2.3 179").status, 2);
   EXPECT_NE(run("serve --port 0").status, 0);
   EXPECT_NE(run("connect 10.0.0.1").status, 0);
+  EXPECT_EQ(run("serve --netns korva-no-such-ns --port 7561").status, 2);
+  EXPECT_EQ(run("connect --netns korva-no-such-ns 127.0.0.1 7561").status, 2);
 }
 
 }  // namespace
