@@ -70,15 +70,17 @@ void TcpFd::handleEnabled() {
 }
 
 Mox::Ptr<Mox::FileDescriptor> TcpFd::newFileDesc(const Mox::Name& name) {
-  auto fileDesc = Mox::make<Mox::FileDescriptor>(name, descriptor());
+  // The TcpFd, not the watch, closes the socket, even when the watch cannot be set up.
+  auto fileDesc = Mox::make<Mox::FileDescriptor>(name, -1, [](int) { return 0; });
+  // Configured before it takes the socket over: one epoll_ctl, not one per setting.
   fileDesc->edgeTriggeredIs(edgeTriggered());
   fileDesc->notifyOnReadableIs(notifyOnReadable());
   fileDesc->notifyOnWritableIs(notifyOnWritable());
+  fileDesc->descriptorIs(descriptor());
   watch_.notifierIs(fileDesc);
   return fileDesc;
 }
 
-// The descriptor stays open: the TcpFd, not the watch, owns it.
 void TcpFd::unwatch() noexcept {
   if (!fileDesc_) return;
   watch_.notifierIs(nullptr);
