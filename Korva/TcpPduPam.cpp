@@ -163,34 +163,28 @@ U16 TcpPduPam::getPduSize() {
 // --- receiving ---
 
 Mox::Ptr<Pkt> TcpPduPam::newRxPkt() {
-  Pkt::Manager* manager = globalPktManager();
   const U32 capacity = maxPduLength();
   Mox::Ptr<Pkt> pkt;
   try {
+    // The packet manager recycles only buffers of its default size, and a PDU buffer is
+    // bigger: the buffer of the PDU handed over last is read into again once nobody else
+    // holds it (then nobody can see its bytes change).
+    Mox::Ptr<Pkt::SharedBuffer> buffer = std::move(lastRxBuffer_);
+    if (!buffer || buffer->references() != 1 || buffer->size() < capacity) {
+      buffer = globalPktManager()->newSharedBuffer(capacity);
+    }
+    // Empty at the very front: the whole PDU is read in place after it.
+    buffer->delTailData(buffer->dataBytes());
+    buffer->newHeadData(buffer->headRoom());
+    buffer->delTailData(buffer->dataBytes());
     pkt = new Pkt;
-    pkt->sharedBufferIs(reusableRxBuffer(capacity));
-    if (!pkt->sharedBuffer()) pkt->sharedBufferIs(manager->newSharedBuffer(capacity));
+    pkt->sharedBufferIs(std::move(buffer));
+    pkt->delSharedTailData(0);
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
   MOX_ASSERT_TEXT(pkt->maxSharedData() >= maxPduLength(), "pkt->maxSharedData() >= maxPduLength()");
-  // Room for the whole PDU after the (empty) data, so it is read in place.
-  pkt->newSharedHeadData(capacity);
-  pkt->delSharedTailData(capacity);
   return pkt;
-}
-
-// The packet manager recycles only buffers of its default size, and a PDU buffer is bigger:
-// the buffer of the PDU handed over last is read into again once nobody else holds it.
-Mox::Ptr<Pkt::SharedBuffer> TcpPduPam::reusableRxBuffer(U32 capacity) {
-  Mox::Ptr<Pkt::SharedBuffer> buffer = std::move(lastRxBuffer_);
-  // Only this Pam refers to it, so nobody can see its bytes change.
-  if (!buffer || buffer->references() != 1 || buffer->size() < capacity) return nullptr;
-  // Empty, with all its room in front, as a fresh buffer is.
-  buffer->delTailData(buffer->dataBytes());
-  buffer->newTailData(buffer->tailRoom());
-  buffer->delHeadData(buffer->dataBytes());
-  return buffer;
 }
 
 TcpPduPamReadReturn TcpPduPam::readFromSocket() {

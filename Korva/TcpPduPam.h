@@ -88,8 +88,6 @@ class TcpPduPam : public TcpPduPamBase {
 
   // A fresh packet with room for the largest PDU at its tail; none when it cannot be had.
   Mox::Ptr<Pkt> newRxPkt();
-  // The buffer of the last PDU handed over, emptied, when it can be read into again.
-  Mox::Ptr<Pkt::SharedBuffer> reusableRxBuffer(U32 capacity);
   // One non-blocking send of the pieces: the bytes sent (0 when the kernel took none), or
   // -1 after a failure, which has been recorded.
   ssize_t sendPieces(const iovec* iov, size_t count);

@@ -69,7 +69,9 @@ struct PduCollector : Korva::TcpPduPam::Notifiee {
   void onReadable() override {
     if (!notifier()->readable()) return;
     Ptr<Korva::Pkt> pkt = notifier()->rxPkt();
-    if (held) EXPECT_EQ(held->stringValue(), pdus.back()) << "a held PDU changed";
+    if (held) {
+      EXPECT_EQ(held->stringValue(), pdus.back()) << "a held PDU changed";
+    }
     held = nullptr;
     pdus.push_back(pkt->stringValue());
     if (pdus.size() % 2) held = pkt;
