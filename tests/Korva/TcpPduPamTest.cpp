@@ -66,6 +66,17 @@ std::vector<std::string> splitPdus(const std::string& stream) {
   return pdus;
 }
 
+// A TcpFd on one end of a local stream pair (a stream socket that is not TCP); the other
+// end goes to `peer`, closed when the test is done with it.
+Ptr<Korva::TcpFd> pairedTcpFd(int* peer) {
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) return nullptr;
+  Ptr<Korva::TcpFd> fd = Korva::tcpFdFactory("pair");
+  fd->descriptorIs(pair[0]);
+  *peer = pair[1];
+  return fd;
+}
+
 // A server in a throwaway namespace; each test takes the first connection accepted.
 class TcpPduPamTest : public ::testing::TestWithParam<bool> {
  protected:
@@ -182,6 +193,8 @@ TEST_P(TcpPduPamTest, PartialWritesKeepOnlyTheRestAndDeliverEveryByteOnce) {
   EXPECT_EQ(sender->txPktHolderShadow()->stringValue(),
             sent.back().substr(9600 - sender->txRemainingLength()));
   EXPECT_TRUE(clientFd->notifyOnWritable());
+  // The rest goes first: another send now breaks the contract.
+  EXPECT_DEATH(sender->txPktIs(packetOf(pdu(20, 'x'))), "\"writable\\(\\)\"");
 
   // Gathered sends go the same way once the rest is out.
   PduCollector collector(receiver.get());
@@ -222,28 +235,24 @@ TEST(TcpPduPam, KeepaliveIsSetInOrderAndReadsBack) {
   EXPECT_EQ(pam->tcpOptErrors(), 0u);
 
   // A stream socket that is not TCP takes SO_KEEPALIVE but not the TCP options.
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  Ptr<Korva::TcpFd> unixFd = Korva::tcpFdFactory("unix");
-  unixFd->descriptorIs(pair[0]);
-  Ptr<SimpleTcpPduPam> unixPam = Korva::simpleTcpPduPamFactory(unixFd);
+  int peer = -1;
+  Ptr<SimpleTcpPduPam> unixPam = Korva::simpleTcpPduPamFactory(pairedTcpFd(&peer));
   unixPam->keepaliveOptsIs(Korva::TcpKeepaliveOptions(30, 5, 4));
   EXPECT_EQ(unixPam->tcpOptErrors(), 1u);
   EXPECT_EQ(unixPam->tcpOptErrorReason(),
             std::string("setsockopt() error while setting TCP_KEEPIDLE: ") + strerror(EOPNOTSUPP));
-  close(pair[1]);
+  close(peer);
 }
 
 TEST(TcpPduPam, ASendThatFailsIsCountedOnceAndTheWriteWatchStops) {
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  Ptr<Korva::TcpFd> fd = Korva::tcpFdFactory("pair");
-  fd->descriptorIs(pair[0]);
+  int peer = -1;
+  Ptr<Korva::TcpFd> fd = pairedTcpFd(&peer);
+  ASSERT_TRUE(fd);
   Ptr<SimpleTcpPduPam> pam = Korva::simpleTcpPduPamFactory(fd);
   pam->enabledIs(true);
   for (int sent = 0; pam->writable() && sent < 1000; ++sent) pam->txPktIs(packetOf(pdu(9600, 'w')));
   ASSERT_TRUE(pam->txPktHolderShadow());
-  close(pair[1]);
+  close(peer);
   ASSERT_TRUE(runUntilBounded([&] { return pam->txErrors() > 0; }, 5.0));
   EXPECT_EQ(pam->txErrorReason(), std::string("Send failed with ") + strerror(EPIPE));
   EXPECT_FALSE(pam->writable());
@@ -253,22 +262,17 @@ TEST(TcpPduPam, ASendThatFailsIsCountedOnceAndTheWriteWatchStops) {
   EXPECT_EQ(pam->txErrors(), 1u);
 }
 
-TEST(TcpPduPamDeathTest, SendingWhileNotWritableAndReadingUnframedAbort) {
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  Ptr<Korva::TcpFd> fd = Korva::tcpFdFactory("pair");
-  fd->descriptorIs(pair[0]);
-  Ptr<TcpPduPam> plain = Korva::tcpPduPamFactory(fd);
-  EXPECT_DEATH(plain->txPktIs(packetOf(pdu(20, 'x'))), "\"writable\\(\\)\"");
-  // The base Pam does not know how PDUs are framed.
+TEST(TcpPduPamDeathTest, TheBasePamCannotFramePdus) {
+  int peer = -1;
+  Ptr<TcpPduPam> plain = Korva::tcpPduPamFactory(pairedTcpFd(&peer));
   EXPECT_DEATH(
       {
         plain->enabledIs(true);
-        send(pair[1], "x", 1, 0);
+        send(peer, "x", 1, 0);
         runUntilBounded([] { return false; }, 1.0, 100);
       },
       "Need to implement getRemainingLength in a derived class");
-  close(pair[1]);
+  close(peer);
 }
 
 }  // namespace
