@@ -360,33 +360,40 @@ void TcpServerSm::handleServerError(const char* functionName, const char* errorS
 }
 
 void TcpServerSm::handleAccept() {
-  if (!fd()) return;
+  // An edge-triggered watch reports a waiting backlog once: it is taken whole.
+  while (acceptOne() && fd()->edgeTriggered()) {
+  }
+}
+
+bool TcpServerSm::acceptOne() {
+  if (!fd()) return false;
   Mox::Ptr<TcpFd> accepted = TcpFd::socketAccept(fd(), af(), config_->networkNamespace());
   if (!accepted) {
     const int error = errno;
     if (error == EAGAIN || error == EINTR) {
       status_->serverEagainEintrTimesInc();
-      return;
+      return error == EINTR;
     }
     handleServerError("Accept", errorText(error));
     if (restartOnAcceptError_) restartListener();
-    return;
+    return false;
   }
   const TcpConnSocket conn = socketAccepted(accepted, af());
   if (!conn.fd()) {
     // The peer left before it could be described (reset at once): its loss alone.
     MOX_TRACE(trace, 1, "Accepted connection gone: " << errorText(errno));
-    return;
+    return true;
   }
   MOX_TRACE(trace, 3, "Accepted from " << conn.dstIpAddr() << " port " << conn.dstPort().value());
   if (applySocketOptions(accepted->descriptor()) != 0) {
     // Not queued: the connection closes with its TcpFd here.
     handleServerError("Setsockopt", errorText(errno));
     if (restartOnSetSockOptError_) restartListener();
-    return;
+    return false;
   }
   status_->connSocketEnq(conn);
   status_->connSocketCountInc();
+  return true;
 }
 
 void TcpServerSm::handleRetry() {

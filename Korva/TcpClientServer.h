@@ -220,6 +220,8 @@ class TcpServerSm : public TcpSmBase {
  private:
   // Steps 4-8 of listening: the socket, bound; false after handleServerError.
   bool openListeningSocket();
+  // Takes one waiting connection; false when no more can be taken now.
+  bool acceptOne();
 
   Mox::Ptr<TcpServerConfig> config_;
   Mox::Ptr<TcpServerStatus> status_;

@@ -206,6 +206,19 @@ TEST_F(TcpVirtualTimeTest, AServerRetriesAFailedBindWithThePlainInterval) {
   EXPECT_EQ(server.status->serverStartTimes(), 1u);
 }
 
+TEST_F(TcpVirtualTimeTest, AnEdgeTriggeredServerTakesAWholeBacklogAtOnce) {
+  Server server(wheel_, ns_.name(), "127.0.0.1", 7302);
+  server.config->edgeTriggeredFileDescriptorIs(true);
+  ASSERT_TRUE(server.sm->startListener());
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < 3; ++i) {
+    clients.push_back(std::make_unique<Client>(wheel_, ns_.name(), "127.0.0.1", 7302));
+    clients.back()->sm->startConnection();
+  }
+  // Loopback handshakes are done before the loop turns: one report for three connections.
+  EXPECT_TRUE(runUntilBounded([&] { return server.status->connSocketCount() == 3; }, 5.0));
+}
+
 // Real connections between two namespaces: a client on the right, a server on the left.
 class TcpVethV4Test : public SocketTest::VethPairTest {
  protected:
