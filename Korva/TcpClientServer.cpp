@@ -1,4 +1,3 @@
-#include <Korva/SocketUtils.h>
 #include <Korva/TcpClientServer.h>
 #include <Mox/Assert.h>
 #include <Mox/Exception.h>

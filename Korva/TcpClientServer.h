@@ -15,6 +15,9 @@
 //   client->startConnection();
 //   ... status->connectionStatus() == connected: status->connSocket().fd() is the socket
 
+// The socket functions the machines are built on (setSocketOptionInteger with read-back,
+// constructSockAddr, socketBind, socketBindClient, socketConnect) come with them.
+#include <Korva/SocketUtils.h>
 #include <Korva/TcpClientServer.mox.h>
 #include <Pylon/TimerWheel.h>
 
