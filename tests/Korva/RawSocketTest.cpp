@@ -29,6 +29,7 @@ using Korva::Protocol;
 using Mox::U16;
 using Mox::U32;
 using SocketTest::expectErrnoFailure;
+using SocketTest::packetOf;
 using SocketTest::runInNs;
 using SocketTest::ScopedNs;
 using SocketTest::waitReadable;
@@ -42,12 +43,6 @@ int intOption(int fd, int level, int name) {
   socklen_t length = sizeof value;
   EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0);
   return value;
-}
-
-Mox::Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
-  auto pkt = Korva::globalPktManager()->newPkt();
-  pkt->stringValueIs(bytes);
-  return pkt;
 }
 
 // Every test runs in a namespace of its own, on a thread that has entered it.

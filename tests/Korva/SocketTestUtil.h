@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -162,7 +163,14 @@ inline void expectErrnoFailure(const std::function<void()>& step, int expected) 
   } catch (const Mox::ErrnoException& e) {
     EXPECT_EQ(e.errorNumber(), expected);
     EXPECT_STREQ(e.what(), "");
+    EXPECT_EQ(e.description(), std::strerror(expected)) << "no step to name";
   }
+}
+
+inline Mox::Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
+  Mox::Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
+  pkt->stringValueIs(bytes);
+  return pkt;
 }
 
 }  // namespace SocketTest
