@@ -168,19 +168,6 @@ class UdpPamDtlsTest : public DtlsTest::Fixture {
   }
 };
 
-TEST(SessionPeerTest, TextFormBothWays) {
-  const SessionPeer peer(IpAddr(10, 1, 2, 3), Korva::Port(4433));
-  const std::string text = peer.stringValue();
-  EXPECT_EQ(text, "Value('Korva::SessionPeer', ** {'peerIp': " + valueToStrep(peer.peerIp()) +
-                      ", 'peerPort': 4433})");
-  SessionPeer parsed;
-  parsed.stringValueIs(text);
-  EXPECT_EQ(parsed, peer);
-  EXPECT_THROW(parsed.stringValueIs("Value('Korva::SessionPeer', ** {'peerIp': 1})"),
-               Mox::RangeException);
-  EXPECT_EQ(parsed, peer);
-}
-
 // openssl s_client, with its client certificate, against the server: lines both ways, in
 // both versions, over DHE so the DH parameters file is what keys the session.
 TEST_F(UdpPamDtlsTest, OpenSslClientExchangesLinesWithTheServer) {
