@@ -245,13 +245,7 @@ TEST_F(IpSocketPamLocalTest, FailedSetUpNamesTheStepAndLeavesNothingOpen) {
         newPam("bad", c.protocol, c.missingNamespace ? ns_->name() + "-missing" : ns_->name());
     pam->optionsIs(c.options | Mox::U32(IpSocketOptions::ipPktInfo));
     if (c.badFilter) pam->rxFilterIs(0, Korva::IpFilter(0xffff, 0, 0, 0));
-    try {
-      pam->enabledIs(true);
-      ADD_FAILURE() << "enable should fail";
-    } catch (const Mox::ErrnoException& error) {
-      EXPECT_STREQ(error.what(), c.message);
-      EXPECT_EQ(error.errorNumber(), c.error);
-    }
+    SocketTest::expectErrnoFailure([&] { pam->enabledIs(true); }, c.error, c.message);
     EXPECT_FALSE(pam->enabled());
     EXPECT_FALSE(pam->fileDesc());
     EXPECT_EQ(SocketTest::openDescriptorCount(), descriptors);

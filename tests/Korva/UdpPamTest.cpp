@@ -366,14 +366,7 @@ TEST_F(UdpPamLoopbackTest, FailedBindKeepsTheModeWithNothingOpen) {
   const int descriptors = SocketTest::openDescriptorCount();
   Ptr<UdpPam> pam = newPam("bad", ns_->name(), false);
   pam->rxIpAddrIs(IpAddr(192, 0, 2, 1));  // not an address of this namespace
-  try {
-    pam->modeIs(Mode::server);
-    FAIL() << "bind should fail";
-  } catch (const Mox::ErrnoException& error) {
-    EXPECT_STREQ(error.what(), "bind");
-    EXPECT_EQ(error.errorNumber(), EADDRNOTAVAIL);
-    EXPECT_EQ(error.description(), std::string("bind: ") + std::strerror(EADDRNOTAVAIL));
-  }
+  SocketTest::expectErrnoFailure([&] { pam->modeIs(Mode::server); }, EADDRNOTAVAIL, "bind");
   EXPECT_EQ(pam->mode(), Mode::server);
   EXPECT_FALSE(pam->fileDesc());
   EXPECT_FALSE(pam->fdSm());
@@ -381,12 +374,8 @@ TEST_F(UdpPamLoopbackTest, FailedBindKeepsTheModeWithNothingOpen) {
   // A namespace that does not exist fails at the socket step; once the cause is gone, a new
   // namespace (here the same one again) makes the socket.
   pam->rxIpAddrIs(IpAddr(127, 0, 0, 1));
-  try {
-    pam->netNsIs(Korva::NamespaceName(ns_->name() + "-missing"));
-    ADD_FAILURE() << "a missing namespace should fail";
-  } catch (const Mox::ErrnoException& error) {
-    EXPECT_STREQ(error.what(), "socket");
-  }
+  SocketTest::expectErrnoFailure(
+      [&] { pam->netNsIs(Korva::NamespaceName(ns_->name() + "-missing")); }, ENOENT, "socket");
   EXPECT_EQ(pam->mode(), Mode::server);
   EXPECT_FALSE(pam->fileDesc());
   pam->netNsIs(Korva::NamespaceName(ns_->name()));
