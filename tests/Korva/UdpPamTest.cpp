@@ -66,38 +66,6 @@ int socketOption(const UdpPam& pam, int level, int option) {
   return value;
 }
 
-// Runs the loop until `link` in namespace `ns` is operationally up. The kernel reports link
-// changes on a netlink socket that the loop watches, so nothing polls or sleeps.
-bool runUntilLinkRunning(const std::string& ns, const std::string& link) {
-  const int probe = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns);
-  const int netlink = Korva::socketAt(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, ns);
-  sockaddr_nl groups{};
-  groups.nl_family = AF_NETLINK;
-  groups.nl_groups = RTMGRP_LINK;
-  if (probe < 0 || netlink < 0 ||
-      bind(netlink, reinterpret_cast<sockaddr*>(&groups), sizeof groups) != 0) {
-    return false;
-  }
-  auto messages = Mox::make<Mox::FileDescriptor>("links", netlink);
-  struct Drain : Mox::FileDescriptor::Notifiee {
-    void onReadableCount() override {
-      char buffer[8192];
-      while (recv(notifier()->descriptor(), buffer, sizeof buffer, 0) > 0) {
-      }
-    }
-  } drain;
-  drain.notifierIs(messages);
-  const bool running = Mox::runUntil(
-      [&] {
-        ifreq request{};
-        std::strncpy(request.ifr_name, link.c_str(), IFNAMSIZ - 1);
-        return ioctl(probe, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING);
-      },
-      5.0);
-  close(probe);
-  return running;
-}
-
 class UdpPamFamilyTest : public SocketTest::VethPairTest,
                          public ::testing::WithParamInterface<bool> {
  protected:
@@ -195,7 +163,7 @@ TEST_P(UdpPamFamilyTest, ImposedSourceAndEgressInterfaceReachThePeer) {
 
 TEST_P(UdpPamFamilyTest, MulticastJoinDeliversAndLeaveStops) {
   // IPv6 multicast routes appear only once the link has carrier.
-  ASSERT_TRUE(runUntilLinkRunning(right(), "kvr"));
+  ASSERT_TRUE(SocketTest::runUntilLinkRunning(right(), "kvr"));
   Ptr<UdpPam> member = newPam("member", left(), v6());
   member->rxPortIs(4791);
   member->modeIs(Mode::server);
