@@ -191,15 +191,24 @@ inline bool waitReadable(const Korva::PktSocket& sock) {
   return Mox::runUntil([&] { return sock.fileDescriptor()->readableCount() > before; }, 5.0);
 }
 
-// Runs `step`, which must fail with `expected` as a Mox::ErrnoException of empty message.
-inline void expectErrnoFailure(const std::function<void()>& step, int expected) {
+// Runs `step`, which must fail with `expected` as a Mox::ErrnoException naming `stepName`
+// (none by default).
+inline void expectErrnoFailure(const std::function<void()>& step, int expected,
+                               const std::string& stepName = "") {
   try {
     step();
     ADD_FAILURE() << "no failure, expected errno " << expected;
   } catch (const Mox::ErrnoException& e) {
     EXPECT_EQ(e.errorNumber(), expected);
-    EXPECT_STREQ(e.what(), "");
+    EXPECT_EQ(e.what(), stepName);
+    EXPECT_EQ(e.description(), (stepName.empty() ? "" : stepName + ": ") + std::strerror(expected));
   }
+}
+
+inline Mox::Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
+  Mox::Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
+  pkt->stringValueIs(bytes);
+  return pkt;
 }
 
 }  // namespace SocketTest

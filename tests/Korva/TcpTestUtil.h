@@ -28,6 +28,7 @@ extern char** environ;
 namespace TcpTest {
 
 using Korva::AddressFamily;
+using SocketTest::packetOf;
 using Korva::IpGenAddr;
 using Korva::Port;
 using Mox::Ptr;
@@ -86,12 +87,6 @@ inline std::string pdu(size_t length, char fill) {
   bytes[2] = char(length >> 8);
   bytes[3] = char(length & 0xff);
   return bytes;
-}
-
-inline Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
-  Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
-  pkt->stringValueIs(bytes);
-  return pkt;
 }
 
 // A kernel TCP counter of the namespace ("TCPMD5Failure", "TCPMinTTLDrop").
