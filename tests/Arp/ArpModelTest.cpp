@@ -95,11 +95,6 @@ TEST_F(ArpModel, ValueTextForms) {
       "'key': Value('Arp::NeighborEntryKey', ** {" + keyText + "}), " + m + ", 'source': evpn");
   expectText(NeighborEntryStatus(ip6, mac, true, evpn), "NeighborEntryStatus",
              i6 + ", " + m + ", 'isStatic': True, 'source': evpn");
-  const Korva::IpGenAddr hop(ip6);
-  const std::string hopText =
-      "'ipGenAddr': " + valueToStrep(hop) + ", 'intfId': " + Korva::valueToStrep(et);
-  expectText(MonitoredNexthop::Entry(hop, et), "MonitoredNexthop::Entry", hopText);
-  expectText(RibNextHop::Entry(hop, et), "RibNextHop::Entry", hopText);
 }
 
 TEST_F(ArpModel, DefaultVrfIsTheOnlyImplicitMember) {
