@@ -122,6 +122,7 @@ TEST(IpGenAddrWithMaskOrder, AddressThenLength) {
 TEST(IpGenPrefixHash, MixOfAddressAndLengthAndSortKey) {
   EXPECT_EQ(prefix("10.0.0.0/8").hash(), 0xc13c560au);
   EXPECT_EQ(prefix("2001:db8::/32").hash(), 0xc0a55565u);
+  EXPECT_EQ(prefix("2001:db8::/127").hash(), 0xac7ba043u);  // the length is XORed, not added
   EXPECT_EQ(IpGenPrefixBase().hash(), 0u);
   EXPECT_EQ(IpGenAddrWithMask("10.0.0.1/8").hash(), 0x80b8349au);
   EXPECT_EQ(prefix("10.0.0.0/8").sortKey(), 0xffffffff0a000000u);
