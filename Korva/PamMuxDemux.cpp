@@ -3,6 +3,8 @@
 #include <Mox/Assert.h>
 #include <Mox/Trace.h>
 
+#include <algorithm>
+
 namespace Korva {
 
 namespace {
@@ -23,6 +25,13 @@ void flatten(Pkt& pkt) {
   const U16 tpid = pkt.separateVlanTpid();
   pkt.stringValueIs(pkt.stringValue());
   if (tagged) pkt.newSeparateVlanTag(tci, tpid);
+}
+
+// The first entry of a sorted (key, output) array whose key is not below `key`.
+template <class Index>
+auto indexPosition(Index& index, U32 key) {
+  return std::lower_bound(index.begin(), index.end(), key,
+                          [](const auto& entry, U32 k) { return entry.first < k; });
 }
 
 }  // namespace
@@ -119,10 +128,30 @@ U32 PamMuxDemux::decapsulate(const Mox::Ptr<Pkt>&) {
 void PamMuxDemux::manyPamIs(U32 key, const Mox::Ptr<Pam>& pam) {
   if (!pam) return manyPamDel(key);
   manyPam_[key] = pam;
+  auto entry = indexPosition(manyPamIndex_, key);
+  if (entry != manyPamIndex_.end() && entry->first == key) {
+    entry->second = pam.get();
+  } else {
+    manyPamIndex_.insert(entry, {key, pam.get()});
+  }
 }
 
 void PamMuxDemux::manyPamDel(U32 key) {
   manyPam_.erase(key);
+  auto entry = indexPosition(manyPamIndex_, key);
+  if (entry != manyPamIndex_.end() && entry->first == key) manyPamIndex_.erase(entry);
+}
+
+Pam* PamMuxDemux::manyPamFind(U32 key) const noexcept {
+  if (manyPamIndex_.empty()) return nullptr;
+  // Halving without branches: the keys of a burst come in no order a predictor learns.
+  const std::pair<U32, Pam*>* entry = manyPamIndex_.data();
+  for (size_t count = manyPamIndex_.size(); count > 1;) {
+    const size_t half = count / 2;
+    entry = entry[half].first <= key ? entry + half : entry;
+    count -= half;
+  }
+  return entry->first == key ? entry->second : nullptr;
 }
 
 void PamMuxDemux::manyPamSmIs(U32 key, const Mox::Ptr<Pam>& pam) {
@@ -185,10 +214,10 @@ void PamMuxDemux::handleReadableOne() {
                                        << " since mode is disabled.");
     } else if (const U32 key = decapsulate(pkt); key == kInvalidKey) {
       MOX_TRACE(trace, 6, "Invalid packet");
-    } else if (auto entry = manyPam_.find(key); entry != manyPam_.end()) {
+    } else if (Pam* output = manyPamFind(key)) {
       MOX_TRACE(trace, 8,
-                "Pkt to " << key << " (" << entry->second->name() << "). Size: " << pkt->bytes());
-      entry->second->txPktIs(pkt);
+                "Pkt to " << key << " (" << output->name() << "). Size: " << pkt->bytes());
+      output->txPktIs(pkt);
     } else {
       MOX_TRACE(trace, 6, "No corresponding output for key: " << key);
     }
@@ -237,13 +266,15 @@ void PamKeyMuxDemux::doEncapsulate(const Mox::Ptr<Pkt>& pkt, U32 key) {
 }
 
 U32 PamKeyMuxDemux::decapsulate(const Mox::Ptr<Pkt>& pkt) {
-  if (pkt->bytes() < kHeaderBytes) return kInvalidKey;
-  if (pkt->privateHeadBytes() != 0) {
-    // Encapsulated here and looped back in process: the header sits in the private head,
-    // perhaps only partly, so the bytes are made flat before the header is taken off.
+  // The header is read from the first scatter entry (through the inline accessors: this
+  // runs per packet). Encapsulated here and looped back in process, it sits in the private
+  // head, perhaps only partly: the bytes are made flat first.
+  if (pkt->privateHeadBytes() != 0 || pkt->iovecCount() == 0 ||
+      pkt->iovecs()->iov_len < kHeaderBytes) {
+    if (pkt->bytes() < kHeaderBytes) return kInvalidKey;
     flatten(*pkt);
   }
-  const U8* header = pkt->frontData();
+  const U8* header = static_cast<const U8*>(pkt->iovecs()->iov_base);
   U32 key = 0;
   for (U32 i = 0; i < kHeaderBytes; ++i) key = (key << 8) | header[i];
   pkt->delSharedHeadData(kHeaderBytes);
