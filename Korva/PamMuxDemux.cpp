@@ -1,6 +1,7 @@
 #include <Korva/PamMuxDemux.h>
 #include <Mox/Activity.h>
 #include <Mox/Assert.h>
+#include <Mox/Time.h>
 #include <Mox/Trace.h>
 
 #include <algorithm>
@@ -13,10 +14,6 @@ Mox::TraceHandle trace("PamMuxDemux");
 
 // The most one source is read in one go before the loop gets a turn.
 constexpr double kBurstBudgetSeconds = 1.0;
-
-bool budgetUsedUp(double start) {
-  return Mox::now() - start > kBurstBudgetSeconds;
-}
 
 // Copies the packet's bytes into one buffer of its own, keeping its separate VLAN tag.
 void flatten(Pkt& pkt) {
@@ -59,7 +56,7 @@ void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
   MOX_ASSERT(me->onePam());
   Pam& source = *pam();
   Pam& dest = *me->onePam();
-  const double start = Mox::now();
+  const Mox::TimeBudget budget(kBurstBudgetSeconds);
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(
         trace, 8,
@@ -74,7 +71,7 @@ void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
       MOX_TRACE(trace, 8, "Pkt to single dest " << dest.name() << ". Size: " << pkt->bytes());
       dest.txPktIs(pkt);
     }
-    if (budgetUsedUp(start)) {
+    if (budget.usedUp()) {
       MOX_TRACE(trace, 5, "Packet processing exceeds 1 second. Reschedule.");
       me->defer(key_);
       return;
@@ -205,7 +202,7 @@ void PamMuxDemux::clockDel() {
 void PamMuxDemux::handleReadableOne() {
   if (mode_ == Mode::mux || !onePam_) return;
   Pam& source = *onePam_;
-  const double start = Mox::now();
+  const Mox::TimeBudget budget(kBurstBudgetSeconds);
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(trace, 8, "Pkt from single source " << source.name() << ". Size: " << pkt->bytes());
     if (mode_ == Mode::disabled) {
@@ -221,7 +218,7 @@ void PamMuxDemux::handleReadableOne() {
     } else {
       MOX_TRACE(trace, 6, "No corresponding output for key: " << key);
     }
-    if (budgetUsedUp(start)) {
+    if (budget.usedUp()) {
       MOX_TRACE(trace, 5, "Packet processing exceeds 1 second. Reschedule.");
       defer(kOnePamKey);
       return;
