@@ -1,10 +1,11 @@
 # The front door. `make test` and `make demo` do all the set-up on a fresh machine.
 BUILD       ?= build
 BENCH_BUILD ?= build-bench
+I386_BUILD  ?= $(BUILD)/i386
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test package demo bench format clean
+.PHONY: all deps configure build test test-i386 package demo bench format clean
 
 all: build
 
@@ -19,8 +20,13 @@ configure: deps $(BUILD)/build.ninja
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The 32-bit x86 suite runs after the native one, or says why this machine cannot run it.
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
+	scripts/test-i386 $(I386_BUILD) $(JOBS) $(CMAKE_FLAGS)
+
+test-i386: deps
+	scripts/test-i386 $(I386_BUILD) $(JOBS) $(CMAKE_FLAGS)
 
 # Debian packages (libkorva0, libkorva-dev, korva) in $(BUILD).
 package: build

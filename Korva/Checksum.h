@@ -10,8 +10,8 @@
 #include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
 #include <Korva/Pkt.h>
+#include <Korva/Types.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <bit>
 #include <functional>

@@ -65,6 +65,12 @@ __attribute__((target("pclmul,sse4.1"))) __m128i fold(__m128i acc, __m128i next,
   return _mm_xor_si128(_mm_xor_si128(low, high), next);
 }
 
+// A function of its own, not a lambda: a lambda does not inherit its function's target, so
+// without -msse2 (32-bit x86) the intrinsic would not compile.
+__attribute__((target("pclmul,sse4.1"))) __m128i load(const U8* at) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+}
+
 __attribute__((target("pclmul,sse4.1"))) U32 crcFoldBlocks(U32 reg, const U8* p, size_t len) {
   // Needs len >= 64 and a multiple of 16.
   const __m128i foldBy4 = _mm_set_epi64x(0x1c6e41596, 0x154442bd4);
@@ -72,7 +78,6 @@ __attribute__((target("pclmul,sse4.1"))) U32 crcFoldBlocks(U32 reg, const U8* p,
   const __m128i foldTo32 = _mm_set_epi64x(0, 0x163cd6124);
   const __m128i barrett = _mm_set_epi64x(0x1f7011641, 0x1db710641);
   const __m128i low32 = _mm_setr_epi32(~0, 0, ~0, 0);
-  auto load = [](const U8* at) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at)); };
 
   __m128i x1 = _mm_xor_si128(load(p), _mm_cvtsi32_si128(int(reg)));
   __m128i x2 = load(p + 16), x3 = load(p + 32), x4 = load(p + 48);

@@ -2,7 +2,7 @@
 // CRC-32 as Ethernet, zlib and PNG use it: reflected polynomial 0x04C11DB7, initial value
 // all ones, final complement. Crc32::crc("123456789") is 0xCBF43926.
 
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 #include <array>
 

@@ -6,9 +6,9 @@
 // colon-separated bytes. A failed parse raises Mox::RangeException and changes nothing.
 
 #include <Korva/IpAddr.h>
+#include <Korva/Types.h>
 #include <Korva/ValueType.h>
 #include <Mox/Exception.h>
-#include <Mox/Types.h>
 
 #include <array>
 #include <compare>

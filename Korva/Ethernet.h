@@ -1,7 +1,7 @@
 #pragma once
 // EtherType values that the header views read and write, with their names as text.
 
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 #include <iosfwd>
 #include <optional>

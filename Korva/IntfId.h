@@ -5,9 +5,9 @@
 // numeric parts of the name in the remaining bits. Parsing and printing go through the
 // process-wide IntfIdMgr, which must be initialised first.
 
+#include <Korva/Types.h>
 #include <Korva/ValueType.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <compare>
 #include <cstddef>

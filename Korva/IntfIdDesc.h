@@ -15,9 +15,9 @@
 // part 0 the separator "." and keeps the sub-interface number there.
 
 #include <Korva/IntfId.h>
+#include <Korva/Types.h>
 #include <Mox/Entity.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <array>
 #include <map>

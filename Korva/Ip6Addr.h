@@ -5,9 +5,9 @@
 
 #include <Korva/EthAddr.h>
 #include <Korva/IpAddr.h>
+#include <Korva/Types.h>
 #include <Korva/ValueType.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <compare>
 #include <iosfwd>

@@ -3,9 +3,9 @@
 // with a full 32-bit mask. Addresses are stored in network byte order and compared, masked
 // and hashed on their host-order value.
 
+#include <Korva/Types.h>
 #include <Korva/ValueType.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <bit>
 #include <compare>

@@ -4,8 +4,8 @@
 
 #include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
+#include <Korva/Types.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <compare>
 #include <iosfwd>

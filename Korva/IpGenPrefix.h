@@ -7,9 +7,9 @@
 #include <Korva/Ip6Addr.h>
 #include <Korva/IpAddr.h>
 #include <Korva/IpGenAddr.h>
+#include <Korva/Types.h>
 #include <Mox/Entity.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <compare>
 #include <iosfwd>

@@ -4,6 +4,9 @@
 #include <Mox/Exception.h>
 #include <Mox/Trace.h>
 
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>

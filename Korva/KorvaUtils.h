@@ -7,16 +7,17 @@
 // compareIntfName orders long names the way people expect (Ethernet2 before Ethernet10).
 
 #include <Korva/IntfId.h>
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 #include <string>
 #include <string_view>
 #include <vector>
 
-#ifndef PCRE2_CODE_UNIT_WIDTH
-#define PCRE2_CODE_UNIT_WIDTH 8
-#endif
-#include <pcre2.h>
+// PCRE2's 8-bit pattern and match data (pcre2_code, pcre2_match_data once <pcre2.h> is
+// included with PCRE2_CODE_UNIT_WIDTH 8). Declared, not included: only callers of
+// intfNameKey need PCRE2, and they include it themselves.
+struct pcre2_real_code_8;
+struct pcre2_real_match_data_8;
 
 namespace Korva {
 
@@ -44,7 +45,7 @@ S32 compareIntfName(IntfId a, IntfId b);
 // Matches the long name of `id` against `pattern` with `matchData` (room for 10 capture
 // pairs). Returns the number of captured groups plus one, or PCRE2's negative error code.
 // The match data keeps its own copy of the name, so its groups stay readable afterwards.
-int intfNameKey(IntfId id, const pcre2_code* pattern, pcre2_match_data* matchData);
+int intfNameKey(IntfId id, const pcre2_real_code_8* pattern, pcre2_real_match_data_8* matchData);
 
 // The parts of a long name that compareIntfName looks at, computed once per name so that
 // sorting many names costs one split per name rather than two per comparison.

@@ -6,9 +6,9 @@
 // label below another label) and reports what it refused instead of throwing, so callers
 // can build stacks label by label and decide what a refusal means to them.
 
+#include <Korva/Types.h>
 #include <Korva/ValueType.h>
 #include <Mox/Exception.h>
-#include <Mox/Types.h>
 
 #include <array>
 #include <compare>

@@ -2,7 +2,7 @@
 // The few rtnetlink helpers the namespace utilities need: a route socket inside a
 // namespace, attribute packing, and a request/acknowledge exchange.
 
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 #include <linux/netlink.h>
 

@@ -5,7 +5,7 @@
 // never throws. Only netNsAdd and validateNetNs switch the calling thread's namespace,
 // and they always switch it back before returning.
 
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 namespace Korva {
 

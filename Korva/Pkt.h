@@ -14,10 +14,10 @@
 //   std::memcpy(pkt->newSharedHeadData(payloadLen), payload, payloadLen);
 //   auto* udp = reinterpret_cast<Korva::UdpHdr*>(pkt->newSharedHeadData(sizeof(UdpHdr)));
 
+#include <Korva/Types.h>
 #include <Mox/Assert.h>
 #include <Mox/Exception.h>
 #include <Mox/Ptr.h>
-#include <Mox/Types.h>
 
 #include <sys/uio.h>
 
@@ -164,10 +164,15 @@ class Pkt::SharedBuffer : public Mox::PtrInterface {
   static bool ptrWithinRegion(const U8* p, const U8* base, U32 size) noexcept {
     return uintptr_t(p) - uintptr_t(base) <= size;
   }
+  // Whether `bytes` from `p` stay within the region. Counted in 64 bits, not as p + bytes:
+  // with 32-bit pointers that sum wraps and a huge count would look like a small one.
+  static bool rangeWithinRegion(const U8* p, U32 bytes, const U8* base, U32 size) noexcept {
+    return ptrWithinRegion(p, base, size) && U64(p - base) + bytes <= size;
+  }
   void checkInvariant() const {
     MOX_ASSERT_TEXT(ptrWithinRegion(data_, buffer_, size_),
                     "ptrWithinRegion( data_, buffer_, size_ )");
-    MOX_ASSERT_TEXT(ptrWithinRegion(data_ + dataBytes_, buffer_, size_),
+    MOX_ASSERT_TEXT(rangeWithinRegion(data_, dataBytes_, buffer_, size_),
                     "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )");
   }
 

@@ -8,11 +8,11 @@
 //   while (Mox::Ptr<Korva::Pkt> pkt = sock->recvPkt(&from)) handle(pkt, from);
 
 #include <Korva/Pkt.h>
+#include <Korva/Types.h>
 #include <Korva/ValueType.h>
 #include <Mox/FileDescriptor.h>
 #include <Mox/Ptr.h>
 #include <Mox/Text.h>
-#include <Mox/Types.h>
 
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -11,7 +11,7 @@
 //   if (Korva::socketConnect(fd, Korva::IpGenAddr(dst), 53) != 0) { ... errno ... }
 
 #include <Korva/IpGenAddr.h>
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 #include <netinet/in.h>
 #include <sys/socket.h>

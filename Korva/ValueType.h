@@ -13,8 +13,8 @@
 //   Mox::RangeException and keep the value; tryParse<T>(text) is the non-throwing form.
 // - Constants in lower camel case, as the model compiler writes them (`maxTextSize`).
 
+#include <Korva/Types.h>
 #include <Mox/Exception.h>
-#include <Mox/Types.h>
 
 #include <concepts>
 #include <cstddef>

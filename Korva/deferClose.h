@@ -3,7 +3,7 @@
 // socket), which an event loop must never do. deferClose hands the descriptor to a closer
 // thread through a 512-slot ring; when the ring is full it closes at once instead.
 
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 #include <pthread.h>
 #include <semaphore.h>

@@ -118,10 +118,30 @@ bool ActivityManagerConfig::turn(double waitLimit) {
   } scope{inTurn_};
   inTurn_ = true;
   ++turns_;
-  const int eventCount = waitForEvents(waitLimit);
+  const bool ranDeferred = runDeferred();
+  const int eventCount = waitForEvents(deferredQueue_.linked() ? kNoWait : waitLimit);
   dispatch(eventCount);
   const bool fired = fireDueClocks();
-  return eventCount > 0 || fired;
+  return ranDeferred || eventCount > 0 || fired;
+}
+
+bool ActivityManagerConfig::runDeferred() {
+  if (!deferredQueue_.linked()) return false;
+  // What is scheduled from here on is for the next turn. If a piece of work throws, the
+  // rest goes back to the head of the queue, ahead of anything scheduled meanwhile.
+  deferredRunning_.takeFront(deferredQueue_);
+  struct Requeue {
+    DeferredLink& queue;
+    DeferredLink& running;
+    ~Requeue() { queue.takeFront(running); }
+  } requeue{deferredQueue_, deferredRunning_};
+  while (deferredRunning_.linked()) {
+    Deferred& deferred = *deferredRunning_.next->owner;
+    deferred.link_.unlink();
+    // The work may destroy its Deferred: nothing touches it afterwards.
+    deferred.work_();
+  }
+  return true;
 }
 
 int ActivityManagerConfig::waitForEvents(double waitLimit) {

@@ -1,7 +1,8 @@
 #pragma once
 // The event loop: one per thread, on epoll. Each turn waits for a watched descriptor
 // (Mox::FileDescriptor) or the earliest armed clock (Mox::Clock), whichever comes first,
-// dispatches the descriptors that are ready, then fires the clocks that are due. Nothing
+// dispatches the descriptors that are ready, then fires the clocks that are due. Work
+// deferred to it (Mox::Deferred) runs first, and a turn with such work does not wait. Nothing
 // in it blocks except that one epoll_wait, and a turn allocates nothing.
 //
 // Under Mox::VirtualTime the loop never waits in real time: a turn that finds no
@@ -16,6 +17,7 @@
 
 #include <Mox/Clock.h>
 #include <Mox/DeadlineHeap.h>
+#include <Mox/Deferred.h>
 #include <Mox/Entity.h>
 #include <Mox/Ptr.h>
 #include <Mox/Time.h>
@@ -38,8 +40,15 @@ class ActivityManagerConfig : public Entity {
   static Ptr<ActivityManagerConfig> current();
   ~ActivityManagerConfig() override;
 
-  // The activity's own clock: reactors that defer work to a later turn arm it (0.0 for
-  // the next turn) and watch it.
+  // The activity's own clock, shared by every reactor of the thread that watches it:
+  //  - any watcher may arm it, for the next turn only (0.0); a watcher that needs a later
+  //    time has a Clock of its own, since a shared clock keeps one time for everybody;
+  //  - it fires for all its watchers at once, so every watcher sees every firing, including
+  //    those another watcher asked for, and must check its own pending work in onTime();
+  //  - only a watcher in onTime() may disarm it (kNever): every watcher is told of that
+  //    firing in the same turn, so no request is lost. Disarming it anywhere else can drop
+  //    another watcher's request.
+  // New code that defers work uses Mox::Deferred, which keeps each owner's work apart.
   const Ptr<Clock>& clock() const noexcept { return clock_; }
 
   // Runs turns until stop().
@@ -62,6 +71,7 @@ class ActivityManagerConfig : public Entity {
  private:
   friend class FileDescriptor;
   friend class Clock;
+  friend class Deferred;
   static constexpr int kMaxEventsPerTurn = 64;
   // A wait limit that means "poll: do not wait, do not move virtual time".
   static constexpr double kNoWait = -kNever;
@@ -85,6 +95,7 @@ class ActivityManagerConfig : public Entity {
   int passVirtualTime(VirtualTime& virtualTime, double until);
   void dispatch(int eventCount);
   bool fireDueClocks();
+  bool runDeferred();
   void drainWakeup() noexcept;
 
   int epollFd_ = -1;
@@ -95,6 +106,8 @@ class ActivityManagerConfig : public Entity {
   DeadlineHeap clocks_;
   std::vector<DeadlineHeap::Entry*> dueEntries_;  // reused each turn: no allocation
   std::vector<Ptr<Clock>> dueClocks_;
+  DeferredLink deferredQueue_;    // work for the next turn, in schedule() order
+  DeferredLink deferredRunning_;  // work of this turn still to run
   epoll_event events_[kMaxEventsPerTurn];
   std::atomic<bool> stopRequested_{false};
   bool inTurn_ = false;

@@ -1,5 +1,5 @@
 #pragma once
-// Integer widths and string types shared by the runtime and the library.
+// Integer widths and string types of the runtime and of everything built on it.
 
 #include <cstdint>
 #include <string>
@@ -22,11 +22,3 @@ using Name = std::string;
 using TextIter = const char*;
 
 }  // namespace Mox
-
-namespace Korva {
-using Mox::S32;
-using Mox::U16;
-using Mox::U32;
-using Mox::U64;
-using Mox::U8;
-}  // namespace Korva

@@ -6,5 +6,15 @@ foreach(way pkg-config cmake)
 endforeach()
 set_tests_properties(install_builds_agent_with_pkg-config PROPERTIES TIMEOUT 60)
 set_tests_properties(install_builds_agent_with_cmake PROPERTIES TIMEOUT 90)
-add_test(NAME debian_packages COMMAND ${CMAKE_SOURCE_DIR}/scripts/check-packages ${CMAKE_BINARY_DIR})
-set_tests_properties(debian_packages PROPERTIES TIMEOUT 120)
+if(KORVA_AGENT_FLAGS)
+  # Another width (the 32-bit build): the agent is built for it, against its sysroot.
+  set_tests_properties(install_builds_agent_with_pkg-config install_builds_agent_with_cmake
+    PROPERTIES ENVIRONMENT "KORVA_AGENT_FLAGS=${KORVA_AGENT_FLAGS};\
+PKG_CONFIG_LIBDIR=${KORVA_AGENT_PKG_CONFIG_LIBDIR};\
+KORVA_AGENT_CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE} -DKORVA_I386_SYSROOT=${KORVA_I386_SYSROOT}")
+else()
+  # Packages are checked on the native build only: dpkg-shlibdeps needs the target's
+  # libraries installed as packages, which the 32-bit sysroot's are not.
+  add_test(NAME debian_packages COMMAND ${CMAKE_SOURCE_DIR}/scripts/check-packages ${CMAKE_BINARY_DIR})
+  set_tests_properties(debian_packages PROPERTIES TIMEOUT 120)
+endif()

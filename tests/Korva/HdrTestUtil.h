@@ -3,7 +3,7 @@
 // words: written into a header of random bytes, each field reads back what was written,
 // and the header's wire bytes change in exactly that field's bits of its big-endian word.
 
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 #include <gtest/gtest.h>
 

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
+
 #include <algorithm>
 #include <cstring>
 #include <functional>

@@ -204,6 +204,8 @@ TEST(PktDeathTest, Assertions) {
   EXPECT_DEATH(pkt->rawByteIs(4, 1), "Assertion \"0\" failed");
   EXPECT_DEATH(pkt->delSharedHeadData(5), "ptrWithinRegion\\( data_, buffer_");
   EXPECT_DEATH(pkt->sharedBuffer()->newTailData(1), "ptrWithinRegion\\( data_ \\+ dataBytes_");
+  // The count wraps to 4294967295; the check must not wrap with it on 32-bit pointers.
+  EXPECT_DEATH(pkt->delSharedTailData(5), "ptrWithinRegion\\( data_ \\+ dataBytes_");
   EXPECT_DEATH(pkt->sharedBufferIs(Korva::globalPktManager()->newSharedBuffer()),
                "Assertion \"firstIoVec_ == maxIovecs_\" failed");
 

@@ -1,8 +1,8 @@
 #pragma once
 // Helpers shared by the value-type test suites.
 
+#include <Korva/Types.h>
 #include <Mox/Exception.h>
-#include <Mox/Types.h>
 
 #include <gtest/gtest.h>
 

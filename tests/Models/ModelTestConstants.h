@@ -1,7 +1,7 @@
 #pragma once
 // Constants the test models name in their bounds.
 
-#include <Mox/Types.h>
+#include <Korva/Types.h>
 
 namespace ModelTest {
 
