@@ -5,6 +5,7 @@
 #include <Mox/Trace.h>
 
 #include <algorithm>
+#include <bit>
 
 namespace Korva {
 
@@ -24,11 +25,46 @@ void flatten(Pkt& pkt) {
   if (tagged) pkt.newSeparateVlanTag(tci, tpid);
 }
 
-// The first entry of a sorted (key, output) array whose key is not below `key`.
-template <class Index>
-auto indexPosition(Index& index, U32 key) {
-  return std::lower_bound(index.begin(), index.end(), key,
-                          [](const auto& entry, U32 k) { return entry.first < k; });
+// The per-packet index of outputs: (key, output) slots in a power-of-two array, open
+// addressing with linear probing, an empty slot holding no output. It is kept at most half
+// full, so a look-up mostly reads the key's home slot and nothing else.
+using OutputIndex = std::vector<std::pair<U32, Pam*>>;
+
+size_t homeSlot(U32 key, size_t mask) {
+  // Fibonacci hashing: the product's high bits spread consecutive keys (ports, ids) apart.
+  return static_cast<size_t>((U64(key) * 0x9E3779B97F4A7C15ull) >> 32) & mask;
+}
+
+// The slot holding `key`, or the empty slot where it would go.
+size_t slotOf(const OutputIndex& index, U32 key) {
+  const size_t mask = index.size() - 1;
+  size_t slot = homeSlot(key, mask);
+  while (index[slot].second && index[slot].first != key) slot = (slot + 1) & mask;
+  return slot;
+}
+
+// Lays `entries` (key, output) pairs out afresh, a quarter full.
+template <class Entries>
+void indexRebuild(OutputIndex& index, const Entries& entries) {
+  index.assign(std::bit_ceil(std::max<size_t>(8, 4 * entries.size())), {0, nullptr});
+  for (const auto& [key, output] : entries) index[slotOf(index, key)] = {key, output.get()};
+}
+
+void indexErase(OutputIndex& index, U32 key) {
+  if (index.empty()) return;
+  const size_t mask = index.size() - 1;
+  size_t hole = slotOf(index, key);
+  if (!index[hole].second) return;
+  // Later entries of the probe run move back into the hole unless that would put them in
+  // front of their home slot, so every entry stays reachable from its home.
+  for (size_t slot = (hole + 1) & mask; index[slot].second; slot = (slot + 1) & mask) {
+    const size_t home = homeSlot(index[slot].first, mask);
+    if (((slot - home) & mask) >= ((slot - hole) & mask)) {
+      index[hole] = index[slot];
+      hole = slot;
+    }
+  }
+  index[hole] = {0, nullptr};
 }
 
 }  // namespace
@@ -125,30 +161,17 @@ U32 PamMuxDemux::decapsulate(const Mox::Ptr<Pkt>&) {
 void PamMuxDemux::manyPamIs(U32 key, const Mox::Ptr<Pam>& pam) {
   if (!pam) return manyPamDel(key);
   manyPam_[key] = pam;
-  auto entry = indexPosition(manyPamIndex_, key);
-  if (entry != manyPamIndex_.end() && entry->first == key) {
-    entry->second = pam.get();
-  } else {
-    manyPamIndex_.insert(entry, {key, pam.get()});
-  }
+  if (2 * manyPam_.size() > manyPamIndex_.size()) return indexRebuild(manyPamIndex_, manyPam_);
+  manyPamIndex_[slotOf(manyPamIndex_, key)] = {key, pam.get()};
 }
 
 void PamMuxDemux::manyPamDel(U32 key) {
   manyPam_.erase(key);
-  auto entry = indexPosition(manyPamIndex_, key);
-  if (entry != manyPamIndex_.end() && entry->first == key) manyPamIndex_.erase(entry);
+  indexErase(manyPamIndex_, key);
 }
 
 Pam* PamMuxDemux::manyPamFind(U32 key) const noexcept {
-  if (manyPamIndex_.empty()) return nullptr;
-  // Halving without branches: the keys of a burst come in no order a predictor learns.
-  const std::pair<U32, Pam*>* entry = manyPamIndex_.data();
-  for (size_t count = manyPamIndex_.size(); count > 1;) {
-    const size_t half = count / 2;
-    entry = entry[half].first <= key ? entry + half : entry;
-    count -= half;
-  }
-  return entry->first == key ? entry->second : nullptr;
+  return manyPamIndex_.empty() ? nullptr : manyPamIndex_[slotOf(manyPamIndex_, key)].second;
 }
 
 void PamMuxDemux::manyPamSmIs(U32 key, const Mox::Ptr<Pam>& pam) {

@@ -127,8 +127,8 @@ class PamMuxDemux : public Mox::PtrInterface {
   Mox::Ptr<Pam> onePam_;
   std::unique_ptr<MoxOnePam> onePamReactor_;
   std::map<U32, Mox::Ptr<Pam>> manyPam_;
-  // manyPam_ again, as a sorted flat array: every packet looks its key up, and a few
-  // contiguous keys are found faster than by walking tree nodes.
+  // manyPam_ again, as a hash index: every packet looks its key up, which a tree (or a
+  // binary search) does in a chain of dependent loads and compares.
   std::vector<std::pair<U32, Pam*>> manyPamIndex_;
   std::map<U32, std::unique_ptr<MoxManyPamSm>> manyPamSm_;
   std::deque<U32> pamDeferred_;
