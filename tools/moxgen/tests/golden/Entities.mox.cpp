@@ -13,6 +13,13 @@ Mox::Ptr<Leaf> leafFactory(const Mox::Name& name) {
   return Mox::Ptr<Leaf>(new Leaf(name));
 }
 
+KeyedLeaf::KeyedLeaf(const Mox::Name& name, const Values::Part& part)
+    : Mox::Entity(name), part_(part) {}
+
+Mox::Ptr<KeyedLeaf> keyedLeafFactory(const Mox::Name& name, const Values::Part& part) {
+  return Mox::Ptr<KeyedLeaf>(new KeyedLeaf(name, part));
+}
+
 namespace {
 
 void checkStatusWeight(Mox::U16 value) {
@@ -20,13 +27,15 @@ void checkStatusWeight(Mox::U16 value) {
     throw Mox::RangeException("Status::weight < 1 not allowed");
   }
   if (value > maxWeight) {
-    throw Mox::RangeException("Status::weight > Expr @Entities.mox:14 not allowed");
+    throw Mox::RangeException("Status::weight > Expr @Entities.mox:17 not allowed");
   }
 }
 
 }  // namespace
 
-Status::Status(const Mox::Name& name) : Mox::Entity(name) {}
+Status::Status(const Mox::Name& name) : Mox::Entity(name) {
+  newLeaf(Mox::Name("default"));
+}
 
 void Status::readableIs(Mox::U32 readable) {
   if (readable_ == readable) return;
@@ -259,6 +268,14 @@ Mox::Ptr<Leaf> Status::newLeaf(const Mox::Name& key) {
   return child;
 }
 
+void Status::leafIs(const Mox::Name& key, const Mox::Ptr<Leaf>& child) {
+  MOX_ASSERT(child);
+  Mox::Ptr<Leaf>& entry = leaf_[key];
+  if (entry == child) return;
+  entry = child;
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(key); });
+}
+
 void Status::leafDel(const Mox::Name& key) {
   auto entry = leaf_.find(key);
   if (entry == leaf_.end()) return;
@@ -275,6 +292,46 @@ void Status::leafDelAll() {
 
 void Status::leafNotify(const Mox::Name& key) const {
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(key); });
+}
+
+Mox::Ptr<KeyedLeaf> Status::keyedLeaf(const Values::Part& key) const {
+  auto entry = keyedLeaf_.find(key);
+  return entry == keyedLeaf_.end() ? nullptr : entry->second;
+}
+
+Mox::Ptr<KeyedLeaf> Status::newKeyedLeaf(const Values::Part& key) {
+  auto entry = keyedLeaf_.find(key);
+  if (entry != keyedLeaf_.end()) return entry->second;
+  Mox::Ptr<KeyedLeaf> child = keyedLeafFactory(Mox::Name(valueToStrep(key)), key);
+  keyedLeaf_.emplace(key, child);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(key); });
+  return child;
+}
+
+void Status::keyedLeafIs(const Values::Part& key, const Mox::Ptr<KeyedLeaf>& child) {
+  MOX_ASSERT(child);
+  Mox::Ptr<KeyedLeaf>& entry = keyedLeaf_[key];
+  if (entry == child) return;
+  entry = child;
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(key); });
+}
+
+void Status::keyedLeafDel(const Values::Part& key) {
+  auto entry = keyedLeaf_.find(key);
+  if (entry == keyedLeaf_.end()) return;
+  auto removed = keyedLeaf_.extract(entry);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(removed.key()); });
+}
+
+void Status::keyedLeafDelAll() {
+  while (!keyedLeaf_.empty()) {
+    auto removed = keyedLeaf_.extract(keyedLeaf_.begin());
+    notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(removed.key()); });
+  }
+}
+
+void Status::keyedLeafNotify(const Values::Part& key) const {
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(key); });
 }
 
 Mox::Ptr<Status> statusFactory(const Mox::Name& name) {

@@ -277,4 +277,47 @@ std::ostream& operator<<(std::ostream& os, const Part& value) {
   return os << value.stringValue();
 }
 
+namespace {
+
+constexpr Mox::EnumText<Origin::Id> kOriginIdTexts[] = {
+    {Origin::Id::dynamic, "dynamic"},
+    {Origin::Id::cli, "cli"},
+    {Origin::Id::evpn, "evpn"},
+};
+
+}  // namespace
+
+std::string valueToStrep(Origin::Id value) { return Mox::enumToStrep(value, kOriginIdTexts); }
+
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin::Id* value) {
+  Mox::enumFromSequence(it, end, value, kOriginIdTexts, "Invalid Id");
+}
+
+std::ostream& operator<<(std::ostream& os, Origin::Id value) {
+  return os << valueToStrep(value);
+}
+
+std::string Origin::stringValue() const { return valueToStrep(value_); }
+
+void Origin::stringValueIs(std::string_view text) {
+  valueIs(Mox::valueFromText<Origin::Id>(text, "Invalid Origin"));
+}
+
+std::string valueToStrep(const Origin& value) {
+  return valueToStrep(value.value());
+}
+
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin* value) {
+  Mox::TextIter cursor = it;
+  Origin::Id raw{};
+  Mox::deserializeAttr(cursor, end, &raw);
+  Origin parsed(raw);
+  it = cursor;
+  *value = std::move(parsed);
+}
+
+std::ostream& operator<<(std::ostream& os, const Origin& value) {
+  return os << value.stringValue();
+}
+
 }  // namespace Golden::Values
