@@ -10,7 +10,7 @@ namespace {
 
 Mox::TraceHandle trace("Ip6SocketPam");
 
-const U32 kTransmitOptions =
+const U32 transmitOptions =
     ipSocketOptions({IpSocketOptions::ipFreeBind, IpSocketOptions::ipMulticastLoop,
                      IpSocketOptions::ipTransparent, IpSocketOptions::ipPriority});
 
@@ -56,7 +56,7 @@ void Ip6HdrInclSocketPam::enabledIs(bool enabled) {
 
 void Ip6HdrInclSocketPam::optionsIs(U32 options) {
   txPam()->priorityIs(priority());
-  txPam()->optionsIs(options & kTransmitOptions);
+  txPam()->optionsIs(options & transmitOptions);
   Ip6HdrInclSocketPamBase::optionsIs(options);
 }
 

@@ -25,7 +25,7 @@ constexpr IpOptionStep kReceiveSteps[] = {
 };
 constexpr int kHopLimitOptions[] = {IPV6_UNICAST_HOPS, IPV6_MULTICAST_HOPS};
 
-const IpSocketFamily kIpv6{
+const IpSocketFamily ipv6Family{
     AF_INET6,
     "Ip6SocketPam",
     trace,
@@ -40,7 +40,7 @@ const IpSocketFamily kIpv6{
 }  // namespace
 
 const IpSocketFamily* Ip6SocketPam::socketFamily() const {
-  return &kIpv6;
+  return &ipv6Family;
 }
 
 }  // namespace Korva

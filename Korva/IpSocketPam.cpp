@@ -24,7 +24,7 @@ constexpr IpOptionStep kReceiveSteps[] = {
 };
 constexpr int kTtlOptions[] = {IP_TTL};
 
-const IpSocketFamily kIpv4{
+const IpSocketFamily ipv4Family{
     AF_INET,
     "IpSocketPam",
     trace,
@@ -42,7 +42,7 @@ constexpr unsigned char kRouterAlert[] = {0x94, 0x04};
 }  // namespace
 
 const IpSocketFamily* IpSocketPam::socketFamily() const {
-  return &kIpv4;
+  return &ipv4Family;
 }
 
 void IpSocketPam::ipPktOptionIs(IpPktOption option, bool value) {

@@ -29,8 +29,8 @@ namespace {
 Mox::TraceHandle trace("UdpPamDtls");
 
 // Handshake calls a session may fail and still wait; one more resets it.
-constexpr U16 kServerHandshakeLimit = 6;
-constexpr U16 kClientHandshakeLimit = 20;
+constexpr U16 serverHandshakeLimit = 6;
+constexpr U16 clientHandshakeLimit = 20;
 
 // The Pam of an SSL object, for the cookie callbacks.
 int ownerIndex() {
@@ -68,9 +68,9 @@ bool cookieFor(SSL* ssl, const std::array<U8, 16>& secret, unsigned char* cookie
     return false;
   }
   MOX_TRACE(trace, 9, "generate cookie peer family is INET");
-  constexpr size_t kMaterialBytes = 6;
+  constexpr size_t materialBytes = 6;
   std::unique_ptr<unsigned char, void (*)(unsigned char*)> material(
-      static_cast<unsigned char*>(OPENSSL_malloc(kMaterialBytes)),
+      static_cast<unsigned char*>(OPENSSL_malloc(materialBytes)),
       [](unsigned char* bytes) { OPENSSL_free(bytes); });
   if (!material) {
     MOX_TRACE(trace, 0, "generate_cookie: error out of memory");
@@ -81,7 +81,7 @@ bool cookieFor(SSL* ssl, const std::array<U8, 16>& secret, unsigned char* cookie
   const unsigned short port = BIO_ADDR_rawport(peer.get());
   std::memcpy(material.get() + 4, &port, 2);
   return EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA1", nullptr, secret.data(), secret.size(),
-                   material.get(), kMaterialBytes, cookie, DTLS1_COOKIE_LENGTH, length) != nullptr;
+                   material.get(), materialBytes, cookie, DTLS1_COOKIE_LENGTH, length) != nullptr;
 }
 
 // One context set-up step: a failure traces OpenSSL's reason (and `traceText` when
@@ -573,7 +573,7 @@ void UdpPamDtlsSession::doSslControl() {
     return;
   }
   handshakeErrCountIs(U16(handshakeErrCount() + 1));
-  const U16 limit = isServer() ? kServerHandshakeLimit : kClientHandshakeLimit;
+  const U16 limit = isServer() ? serverHandshakeLimit : clientHandshakeLimit;
   if (handshakeErrCount() > limit) {
     MOX_TRACE(trace, 1,
               "UdpPamDtlsSession::doSslControl: SSL_connect/SSL_accept failed more than "

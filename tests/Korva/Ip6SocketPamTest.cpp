@@ -117,13 +117,8 @@ TEST_F(Ip6SocketPamLocalTest, AFailedEnableClosesBothSockets) {
   Ptr<Korva::Ip6HdrInclSocketPam> pam = Korva::ip6HdrInclSocketPamFactory(
       "nofilter", Korva::ipProtoIcmpv6, Korva::NamespaceName(ns_->name()));
   pam->optionsIs(ipSocketOptions({IpSocketOptions::ipAttachFilter}));
-  try {
-    pam->enabledIs(true);
-    ADD_FAILURE() << "enable should fail";
-  } catch (const Mox::ErrnoException& error) {
-    EXPECT_STREQ(error.what(), "SO_ATTACH_FILTER option must be supplied with a valid filter");
-    EXPECT_EQ(error.errorNumber(), EINVAL);
-  }
+  SocketTest::expectErrnoFailure([&] { pam->enabledIs(true); }, EINVAL,
+                                 "SO_ATTACH_FILTER option must be supplied with a valid filter");
   EXPECT_FALSE(pam->enabled());
   EXPECT_FALSE(pam->txPam()->enabled());
   EXPECT_EQ(SocketTest::openDescriptorCount(), descriptors);

@@ -82,8 +82,7 @@ TEST(IpGenAddrOrder, FamilyFirst) {
   std::mt19937 rng(22);
   for (int i = 0; i < 10000; ++i) {
     const IpAddr x(static_cast<Mox::U32>(rng())), y(static_cast<Mox::U32>(rng()));
-    ASSERT_EQ(IpGenAddr(x) < IpGenAddr(y), x < y);
-    ASSERT_EQ(IpGenAddr(x) >= IpGenAddr(y), x >= y);
+    ASSERT_EQ(IpGenAddr(x) <=> IpGenAddr(y), x <=> y);
   }
 }
 

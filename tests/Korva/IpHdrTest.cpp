@@ -1,6 +1,7 @@
 #include <Korva/IpHdr.h>
 
 #include "HdrTestUtil.h"
+#include "ValueTestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -87,12 +88,8 @@ TEST(IpHdrDeathTest, Assertions) {
   pkt->newSharedHeadData(27);
   EXPECT_DEATH(Korva::ipHdrWrapperFactory(pkt, 8),
                "Assertion \"\\( offset_ \\+ sizeof\\( IpHdr \\) \\) <= pkt_->frontBytes\\(\\)\"");
-  try {
-    Korva::ipHdrWrapperFactory(nullptr, 0);
-    FAIL();
-  } catch (const Mox::RangeException& e) {
-    EXPECT_STREQ(e.what(), "null ValidPtr");
-  }
+  EXPECT_EQ(KorvaTest::failureText([] { Korva::ipHdrWrapperFactory(nullptr, 0); }),
+            "null ValidPtr");
 }
 
 }  // namespace

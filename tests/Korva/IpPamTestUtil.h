@@ -74,11 +74,7 @@ inline void expectOptions(const Korva::IpPam& pam, std::initializer_list<Expecte
   }
 }
 
-inline Mox::Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
-  Mox::Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
-  pkt->stringValueIs(bytes);
-  return pkt;
-}
+using SocketTest::packetOf;
 
 // A UDP datagram from port 40000 to `port`, its checksum computed over the addresses it
 // will carry (IpAddr or Ip6Addr); the caller puts the IP header in front.

@@ -184,21 +184,6 @@ TEST_F(NetnsUtils, SocketAtAMissingNamespaceKeepsErrno) {
   EXPECT_TRUE(capture.contains("korva-test-missing"));
 }
 
-TEST_F(NetnsUtils, AddFromASecondThreadNamesThatThreadsNewNamespace) {
-  ScopedNs ns;
-  int result = -1;
-  Mox::U64 threadBefore = 0, threadAfter = 0;
-  std::thread worker([&] {
-    threadBefore = threadNsInode();
-    result = netNsAdd(ns.name());
-    threadAfter = threadNsInode();
-  });
-  worker.join();
-  ASSERT_EQ(result, 0);
-  EXPECT_EQ(threadBefore, threadAfter);
-  EXPECT_NE(netNsInode(ns.name()), inodeOf("/proc/self/ns/net"));
-}
-
 TEST_F(NetnsUtils, ValidateTellsEnterableFromNot) {
   ScopedNs ns;
   ASSERT_EQ(netNsAdd(ns.name()), 0);

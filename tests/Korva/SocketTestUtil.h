@@ -10,7 +10,11 @@
 #include <Mox/Exception.h>
 
 #include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -18,6 +22,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -141,6 +146,38 @@ class PythonPeer {
   FILE* pipe_ = nullptr;
 };
 
+// Runs the loop until `link` in namespace `ns` is operationally up. The kernel reports link
+// changes on a netlink socket that the loop watches, so nothing polls or sleeps.
+inline bool runUntilLinkRunning(const std::string& ns, const std::string& link) {
+  const int probe = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns);
+  const int netlink = Korva::socketAt(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, ns);
+  sockaddr_nl groups{};
+  groups.nl_family = AF_NETLINK;
+  groups.nl_groups = RTMGRP_LINK;
+  if (probe < 0 || netlink < 0 ||
+      bind(netlink, reinterpret_cast<sockaddr*>(&groups), sizeof groups) != 0) {
+    return false;
+  }
+  auto messages = Mox::make<Mox::FileDescriptor>("links", netlink);
+  struct Drain : Mox::FileDescriptor::Notifiee {
+    void onReadableCount() override {
+      char buffer[8192];
+      while (recv(notifier()->descriptor(), buffer, sizeof buffer, 0) > 0) {
+      }
+    }
+  } drain;
+  drain.notifierIs(messages);
+  const bool running = Mox::runUntil(
+      [&] {
+        ifreq request{};
+        std::strncpy(request.ifr_name, link.c_str(), IFNAMSIZ - 1);
+        return ioctl(probe, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING);
+      },
+      5.0);
+  close(probe);
+  return running;
+}
+
 // The number of descriptors this process has open.
 inline int openDescriptorCount() {
   int count = 0;
@@ -154,15 +191,24 @@ inline bool waitReadable(const Korva::PktSocket& sock) {
   return Mox::runUntil([&] { return sock.fileDescriptor()->readableCount() > before; }, 5.0);
 }
 
-// Runs `step`, which must fail with `expected` as a Mox::ErrnoException of empty message.
-inline void expectErrnoFailure(const std::function<void()>& step, int expected) {
+// Runs `step`, which must fail with `expected` as a Mox::ErrnoException naming `stepName`
+// (none by default).
+inline void expectErrnoFailure(const std::function<void()>& step, int expected,
+                               const std::string& stepName = "") {
   try {
     step();
     ADD_FAILURE() << "no failure, expected errno " << expected;
   } catch (const Mox::ErrnoException& e) {
     EXPECT_EQ(e.errorNumber(), expected);
-    EXPECT_STREQ(e.what(), "");
+    EXPECT_EQ(e.what(), stepName);
+    EXPECT_EQ(e.description(), (stepName.empty() ? "" : stepName + ": ") + std::strerror(expected));
   }
+}
+
+inline Mox::Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
+  Mox::Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
+  pkt->stringValueIs(bytes);
+  return pkt;
 }
 
 }  // namespace SocketTest

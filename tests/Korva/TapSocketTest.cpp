@@ -3,6 +3,7 @@
 #include <Mox/Exception.h>
 
 #include "SocketTestUtil.h"
+#include "ValueTestUtil.h"
 
 #include <linux/capability.h>
 #include <linux/if_packet.h>
@@ -29,15 +30,6 @@ using SocketTest::ScopedNs;
 constexpr const char* kPermissionHint = " (try: sudo chmod 666 /dev/net/tun)";
 constexpr const char* kKernelHint = " (is the kernel tun-enabled?)";
 
-std::string setupFailureText(const std::function<void()>& setup) {
-  try {
-    setup();
-  } catch (const Mox::Exception& e) {
-    return e.what();
-  }
-  return "(no failure)";
-}
-
 // Drops CAP_NET_ADMIN from the calling thread only (capabilities are per thread).
 bool dropNetAdmin() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
@@ -61,11 +53,11 @@ class TapSocketTest : public ::testing::Test {
 
 TEST_F(TapSocketTest, AFailedIoctlNamesItselfWithTheKernelHintAndCloses) {
   inNs([] {
-    EXPECT_EQ(setupFailureText([] { TapSocket("bad/name", TapSocket::tap); }),
+    EXPECT_EQ(KorvaTest::failureText<Mox::Exception>([] { TapSocket("bad/name", TapSocket::tap); }),
               std::string("ioctl TUNSETIFF: ") + std::strerror(EINVAL) + kKernelHint);
     TapSocket first("ktap1", TapSocket::tap);
     const int before = SocketTest::openDescriptorCount();
-    EXPECT_EQ(setupFailureText([] { TapSocket("ktap1", TapSocket::tap); }),
+    EXPECT_EQ(KorvaTest::failureText<Mox::Exception>([] { TapSocket("ktap1", TapSocket::tap); }),
               std::string("ioctl TUNSETIFF: ") + std::strerror(EBUSY) + kKernelHint);
     EXPECT_EQ(SocketTest::openDescriptorCount(), before) << "the failed open is closed";
   });
@@ -74,7 +66,7 @@ TEST_F(TapSocketTest, AFailedIoctlNamesItselfWithTheKernelHintAndCloses) {
 TEST_F(TapSocketTest, MissingPermissionGivesTheChmodHint) {
   inNs([] {
     if (!dropNetAdmin()) GTEST_SKIP() << "cannot drop CAP_NET_ADMIN";
-    EXPECT_EQ(setupFailureText([] { TapSocket("ktap2", TapSocket::tap); }),
+    EXPECT_EQ(KorvaTest::failureText<Mox::Exception>([] { TapSocket("ktap2", TapSocket::tap); }),
               std::string("ioctl TUNSETIFF: ") + std::strerror(EPERM) + kPermissionHint);
   });
 }

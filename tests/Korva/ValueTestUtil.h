@@ -65,16 +65,4 @@ std::vector<std::string> sortedTexts(std::initializer_list<const char*> texts) {
   return printed;
 }
 
-// Thomas Wang's 32-bit integer hash in its shift-and-add spelling, written independently of
-// the library's mix.
-inline Mox::U32 referenceMix(Mox::U32 w) {
-  w = ~w + (w << 15);
-  w = w ^ (w >> 12);
-  w = w + (w << 2);
-  w = w ^ (w >> 4);
-  w = w + (w << 3) + (w << 11);
-  w = w ^ (w >> 16);
-  return w;
-}
-
 }  // namespace KorvaTest

@@ -66,13 +66,6 @@ TEST(Activity, RunUntilChecksTheConditionFirstAndIsBoundedInRealTime) {
   EXPECT_GE(Mox::now(), start + 0.02);
 }
 
-TEST(Activity, RunUntilWaitsForARealDescriptor) {
-  Pipe p;
-  std::thread writer([&] { p.writeByte(); });
-  EXPECT_TRUE(Mox::runUntil([&] { return p.readable(); }, 10.0));
-  writer.join();
-}
-
 TEST(Activity, VirtualTimeNeverWaitsInRealTime) {
   Mox::VirtualTime time;
   Pipe p;

@@ -85,20 +85,6 @@ class FileDescriptorTest : public ::testing::Test {
 
 // --- ownership ---
 
-TEST_F(FileDescriptorTest, TakesOverAsNonBlockingAndClosesWhatItLetsGo) {
-  const int first = pipe_[0], second = pipe_[1];
-  ASSERT_FALSE(fcntl(first, F_GETFL) & O_NONBLOCK);
-  auto fd = readEnd();
-  EXPECT_TRUE(fd->nonBlocking());
-  EXPECT_TRUE(fcntl(first, F_GETFL) & O_NONBLOCK);
-  fd->descriptorIs(second);
-  pipe_[1] = -1;
-  EXPECT_FALSE(isOpen(first));
-  EXPECT_EQ(fd->descriptor(), second);
-  fd = nullptr;
-  EXPECT_FALSE(isOpen(second));
-}
-
 // A refused descriptor is closed, leaves the object empty and names the failing step.
 TEST_F(FileDescriptorTest, RefusedDescriptorThrowsNamingTheStep) {
   // epoll refuses regular files (and memfds) with EPERM.

@@ -1,5 +1,6 @@
 #include <Mox/Text.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -16,6 +17,8 @@ using Mox::U16;
 using Mox::U32;
 using Mox::U64;
 using Mox::U8;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 // --- dectol, needString, skipString ---
 
@@ -45,12 +48,8 @@ TEST(NeedString, StepsOverTheLiteralOrThrowsInPlace) {
   EXPECT_EQ(it, text.data());
   EXPECT_TRUE(Mox::skipString(it, end, "Value"));
   EXPECT_EQ(it, text.data() + 5);
-  try {
-    Mox::needString(it, end, "('X')");  // runs off the end
-    FAIL() << "no exception";
-  } catch (const Mox::RangeException& e) {
-    EXPECT_STREQ(e.what(), "Expected ('X')");
-  }
+  EXPECT_THAT([&] { Mox::needString(it, end, "('X')"); },  // runs off the end
+              ThrowsMessage<Mox::RangeException>(StrEq("Expected ('X')")));
   EXPECT_EQ(it, text.data() + 5);
   Mox::needString(it, end, "('X'");
   EXPECT_EQ(it, end);
@@ -175,12 +174,9 @@ TEST(Failure, RefusedTextLeavesValueAndIterator) {
 TEST(ValueFromText, DemandsTheWholeText) {
   EXPECT_EQ(Mox::valueFromText<U16>("8080", "Invalid port"), 8080);
   for (const char* text : {"80x", "", "70000", " 80"}) {
-    try {
-      Mox::valueFromText<U16>(text, "Invalid port");
-      ADD_FAILURE() << text;
-    } catch (const Mox::RangeException& e) {
-      EXPECT_STREQ(e.what(), "Invalid port");
-    }
+    EXPECT_THAT([&] { Mox::valueFromText<U16>(text, "Invalid port"); },
+                ThrowsMessage<Mox::RangeException>(StrEq("Invalid port")))
+        << text;
   }
 }
 
