@@ -81,18 +81,16 @@ void AttrLogMount::connect() {
 
 void AttrLogMount::readable() {
   size_t total = 0;
-  while (fd_ && total < kReadPerTurn) {
+  std::string ended;  // why the stream ended, once the records before the end are applied
+  while (ended.empty() && total < kReadPerTurn) {
     const size_t before = in_.size();
     in_.resize(before + kReadChunk);
     const ssize_t got = ::recv(fd_->descriptor(), in_.data() + before, kReadChunk, MSG_DONTWAIT);
     in_.resize(before + static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    if (got == 0) return disconnect("the publisher closed the connection");
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN) break;
-      return disconnect(std::string("recv: ") + std::strerror(errno));
-    }
-    total += static_cast<size_t>(got);
+    if (got == 0) ended = "the publisher closed the connection";
+    if (got < 0 && errno == EAGAIN) break;
+    if (got < 0 && errno != EINTR) ended = std::string("recv: ") + std::strerror(errno);
+    total += static_cast<size_t>(std::max<ssize_t>(got, 0));
   }
   size_t used = 0;
   while (fd_ && in_.size() - used >= 4) {
@@ -106,7 +104,9 @@ void AttrLogMount::readable() {
     record(std::string_view(in_.data() + used + 4, size));
     used += 4 + size;
   }
-  if (fd_) in_.erase(0, used);
+  if (!fd_) return;  // a record was bad: the connection is gone already
+  in_.erase(0, used);
+  if (!ended.empty()) disconnect(ended);
 }
 
 void AttrLogMount::record(std::string_view bytes) {

@@ -297,5 +297,32 @@ TEST(AttrLog, DamagedBytesDropTheConnectionAndKeepTheState) {
   }
 }
 
+// A mount that reads nothing is cut off once its queue passes the bound; the publisher
+// and its other mount go on.
+TEST(AttrLog, StalledMountIsCutOff) {
+  const std::string endpoint = uniqueEndpoint("stalled");
+  auto root = rootFactory("root");
+  auto publisher = Mox::make<Mox::AttrLogPublisher>(endpoint, root, 256u << 10);
+  sockaddr_un address;
+  const socklen_t length = Mox::attrLogAddress(endpoint, &address);
+  const int stalled = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(connect(stalled, reinterpret_cast<sockaddr*>(&address), length), 0);
+  auto mount = Mox::make<Mox::AttrLogMount>(endpoint, rootFactory("root"));
+  ASSERT_TRUE(Mox::runUntil([&] { return mount->connected(); }, 5.0));
+  Mox::LogCapture log;
+  for (Mox::U32 i = 0; i < 200000 && publisher->cutOffs() == 0; ++i) {
+    root->flagIs(i % 1000, (i / 1000) % 2);
+    if (i % 1000 == 0) Mox::runOnce();
+  }
+  EXPECT_EQ(publisher->cutOffs(), 1u);
+  EXPECT_EQ(log.count("ATTRLOG_MOUNT_CUT_OFF"), 1u);
+  root->countInc(7);
+  ASSERT_TRUE(
+      Mox::runUntil([&] { return static_cast<Root*>(mount->root().get())->count() == 7; }, 5.0));
+  EXPECT_EQ(dump(*mount->root()), dump(*root));
+  EXPECT_EQ(publisher->mountCount(), 1u);
+  close(stalled);
+}
+
 }  // namespace
 }  // namespace AttrLogTest
