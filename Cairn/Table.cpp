@@ -225,13 +225,13 @@ void TableWriterCore::writeSlot(U32 index, U32 state, const void* key, const voi
   head->version.store(written, std::memory_order_release);
 }
 
-void TableWriterCore::publish(const void* key) {
+void TableWriterCore::publish(const void* key, bool notified) {
   const U64 change = header_->changes.load(std::memory_order_relaxed);
   RecordHead* record = header_->record(change);
   record->stamp.store(2 * change + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
   std::memcpy(reinterpret_cast<U8*>(record) + sizeof(RecordHead), key, header_->f.keySize);
-  record->stamp.store(2 * change + 2, std::memory_order_release);
+  record->stamp.store((2 * change + 2) | (notified ? notifiedStamp : 0), std::memory_order_release);
   header_->changes.store(change + 1);
   if (wake_) wake_->wake();
 }
@@ -431,7 +431,8 @@ U64 TableReaderCore::changeCount() const {
   return header_ ? header_->changes.load() : 0;
 }
 
-bool TableReaderCore::changesSince(U64& cursor, std::vector<U8>& keys) const {
+bool TableReaderCore::changesSince(U64& cursor, std::vector<U8>& keys,
+                                   std::vector<bool>& notified) const {
   if (!header_) return true;
   const U64 head = header_->changes.load();
   const U64 from = cursor;
@@ -441,9 +442,10 @@ bool TableReaderCore::changesSince(U64& cursor, std::vector<U8>& keys) const {
   for (U64 change = from; change < head; ++change) {
     const RecordHead* record = header_->record(change);
     const U64 stamp = record->stamp.load(std::memory_order_acquire);
-    if (stamp != 2 * change + 2) return false;
+    if ((stamp & ~notifiedStamp) != 2 * change + 2) return false;
     const U8* key = reinterpret_cast<const U8*>(record) + sizeof(RecordHead);
     keys.insert(keys.end(), key, key + keySize);
+    notified.push_back(stamp & notifiedStamp);
     std::atomic_thread_fence(std::memory_order_acquire);
     if (record->stamp.load(std::memory_order_relaxed) != stamp) return false;
   }

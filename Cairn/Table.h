@@ -79,6 +79,8 @@ class TableWriterCore {
   void set(const void* key, const void* value);
   bool del(const void* key);
   void clear();
+  // Announces `key` to the readers without a change: their watchers report it again.
+  void notify(const void* key) { publish(key, true); }
   void forEach(const std::function<void(const void* key, const void* value)>& fn) const;
   U32 size() const;
   const std::string& name() const noexcept { return name_; }
@@ -91,7 +93,7 @@ class TableWriterCore {
   Found locate(const void* key) const;
   void writeSlot(U32 slot, U32 state, const void* key, const void* value);
   void removeAt(U32 slot);
-  void publish(const void* key);
+  void publish(const void* key, bool notified = false);
   void rebuild();
   void recover();
   void initialize(const TableShape& shape);
@@ -127,9 +129,10 @@ class TableReaderCore {
   U32 size() const;
   // Changes published so far; a reader follows them from its own cursor.
   U64 changeCount() const;
-  // Appends the keys changed since `cursor` and moves it on; false when the ring has been
-  // overrun since (the caller must then resynchronise by a walk).
-  bool changesSince(U64& cursor, std::vector<U8>& keys) const;
+  // Appends the keys changed or announced since `cursor` (and to `notified`, whether each
+  // was announced without a change) and moves it on; false when the ring has been overrun
+  // since (the caller must then resynchronise by a walk).
+  bool changesSince(U64& cursor, std::vector<U8>& keys, std::vector<bool>& notified) const;
   // Slots examined by look-ups so far (for measurements).
   U64 probes() const noexcept { return probes_; }
   const std::string& name() const noexcept { return name_; }
@@ -168,6 +171,7 @@ class Writer {
   void set(const Key& key, const Value& value) { core_.set(&key, &value); }
   bool del(const Key& key) { return core_.del(&key); }
   void clear() { core_.clear(); }
+  void notify(const Key& key) { core_.notify(&key); }
   U32 size() const { return core_.size(); }
   template <class Fn>
   void forEach(Fn&& fn) const {

@@ -9,7 +9,8 @@
 //            the active slot array, the change counter
 //   journal  the image of the slot being written, before the write (seqlock-versioned)
 //   ring     ringSize records {stamp, key}: change n lives in record n % ringSize with
-//            stamp 2n+2 once complete (odd while written)
+//            stamp 2n+2 once complete (odd while written), plus notifiedStamp when the
+//            writer announced the key without changing it
 //   arrays   two slot arrays of slotCount slots {version, checksum and state, key, value};
 //            one is active, the other is where the writer rebuilds without tombstones
 //
@@ -176,6 +177,8 @@ static_assert(sizeof(JournalHead) == 16);
 struct RecordHead {
   alignas(8) std::atomic<U64> stamp;
 };
+// Marks the record of a key announced without a change (the counter never gets near it).
+constexpr U64 notifiedStamp = U64(1) << 63;
 static_assert(sizeof(RecordHead) == 8 && std::atomic<U64>::is_always_lock_free);
 
 // The fields fixed when the table is made; a copy of them is what a reader expects.

@@ -3,13 +3,12 @@
 // prints the tree, then each change the publisher makes.
 
 #include "Command.h"
-#include "KorvaChild.h"
+#include "DemoProcess.h"
 
 #include <Korva/Netns.mox.h>
 #include <Mox/Activity.h>
 #include <Mox/AttrLogPublisher.h>
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -24,10 +23,10 @@ int runAttrLogDemo() {
   netns->nsIs(Korva::NamespaceName("default"));
   auto publisher = Mox::make<Mox::AttrLogPublisher>(endpoint, netns);
   std::printf("  publisher: Korva::Netns 'agent' at %s\n", endpoint.c_str());
-  const KorvaTool::Child mount =
-      KorvaTool::spawnKorva({"mount", endpoint, "--watch", "--changes", "3"}, true);
-  if (mount.pid < 0) return 1;
-  bool ok = Mox::runUntil([&] { return publisher->mountCount() == 1; }, KorvaTool::kPatience);
+  KorvaTool::KorvaProcess mount({"mount", endpoint, "--watch", "--changes", "3"}, true);
+  if (!mount.started()) return 1;
+  const double patience = KorvaTool::KorvaProcess::patience;
+  bool ok = Mox::runUntil([&] { return publisher->mountCount() == 1; }, patience);
   const std::vector<std::string> names{"blue", "red"};
   for (const std::string& name : names) {
     std::printf("  publisher: nsIs('%s')\n", name.c_str());
@@ -35,10 +34,9 @@ int runAttrLogDemo() {
   }
   std::printf("  publisher: nsDel()\n");
   netns->nsDel();
-  ok = ok && Mox::runUntil([&] { return publisher->backlog() == 0; }, KorvaTool::kPatience);
-  const std::vector<std::string> lines = KorvaTool::readLines(mount.output, 5, "mount");
-  ok = KorvaTool::finish(mount.pid) == 0 && ok;
-  close(mount.output);
+  ok = ok && Mox::runUntil([&] { return publisher->backlog() == 0; }, patience);
+  const std::vector<std::string> lines = mount.readLines(5, "mount");
+  ok = mount.finish() == 0 && ok;
   const std::vector<std::string> expected{"Korva::Netns agent", "/ns = 'default'", "/ns = 'blue'",
                                           "/ns = 'red'", "/ns = ''"};
   ok = ok && lines == expected;

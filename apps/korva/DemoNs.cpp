@@ -73,13 +73,15 @@ bool ThrowawayNs::exec(const std::string& command) const {
   return runQuietly("ip netns exec " + name_ + " " + command);
 }
 
-bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second) {
+bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second, const std::string& firstLink,
+                const std::string& secondLink) {
   if (!first.created() || !second.created()) {
     std::printf("  could not create the namespaces\n");
     return false;
   }
-  return first.ip("link add kd0 type veth peer name kd1 netns " + second.name()) &&
-         configureEnd(first, "kd0", 1) && configureEnd(second, "kd1", 2);
+  return first.ip("link add " + firstLink + " type veth peer name " + secondLink + " netns " +
+                  second.name()) &&
+         configureEnd(first, firstLink, 1) && configureEnd(second, secondLink, 2);
 }
 
 std::string interfaceName(int fd, Mox::U32 index) {

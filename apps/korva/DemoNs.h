@@ -31,9 +31,11 @@ class ThrowawayNs {
   bool created_ = false;
 };
 
-// Links the two namespaces with the veth pair kd0 (in `first`: 10.99.0.1, fd99::1) and
-// kd1 (in `second`: 10.99.0.2, fd99::2), both up, with their loopbacks.
-bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second);
+// Links the two namespaces with a veth pair, kd0 (in `first`: 10.99.0.1, fd99::1) and
+// kd1 (in `second`: 10.99.0.2, fd99::2) unless named otherwise, both up, with their
+// loopbacks.
+bool joinByVeth(const ThrowawayNs& first, const ThrowawayNs& second,
+                const std::string& firstLink = "kd0", const std::string& secondLink = "kd1");
 
 // The name of interface `index` in the namespace of socket `fd`; "?" when there is none.
 std::string interfaceName(int fd, Mox::U32 index);

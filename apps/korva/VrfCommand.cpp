@@ -2,6 +2,7 @@
 // writes is the table's only writer for as long as it runs.
 
 #include "Command.h"
+#include "ToolSupport.h"
 
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
@@ -9,7 +10,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <csignal>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -27,14 +27,8 @@ struct VrfOptions {
   bool json = false;
 };
 
-// The table's capacity as made, or the default for a table still to be made.
 Mox::U32 capacityOf(const std::string& table) {
-  try {
-    const Cairn::TableInfo info = Cairn::tableInfo(table);
-    if (info.valid) return info.capacity;
-  } catch (const Mox::ErrnoException&) {
-  }
-  return defaultCapacity;
+  return tableCapacity(table, defaultCapacity);
 }
 
 Mox::Ptr<Writer> openWriter(const std::string& table) {
@@ -89,30 +83,12 @@ class Printer : public Status::Watcher::Notifiee {
   }
 };
 
-void stopLoop(int) {
-  Mox::ActivityManagerConfig::current()->stop();
-}
-
 int watch(const VrfOptions& options) {
   auto status = statusFactory(options.table, capacityOf(options.table));
   Printer printer;
   printer.notifierIs(status->vrfIdToNameWatcher());
-  auto loop = Mox::ActivityManagerConfig::current();
-  std::signal(SIGINT, stopLoop);
-  std::signal(SIGTERM, stopLoop);
-  loop->run();
+  runUntilSignal();
   return 0;
-}
-
-int guarded(int (*command)(const VrfOptions&), const VrfOptions& options) {
-  try {
-    return command(options);
-  } catch (const Mox::ErrnoException& e) {
-    std::fprintf(stderr, "korva vrf: %s\n", e.description().c_str());
-  } catch (const Mox::Exception& e) {
-    std::fprintf(stderr, "korva vrf: %s\n", e.what());
-  }
-  return 1;
 }
 
 void setupVrf(CLI::App& app, int& exitStatus) {
@@ -122,7 +98,7 @@ void setupVrf(CLI::App& app, int& exitStatus) {
   vrf->require_subcommand(1);
   auto command = [&](const char* name, const char* help, int (*run)(const VrfOptions&)) {
     auto* sub = vrf->add_subcommand(name, help);
-    sub->callback([&exitStatus, run] { exitStatus = guarded(run, options); });
+    sub->callback([&exitStatus, run] { exitStatus = guarded("vrf", run, options); });
     return sub;
   };
   command("add", "Give each VRF an id (printed) and publish it", add)

@@ -4,16 +4,11 @@
 // keeps the ids it gave. Everything is removed at the end.
 
 #include "Command.h"
-#include "KorvaChild.h"
+#include "DemoProcess.h"
 
 #include <Cairn/Segment.h>
 #include <Cairn/Table.h>
-#include <Mox/Time.h>
 
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,12 +18,14 @@
 
 namespace {
 
+using KorvaTool::KorvaProcess;
+
 int runWriter(const std::string& label, const std::vector<std::string>& arguments) {
   std::printf("  writer %s: korva", label.c_str());
   for (size_t i = 0; i < arguments.size(); ++i) std::printf(" %s", arguments[i].c_str());
   std::printf("\n");
-  const KorvaTool::Child writer = KorvaTool::spawnKorva(arguments, false);
-  return writer.pid > 0 ? KorvaTool::finish(writer.pid) : -1;
+  KorvaProcess writer(arguments, false);
+  return writer.finish();
 }
 
 int runVrfDemo() {
@@ -40,20 +37,18 @@ int runVrfDemo() {
     return all;
   };
   bool ok = runWriter("1", with({"add", "blue", "red"})) == 0;
-  const KorvaTool::Child reader = KorvaTool::spawnKorva(with({"watch"}), true);
-  if (reader.pid < 0) return 1;
+  KorvaProcess reader(with({"watch"}), true);
+  if (!reader.started()) return 1;
   // The reader's first walk finds what the writer left, in no particular order.
-  std::vector<std::string> seen = KorvaTool::readLines(reader.output, 3, "reader");
+  std::vector<std::string> seen = reader.readLines(3, "reader");
   std::sort(seen.begin(), seen.end());
   ok = ok && runWriter("2 (restarted)", with({"add", "blue", "green"})) == 0 &&
        runWriter("2 (restarted)", with({"del", "red"})) == 0;
   // Both changes may reach the reader in one wake-up, reported in table order.
-  std::vector<std::string> changes = KorvaTool::readLines(reader.output, 2, "reader");
+  std::vector<std::string> changes = reader.readLines(2, "reader");
   std::sort(changes.begin(), changes.end());
   seen.insert(seen.end(), changes.begin(), changes.end());
-  kill(reader.pid, SIGINT);
-  ok = KorvaTool::finish(reader.pid) == 0 && ok;
-  close(reader.output);
+  ok = reader.interrupt() == 0 && ok;
   const std::vector<std::string> expected{"+ 0 default", "+ 1 blue", "+ 2 red", "+ 3 green", "- 2"};
   ok = ok && seen == expected;
   Cairn::removeTable(table);

@@ -1,6 +1,7 @@
 #pragma once
-// A peer process started by fork and exec of the test program cairnPeer, with pipes to its
-// standard input and output. Every wait is bounded; the destructor kills what still runs.
+// A peer process started by fork and exec of one of the test binary's programs (cairnPeer
+// unless named), with pipes to its standard input and output. Every wait is bounded; the
+// destructor kills what still runs.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -19,10 +20,11 @@ namespace CairnTest {
 
 class Peer {
  public:
-  explicit Peer(const std::vector<std::string>& arguments) {
+  explicit Peer(const std::vector<std::string>& arguments,
+                const std::string& programName = "cairnPeer") {
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-    const std::string program = std::string(KORVA_TEST_PROGRAM_DIR) + "/cairnPeer";
+    const std::string program = std::string(KORVA_TEST_PROGRAM_DIR) + "/" + programName;
     pid_ = fork();
     if (pid_ == 0) {
       dup2(in[0], 0);

@@ -211,8 +211,11 @@ TEST_F(CairnTable, WatcherReportsEachDifferenceOnce) {
   writer.set(3, {3, 3});
   writer.del(3);  // back to how it was seen: nothing to report
   ASSERT_TRUE(Mox::runUntil([&] { return log.seen.size() >= 3; }, 5.0));
+  writer.notify(2);  // announced unchanged: reported again
+  writer.notify(3);  // absent and never seen: nothing
+  ASSERT_TRUE(Mox::runUntil([&] { return log.seen.size() >= 4; }, 5.0));
   Mox::runOnce();
-  const std::vector<std::pair<U32, U64>> expected{{1, 1}, {2, 6}, {1, ~U64(0)}};
+  const std::vector<std::pair<U32, U64>> expected{{1, 1}, {2, 6}, {1, ~U64(0)}, {2, 6}};
   EXPECT_EQ(log.seen, expected);
   EXPECT_EQ(watcher->seenValue(2)->a, 6u);
 }

@@ -97,6 +97,11 @@ class Peer {
     }
     return printed_;
   }
+  // Asks the peer to stop (SIGINT, as Ctrl-C would); its exit status as exitStatus() gives it.
+  int interrupt() {
+    kill(pid_, SIGINT);
+    return exitStatus();
+  }
   // The exit status once the peer ended within 5 s; -1 otherwise.
   int exitStatus() {
     Mox::runUntil(

@@ -297,6 +297,8 @@ class Emitter:
         self.doc(h, v.doc)
         h(f"class {v.name} {{")
         h(" public:")
+        for nested in v.enums:
+            self.enum_declaration(nested, "  ")
         if v.min:
             h(f"  static constexpr {t} min() {{ return {v.min.text}; }}")
         if v.max:
@@ -348,6 +350,8 @@ class Emitter:
         h("};")
         h()
         self.text_functions(v.name)
+        for nested in v.enums:
+            self.enum_functions(nested)
 
         if bounded:
             self.define_wrapper_bounds(v)
@@ -403,6 +407,8 @@ class Emitter:
     def wrapper_text(self, v):
         c = self.c
         t = self.cxx(v.wrapped)
+        # An enumeration's text is found beside it; the runtime prints the rest.
+        printer = "" if isinstance(self.model.find(v.wrapped), EnumDef) else "Mox::"
         if v.bits:
             self.flags_text(v)
             return
@@ -411,14 +417,15 @@ class Emitter:
             c()
             c(f"void {v.name}::stringValueIs(std::string_view text) {{ valueIs({t}(text)); }}")
         else:
-            c(f"std::string {v.name}::stringValue() const {{ return Mox::valueToStrep(value_); }}")
+            self.short_function(f"std::string {v.name}::stringValue() const",
+                                f"return {printer}valueToStrep(value_);")
             c()
             c(f"void {v.name}::stringValueIs(std::string_view text) {{")
             c(f'  valueIs(Mox::valueFromText<{t}>(text, "Invalid {v.name}"));')
             c("}")
         c()
         c(f"std::string valueToStrep(const {v.name}& value) {{")
-        c("  return Mox::valueToStrep(value.value());")
+        c(f"  return {printer}valueToStrep(value.value());")
         c("}")
         c()
         self.value_reader(v.name, [f"  {t} raw{{}};",
@@ -652,6 +659,9 @@ class Emitter:
         inits = [f"{e.base}({base_args})"] + [f"{a.name}_({a.name})" for a in stored_args]
         calls = [self.check_call(e.name, a, a.name) for a in e.args]
         calls = [call for call in calls if call]
+        # Members every instance has from the start.
+        calls += [f"new{cap(a.name)}({self.cxx(a.key)}({key}));"
+                  for a in e.attrs for key in a.initial]
         signature = f"{e.cls}::{e.cls}({ctor_args})"
         initializers = f": {', '.join(inits)} {{" + ("" if calls else "}")
         if len(signature) + len(initializers) < 100:
@@ -1055,6 +1065,8 @@ class Emitter:
         h(f"  size_t {a.name}Size() const {{ return {a.name}_.size(); }}")
         h(f"  // Makes the child unless the key has one; returns the key's child.")
         h(f"  {v}Mox::Ptr<{t}> new{n}({pk} key);")
+        h(f"  // Puts `child` (not null) under the key, replacing the key's child.")
+        h(f"  {v}void {a.name}Is({pk} key, const Mox::Ptr<{t}>& child);")
         h(f"  {v}void {a.name}Del({pk} key);")
         h(f"  {v}void {a.name}DelAll();")
         h(f"  // Runs the on{n}(key) hooks without a change.")
@@ -1074,10 +1086,19 @@ class Emitter:
         c(f"Mox::Ptr<{t}> {e.cls}::new{n}({pk} key) {{")
         c(f"  auto entry = {m}.find(key);")
         c(f"  if (entry != {m}.end()) return entry->second;")
-        c(f"  Mox::Ptr<{t}> child = {a.factory}(key);")
+        made = "Mox::Name(valueToStrep(key)), key" if a.named else "key"
+        c(f"  Mox::Ptr<{t}> child = {a.factory}({made});")
         c(f"  {m}.emplace(key, child);")
         c(f"  {self.notify(a, 'key')}")
         c("  return child;")
+        c("}")
+        c()
+        c(f"void {e.cls}::{a.name}Is({pk} key, const Mox::Ptr<{t}>& child) {{")
+        c("  MOX_ASSERT(child);")
+        c(f"  Mox::Ptr<{t}>& entry = {m}[key];")
+        c("  if (entry == child) return;")
+        c("  entry = child;")
+        c(f"  {self.notify(a, 'key')}")
         c("}")
         c()
         self.define_del_all(e, a)

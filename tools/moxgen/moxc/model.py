@@ -48,6 +48,8 @@ class Attr:
     key: Optional[str] = None      # key or index type of a collection
     kind: str = "scalar"           # scalar | map | array | queue | children
     factory: Optional[str] = None  # makes the child entity of a new key
+    named: bool = False            # children are named after their key's text: f(name, key)
+    initial: List[str] = field(default_factory=list)  # keys whose children the entity makes
     key_member: Optional[str] = None  # the value's attribute that is its key
     counter: bool = False
     virtual: bool = False
@@ -295,8 +297,8 @@ class Parser:
     def member(self, number, line, doc, indent):
         definition = self.current
         if line.startswith("enum "):
-            if isinstance(definition, EnumDef) or getattr(definition, "wrapped", None):
-                self.error(number, "enums nest only in entities and composite values")
+            if isinstance(definition, EnumDef):
+                self.error(number, "enums nest only in entities and values")
             nested = self.enum(number, line[len("enum "):].strip(), doc)
             if self.model.find(nested.name):
                 self.error(number, f"'{nested.name}' defined twice")
@@ -375,7 +377,7 @@ class Parser:
         words = (m.group(4) or "").split()
         while words:
             word = words.pop(0)
-            if word in ("counter", "virtual"):
+            if word in ("counter", "virtual", "named"):
                 setattr(attr, word, True)
             elif word in ("array", "queue"):
                 if not attr.key:
@@ -383,9 +385,11 @@ class Parser:
                 attr.kind = word
             elif word == "handler" and words:
                 attr.handler = words.pop(0)
-            elif word in ("key", "min", "max", "factory") and words:
+            elif word in ("key", "min", "max", "factory", "initial") and words:
                 value = words.pop(0)
-                if word == "key":
+                if word == "initial":
+                    attr.initial.append(value)
+                elif word == "key":
                     attr.key_member = value
                 elif word == "factory":
                     if not attr.key:
@@ -397,6 +401,8 @@ class Parser:
                 self.error(number, f"unexpected '{word}'")
         if attr.key_member and attr.kind != "map":
             self.error(number, "'key' belongs to keyed collections")
+        if (attr.named or attr.initial) and attr.kind != "children":
+            self.error(number, "'named' and 'initial' belong to child entities")
         if attr.kind == "queue" and attr.key not in ("U32", "Mox::U32"):
             self.error(number, "queues are keyed by a U32 sequence")
         if attr.counter and (attr.kind != "scalar" or attr.type not in INTEGER_TYPES):

@@ -132,6 +132,9 @@ class Errors(unittest.TestCase):
         ("namespace A\nvalue V\n  factory f\n", 3, "only entities have factories"),
         ("namespace A\nentity E(name : Name)\n  x : E factory f\n", 3,
          "child entities need a key: x : T[Key]"),
+        ("namespace A\nentity E(name : Name)\n  x : U8[Name] initial a\n", 3,
+         "'named' and 'initial' belong to child entities"),
+        ("namespace A\nenum E\n  enum F\n", 3, "enums nest only in entities and values"),
     ]
 
     def test_errors(self):

@@ -93,6 +93,89 @@ const Mox::AttrLogClass* Leaf::attrLogClass() const noexcept { return &attrLog()
 [[maybe_unused]] static const bool kLeafAttrLogRegistered =
     Mox::attrLogClassRegister(Leaf::attrLog());
 
+KeyedLeaf::KeyedLeaf(const Mox::Name& name, const Values::Part& part)
+    : Mox::Entity(name), part_(part) {}
+
+Mox::Ptr<KeyedLeaf> keyedLeafFactory(const Mox::Name& name, const Values::Part& part) {
+  return Mox::Ptr<KeyedLeaf>(new KeyedLeaf(name, part));
+}
+
+namespace {
+
+// Writes each change of one KeyedLeaf to an attribute-log sink.
+class KeyedLeafAttrLogWatch final : public KeyedLeaf::Notifiee {
+ public:
+  KeyedLeafAttrLogWatch(KeyedLeaf* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+      : handle_(handle), first_(first), sink_(sink) {
+    notifierIs(entity);
+  }
+
+ private:
+  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
+
+  const Mox::U32 handle_;
+  const Mox::U16 first_;
+  Mox::AttrLogSink& sink_;
+};
+
+class KeyedLeafAttrLog final : public Mox::AttrLogClass {
+ public:
+  KeyedLeafAttrLog()
+      : AttrLogClass("Golden::KeyedLeaf", nullptr,
+                     {}) {}
+
+ protected:
+  // Parameters and `e` go unused in a class without attributes of some kind.
+  void snapshotOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle,
+                   [[maybe_unused]] Mox::U16 first,
+                   [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const KeyedLeaf&>(entity);
+  }
+
+  void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,
+               Mox::U16 local, [[maybe_unused]] Mox::AttrLogReader& key,
+               [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const KeyedLeaf&>(entity);
+    [[maybe_unused]] const Mox::U16 id = static_cast<Mox::U16>(first + local);
+    switch (local) {
+    }
+  }
+
+  void applyOwn(Mox::Entity& entity, Mox::U16 local, [[maybe_unused]] Mox::AttrLogOp op,
+                [[maybe_unused]] Mox::AttrLogReader& key,
+                [[maybe_unused]] Mox::AttrLogReader& value,
+                [[maybe_unused]] Mox::AttrLogMirror& mirror) const override {
+    [[maybe_unused]] auto& e = static_cast<KeyedLeaf&>(entity);
+    switch (local) {
+    }
+  }
+
+  void forEachEntryOwn(const Mox::Entity& entity, Mox::U16 local,
+                       [[maybe_unused]] const EntryFn& fn) const override {
+    [[maybe_unused]] const auto& e = static_cast<const KeyedLeaf&>(entity);
+    switch (local) {
+    }
+  }
+
+  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
+                                                      Mox::U16 first,
+                                                      Mox::AttrLogSink& sink) const override {
+    return std::make_unique<KeyedLeafAttrLogWatch>(static_cast<KeyedLeaf*>(&entity), handle, first, sink);
+  }
+};
+
+}  // namespace
+
+const Mox::AttrLogClass& KeyedLeaf::attrLog() {
+  static const KeyedLeafAttrLog cls;
+  return cls;
+}
+
+const Mox::AttrLogClass* KeyedLeaf::attrLogClass() const noexcept { return &attrLog(); }
+
+[[maybe_unused]] static const bool kKeyedLeafAttrLogRegistered =
+    Mox::attrLogClassRegister(KeyedLeaf::attrLog());
+
 namespace {
 
 void checkStatusWeight(Mox::U16 value) {
@@ -100,13 +183,15 @@ void checkStatusWeight(Mox::U16 value) {
     throw Mox::RangeException("Status::weight < 1 not allowed");
   }
   if (value > maxWeight) {
-    throw Mox::RangeException("Status::weight > Expr @Entities.mox:14 not allowed");
+    throw Mox::RangeException("Status::weight > Expr @Entities.mox:17 not allowed");
   }
 }
 
 }  // namespace
 
-Status::Status(const Mox::Name& name) : Mox::Entity(name) {}
+Status::Status(const Mox::Name& name) : Mox::Entity(name) {
+  newLeaf(Mox::Name("default"));
+}
 
 void Status::readableIs(Mox::U32 readable) {
   if (readable_ == readable) return;
@@ -339,6 +424,14 @@ Mox::Ptr<Leaf> Status::newLeaf(const Mox::Name& key) {
   return child;
 }
 
+void Status::leafIs(const Mox::Name& key, const Mox::Ptr<Leaf>& child) {
+  MOX_ASSERT(child);
+  Mox::Ptr<Leaf>& entry = leaf_[key];
+  if (entry == child) return;
+  entry = child;
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(key); });
+}
+
 void Status::leafDel(const Mox::Name& key) {
   auto entry = leaf_.find(key);
   if (entry == leaf_.end()) return;
@@ -355,6 +448,46 @@ void Status::leafDelAll() {
 
 void Status::leafNotify(const Mox::Name& key) const {
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onLeaf(key); });
+}
+
+Mox::Ptr<KeyedLeaf> Status::keyedLeaf(const Values::Part& key) const {
+  auto entry = keyedLeaf_.find(key);
+  return entry == keyedLeaf_.end() ? nullptr : entry->second;
+}
+
+Mox::Ptr<KeyedLeaf> Status::newKeyedLeaf(const Values::Part& key) {
+  auto entry = keyedLeaf_.find(key);
+  if (entry != keyedLeaf_.end()) return entry->second;
+  Mox::Ptr<KeyedLeaf> child = keyedLeafFactory(Mox::Name(valueToStrep(key)), key);
+  keyedLeaf_.emplace(key, child);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(key); });
+  return child;
+}
+
+void Status::keyedLeafIs(const Values::Part& key, const Mox::Ptr<KeyedLeaf>& child) {
+  MOX_ASSERT(child);
+  Mox::Ptr<KeyedLeaf>& entry = keyedLeaf_[key];
+  if (entry == child) return;
+  entry = child;
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(key); });
+}
+
+void Status::keyedLeafDel(const Values::Part& key) {
+  auto entry = keyedLeaf_.find(key);
+  if (entry == keyedLeaf_.end()) return;
+  auto removed = keyedLeaf_.extract(entry);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(removed.key()); });
+}
+
+void Status::keyedLeafDelAll() {
+  while (!keyedLeaf_.empty()) {
+    auto removed = keyedLeaf_.extract(keyedLeaf_.begin());
+    notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(removed.key()); });
+  }
+}
+
+void Status::keyedLeafNotify(const Values::Part& key) const {
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onKeyedLeaf(key); });
 }
 
 Mox::Ptr<Status> statusFactory(const Mox::Name& name) {
@@ -389,6 +522,9 @@ class StatusAttrLogWatch final : public Status::Notifiee {
   void onLeaf(const Mox::Name& key) override {
     sink_.child(handle_, id(7), notifier()->leafColl(), key);
   }
+  void onKeyedLeaf(const Values::Part& key) override {
+    sink_.child(handle_, id(8), notifier()->keyedLeafColl(), key);
+  }
 
  private:
   Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
@@ -409,7 +545,8 @@ class StatusAttrLog final : public Mox::AttrLogClass {
                       {"flag", Mox::AttrLogKind::map, Mox::AttrLoggable<bool> && Mox::AttrLoggable<Mox::U32>},
                       {"saved", Mox::AttrLogKind::array, Mox::AttrLoggable<Mox::Ptr<Status>> && Mox::AttrLoggable<Mox::U16>},
                       {"pending", Mox::AttrLogKind::queue, Mox::AttrLoggable<Values::Part> && Mox::AttrLoggable<Mox::U32>},
-                      {"leaf", Mox::AttrLogKind::children, Mox::AttrLoggable<Mox::Name>}}) {}
+                      {"leaf", Mox::AttrLogKind::children, Mox::AttrLoggable<Mox::Name>},
+                      {"keyedLeaf", Mox::AttrLogKind::children, Mox::AttrLoggable<Values::Part>}}) {}
 
   Mox::Ptr<Mox::Entity> make(const Mox::Name& name) const override {
     return statusFactory(name);
@@ -429,6 +566,7 @@ class StatusAttrLog final : public Mox::AttrLogClass {
     sink.entries<Mox::U16>(handle, first + 5, e.savedColl());
     sink.entries<Mox::U32>(handle, first + 6, e.pendingColl());
     sink.children<Mox::Name>(handle, first + 7, e.leafColl());
+    sink.children<Values::Part>(handle, first + 8, e.keyedLeafColl());
   }
 
   void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,
@@ -455,6 +593,9 @@ class StatusAttrLog final : public Mox::AttrLogClass {
       case 7:
         return Mox::attrLogKeyed<Mox::Name>(
             key, [&](const auto& k) { sink.child(handle, id, e.leafColl(), k); });
+      case 8:
+        return Mox::attrLogKeyed<Values::Part>(
+            key, [&](const auto& k) { sink.child(handle, id, e.keyedLeafColl(), k); });
     }
   }
 
@@ -494,6 +635,11 @@ class StatusAttrLog final : public Mox::AttrLogClass {
             op, key, value, mirror, [&](const auto& k) { return e.leaf(k); },
             [&](const auto& k) { return e.newLeaf(k); },
             [&](const auto& k) { e.leafDel(k); });
+      case 8:
+        return Mox::attrLogApplyChild<Values::Part>(
+            op, key, value, mirror, [&](const auto& k) { return e.keyedLeaf(k); },
+            [&](const auto& k) { return e.newKeyedLeaf(k); },
+            [&](const auto& k) { e.keyedLeafDel(k); });
     }
   }
 
@@ -506,6 +652,7 @@ class StatusAttrLog final : public Mox::AttrLogClass {
       case 5: return Mox::attrLogEntries<Mox::U16>(e.savedColl(), fn);
       case 6: return Mox::attrLogEntries<Mox::U32>(e.pendingColl(), fn);
       case 7: return Mox::attrLogEntries<Mox::Name>(e.leafColl(), fn);
+      case 8: return Mox::attrLogEntries<Values::Part>(e.keyedLeafColl(), fn);
     }
   }
 

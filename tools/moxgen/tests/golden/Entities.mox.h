@@ -40,6 +40,43 @@ class Leaf::Notifiee : public Mox::Entity::NotifieeBase {
 
 Mox::Ptr<Leaf> leafFactory(const Mox::Name& name);
 
+class KeyedLeaf : public Mox::Entity {
+ public:
+  class Notifiee;
+
+  const Values::Part& part() const { return part_; }
+
+  // How the attribute log streams this class (see Mox/AttrLogClass.h).
+  static const Mox::AttrLogClass& attrLog();
+  const Mox::AttrLogClass* attrLogClass() const noexcept override;
+
+ protected:
+  KeyedLeaf(const Mox::Name& name, const Values::Part& part);
+
+ private:
+  friend Mox::Ptr<KeyedLeaf> keyedLeafFactory(const Mox::Name& name, const Values::Part& part);
+
+  const Values::Part part_;
+};
+
+// Watches one KeyedLeaf; each hook runs after a real change of its attribute.
+class KeyedLeaf::Notifiee : public Mox::Entity::NotifieeBase {
+ public:
+  // Deeper than the base's: KeyedLeaf hooks reach only notifiees attached by notifierIs.
+  static constexpr Mox::U8 kLevel = Mox::Entity::NotifieeBase::kLevel + 1;
+
+  KeyedLeaf* notifier() const {
+    return static_cast<KeyedLeaf*>(const_cast<Mox::Entity*>(notifierBase()));
+  }
+  // Starts watching `notifier` (nullptr: none), leaving the one watched before.
+  void notifierIs(KeyedLeaf* notifier) { notifierBaseIs(notifier, kLevel); }
+
+ protected:
+  Notifiee() = default;
+};
+
+Mox::Ptr<KeyedLeaf> keyedLeafFactory(const Mox::Name& name, const Values::Part& part);
+
 class Status : public Mox::Entity {
  public:
   class Notifiee;
@@ -121,10 +158,26 @@ class Status : public Mox::Entity {
   size_t leafSize() const { return leaf_.size(); }
   // Makes the child unless the key has one; returns the key's child.
   Mox::Ptr<Leaf> newLeaf(const Mox::Name& key);
+  // Puts `child` (not null) under the key, replacing the key's child.
+  void leafIs(const Mox::Name& key, const Mox::Ptr<Leaf>& child);
   void leafDel(const Mox::Name& key);
   void leafDelAll();
   // Runs the onLeaf(key) hooks without a change.
   void leafNotify(const Mox::Name& key) const;
+
+  // Named after the text of their key.
+  // Child entities, one per key, made by keyedLeafFactory(key).
+  Mox::Ptr<KeyedLeaf> keyedLeaf(const Values::Part& key) const;
+  const std::map<Values::Part, Mox::Ptr<KeyedLeaf>>& keyedLeafColl() const { return keyedLeaf_; }
+  size_t keyedLeafSize() const { return keyedLeaf_.size(); }
+  // Makes the child unless the key has one; returns the key's child.
+  Mox::Ptr<KeyedLeaf> newKeyedLeaf(const Values::Part& key);
+  // Puts `child` (not null) under the key, replacing the key's child.
+  void keyedLeafIs(const Values::Part& key, const Mox::Ptr<KeyedLeaf>& child);
+  void keyedLeafDel(const Values::Part& key);
+  void keyedLeafDelAll();
+  // Runs the onKeyedLeaf(key) hooks without a change.
+  void keyedLeafNotify(const Values::Part& key) const;
 
   // How the attribute log streams this class (see Mox/AttrLogClass.h).
   static const Mox::AttrLogClass& attrLog();
@@ -145,6 +198,7 @@ class Status : public Mox::Entity {
   Mox::QueueEntries<Values::Part> pending_;
   PendingMetadata pendingMetadata_;
   std::map<Mox::Name, Mox::Ptr<Leaf>> leaf_;
+  std::map<Values::Part, Mox::Ptr<KeyedLeaf>> keyedLeaf_;
 };
 
 // Watches one Status; each hook runs after a real change of its attribute.
@@ -167,6 +221,7 @@ class Status::Notifiee : public Mox::Entity::NotifieeBase {
   virtual void onSaved(Mox::U16) {}
   virtual void onPending(Mox::U32) {}
   virtual void onLeaf(const Mox::Name&) {}
+  virtual void onKeyedLeaf(const Values::Part&) {}
 
  protected:
   Notifiee() = default;

@@ -346,4 +346,63 @@ void attrLogRead(Mox::AttrLogReader& in, Part* value) {
   *value = Part(size, zeroBased, separator, key, source, kind);
 }
 
+namespace {
+
+constexpr Mox::EnumText<Origin::Id> kOriginIdTexts[] = {
+    {Origin::Id::dynamic, "dynamic"},
+    {Origin::Id::cli, "cli"},
+    {Origin::Id::evpn, "evpn"},
+};
+
+}  // namespace
+
+std::string valueToStrep(Origin::Id value) { return Mox::enumToStrep(value, kOriginIdTexts); }
+
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin::Id* value) {
+  Mox::enumFromSequence(it, end, value, kOriginIdTexts, "Invalid Id");
+}
+
+std::ostream& operator<<(std::ostream& os, Origin::Id value) {
+  return os << valueToStrep(value);
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, Origin::Id value) {
+  out.integer(static_cast<Mox::U8>(value));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Origin::Id* value) {
+  Mox::enumFromLog(in, value, kOriginIdTexts, "Invalid Id");
+}
+
+std::string Origin::stringValue() const { return valueToStrep(value_); }
+
+void Origin::stringValueIs(std::string_view text) {
+  valueIs(Mox::valueFromText<Origin::Id>(text, "Invalid Origin"));
+}
+
+std::string valueToStrep(const Origin& value) {
+  return valueToStrep(value.value());
+}
+
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin* value) {
+  Mox::TextIter cursor = it;
+  Origin::Id raw{};
+  Mox::deserializeAttr(cursor, end, &raw);
+  Origin parsed(raw);
+  it = cursor;
+  *value = std::move(parsed);
+}
+
+std::ostream& operator<<(std::ostream& os, const Origin& value) {
+  return os << value.stringValue();
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Origin& value) {
+  attrLogWrite(out, value.value());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Origin* value) {
+  value->valueIs(Mox::attrLogGet<Origin::Id>(in));
+}
+
 }  // namespace Golden::Values

@@ -251,6 +251,48 @@ std::ostream& operator<<(std::ostream& os, Part::Kind value);
 void attrLogWrite(Mox::AttrLogWriter& out, Part::Kind value);
 void attrLogRead(Mox::AttrLogReader& in, Part::Kind* value);
 
+// A value that holds one of its own enumeration, compared by value.
+class Origin {
+ public:
+  enum class Id : Mox::U8 {
+    dynamic = 0,
+    cli = 200,
+    evpn = 120,
+  };
+
+  Origin() = default;
+  explicit Origin(Origin::Id value) : value_(value) {}
+
+  Origin::Id value() const { return value_; }
+  void valueIs(Origin::Id value) { value_ = value; }
+
+  // The bare value as text, and back; a text that is no value raises
+  // Mox::RangeException and changes nothing.
+  std::string stringValue() const;
+  void stringValueIs(std::string_view text);
+  Mox::U32 hash() const { return Mox::attrHash(value_); }
+
+  friend bool operator==(const Origin&, const Origin&) = default;
+  friend auto operator<=>(const Origin&, const Origin&) = default;
+
+ private:
+  Origin::Id value_{};
+};
+
+std::string valueToStrep(const Origin& value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin* value);
+std::ostream& operator<<(std::ostream& os, const Origin& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Origin& value);
+void attrLogRead(Mox::AttrLogReader& in, Origin* value);
+
+std::string valueToStrep(Origin::Id value);
+void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin::Id* value);
+std::ostream& operator<<(std::ostream& os, Origin::Id value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, Origin::Id value);
+void attrLogRead(Mox::AttrLogReader& in, Origin::Id* value);
+
 }  // namespace Golden::Values
 
 template <>
@@ -281,4 +323,9 @@ struct std::hash<Golden::Values::Name> {
 template <>
 struct std::hash<Golden::Values::Part> {
   size_t operator()(const Golden::Values::Part& value) const { return value.hash(); }
+};
+
+template <>
+struct std::hash<Golden::Values::Origin> {
+  size_t operator()(const Golden::Values::Origin& value) const { return value.hash(); }
 };
