@@ -1,7 +1,11 @@
 #include <Korva/PamMuxDemux.h>
 #include <Mox/Activity.h>
 #include <Mox/Assert.h>
+#include <Mox/Time.h>
 #include <Mox/Trace.h>
+
+#include <algorithm>
+#include <bit>
 
 namespace Korva {
 
@@ -12,10 +16,6 @@ Mox::TraceHandle trace("PamMuxDemux");
 // The most one source is read in one go before the loop gets a turn.
 constexpr double kBurstBudgetSeconds = 1.0;
 
-bool budgetUsedUp(double start) {
-  return Mox::now() - start > kBurstBudgetSeconds;
-}
-
 // Copies the packet's bytes into one buffer of its own, keeping its separate VLAN tag.
 void flatten(Pkt& pkt) {
   const bool tagged = pkt.separateVlanTagPresent();
@@ -23,6 +23,48 @@ void flatten(Pkt& pkt) {
   const U16 tpid = pkt.separateVlanTpid();
   pkt.stringValueIs(pkt.stringValue());
   if (tagged) pkt.newSeparateVlanTag(tci, tpid);
+}
+
+// The per-packet index of outputs: (key, output) slots in a power-of-two array, open
+// addressing with linear probing, an empty slot holding no output. It is kept at most half
+// full, so a look-up mostly reads the key's home slot and nothing else.
+using OutputIndex = std::vector<std::pair<U32, Pam*>>;
+
+size_t homeSlot(U32 key, size_t mask) {
+  // Fibonacci hashing: the product's high bits spread consecutive keys (ports, ids) apart.
+  return static_cast<size_t>((U64(key) * 0x9E3779B97F4A7C15ull) >> 32) & mask;
+}
+
+// The slot holding `key`, or the empty slot where it would go.
+size_t slotOf(const OutputIndex& index, U32 key) {
+  const size_t mask = index.size() - 1;
+  size_t slot = homeSlot(key, mask);
+  while (index[slot].second && index[slot].first != key) slot = (slot + 1) & mask;
+  return slot;
+}
+
+// Lays `entries` (key, output) pairs out afresh, a quarter full.
+template <class Entries>
+void indexRebuild(OutputIndex& index, const Entries& entries) {
+  index.assign(std::bit_ceil(std::max<size_t>(8, 4 * entries.size())), {0, nullptr});
+  for (const auto& [key, output] : entries) index[slotOf(index, key)] = {key, output.get()};
+}
+
+void indexErase(OutputIndex& index, U32 key) {
+  if (index.empty()) return;
+  const size_t mask = index.size() - 1;
+  size_t hole = slotOf(index, key);
+  if (!index[hole].second) return;
+  // Later entries of the probe run move back into the hole unless that would put them in
+  // front of their home slot, so every entry stays reachable from its home.
+  for (size_t slot = (hole + 1) & mask; index[slot].second; slot = (slot + 1) & mask) {
+    const size_t home = homeSlot(index[slot].first, mask);
+    if (((slot - home) & mask) >= ((slot - hole) & mask)) {
+      index[hole] = index[slot];
+      hole = slot;
+    }
+  }
+  index[hole] = {0, nullptr};
 }
 
 }  // namespace
@@ -50,7 +92,7 @@ void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
   MOX_ASSERT(me->onePam());
   Pam& source = *pam();
   Pam& dest = *me->onePam();
-  const double start = Mox::now();
+  const Mox::TimeBudget budget(kBurstBudgetSeconds);
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(
         trace, 8,
@@ -65,7 +107,7 @@ void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
       MOX_TRACE(trace, 8, "Pkt to single dest " << dest.name() << ". Size: " << pkt->bytes());
       dest.txPktIs(pkt);
     }
-    if (budgetUsedUp(start)) {
+    if (budget.usedUp()) {
       MOX_TRACE(trace, 5, "Packet processing exceeds 1 second. Reschedule.");
       me->defer(key_);
       return;
@@ -119,10 +161,17 @@ U32 PamMuxDemux::decapsulate(const Mox::Ptr<Pkt>&) {
 void PamMuxDemux::manyPamIs(U32 key, const Mox::Ptr<Pam>& pam) {
   if (!pam) return manyPamDel(key);
   manyPam_[key] = pam;
+  if (2 * manyPam_.size() > manyPamIndex_.size()) return indexRebuild(manyPamIndex_, manyPam_);
+  manyPamIndex_[slotOf(manyPamIndex_, key)] = {key, pam.get()};
 }
 
 void PamMuxDemux::manyPamDel(U32 key) {
   manyPam_.erase(key);
+  indexErase(manyPamIndex_, key);
+}
+
+Pam* PamMuxDemux::manyPamFind(U32 key) const noexcept {
+  return manyPamIndex_.empty() ? nullptr : manyPamIndex_[slotOf(manyPamIndex_, key)].second;
 }
 
 void PamMuxDemux::manyPamSmIs(U32 key, const Mox::Ptr<Pam>& pam) {
@@ -176,7 +225,7 @@ void PamMuxDemux::clockDel() {
 void PamMuxDemux::handleReadableOne() {
   if (mode_ == Mode::mux || !onePam_) return;
   Pam& source = *onePam_;
-  const double start = Mox::now();
+  const Mox::TimeBudget budget(kBurstBudgetSeconds);
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(trace, 8, "Pkt from single source " << source.name() << ". Size: " << pkt->bytes());
     if (mode_ == Mode::disabled) {
@@ -185,14 +234,14 @@ void PamMuxDemux::handleReadableOne() {
                                        << " since mode is disabled.");
     } else if (const U32 key = decapsulate(pkt); key == kInvalidKey) {
       MOX_TRACE(trace, 6, "Invalid packet");
-    } else if (auto entry = manyPam_.find(key); entry != manyPam_.end()) {
+    } else if (Pam* output = manyPamFind(key)) {
       MOX_TRACE(trace, 8,
-                "Pkt to " << key << " (" << entry->second->name() << "). Size: " << pkt->bytes());
-      entry->second->txPktIs(pkt);
+                "Pkt to " << key << " (" << output->name() << "). Size: " << pkt->bytes());
+      output->txPktIs(pkt);
     } else {
       MOX_TRACE(trace, 6, "No corresponding output for key: " << key);
     }
-    if (budgetUsedUp(start)) {
+    if (budget.usedUp()) {
       MOX_TRACE(trace, 5, "Packet processing exceeds 1 second. Reschedule.");
       defer(kOnePamKey);
       return;
@@ -237,13 +286,15 @@ void PamKeyMuxDemux::doEncapsulate(const Mox::Ptr<Pkt>& pkt, U32 key) {
 }
 
 U32 PamKeyMuxDemux::decapsulate(const Mox::Ptr<Pkt>& pkt) {
-  if (pkt->bytes() < kHeaderBytes) return kInvalidKey;
-  if (pkt->privateHeadBytes() != 0) {
-    // Encapsulated here and looped back in process: the header sits in the private head,
-    // perhaps only partly, so the bytes are made flat before the header is taken off.
+  // The header is read from the first scatter entry (through the inline accessors: this
+  // runs per packet). Encapsulated here and looped back in process, it sits in the private
+  // head, perhaps only partly: the bytes are made flat first.
+  if (pkt->privateHeadBytes() != 0 || pkt->iovecCount() == 0 ||
+      pkt->iovecs()->iov_len < kHeaderBytes) {
+    if (pkt->bytes() < kHeaderBytes) return kInvalidKey;
     flatten(*pkt);
   }
-  const U8* header = pkt->frontData();
+  const U8* header = static_cast<const U8*>(pkt->iovecs()->iov_base);
   U32 key = 0;
   for (U32 i = 0; i < kHeaderBytes; ++i) key = (key << 8) | header[i];
   pkt->delSharedHeadData(kHeaderBytes);

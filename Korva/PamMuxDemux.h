@@ -22,6 +22,8 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace Korva {
 
@@ -119,10 +121,15 @@ class PamMuxDemux : public Mox::PtrInterface {
   void handleInitialized();
   // Queues a source whose reading was cut short and asks for the next clock turn.
   void defer(U32 key);
+  // The output of a key, or null, from the per-packet index.
+  Pam* manyPamFind(U32 key) const noexcept;
 
   Mox::Ptr<Pam> onePam_;
   std::unique_ptr<MoxOnePam> onePamReactor_;
   std::map<U32, Mox::Ptr<Pam>> manyPam_;
+  // manyPam_ again, as a hash index: every packet looks its key up, which a tree (or a
+  // binary search) does in a chain of dependent loads and compares.
+  std::vector<std::pair<U32, Pam*>> manyPamIndex_;
   std::map<U32, std::unique_ptr<MoxManyPamSm>> manyPamSm_;
   std::deque<U32> pamDeferred_;
   U32 pamDeferredBound_ = kDefaultPamDeferredBound;

@@ -9,7 +9,7 @@ Entity::~Entity() {
   MOX_ASSERT(notifieeCount() == 0);
 }
 
-size_t Entity::notifieeCount() const noexcept {
+size_t Entity::countAttached() const noexcept {
   return static_cast<size_t>(std::count_if(notifiees_.begin(), notifiees_.end(),
                                            [](const Slot& s) { return s.notifiee != nullptr; }));
 }

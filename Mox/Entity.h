@@ -31,7 +31,7 @@ class Entity : public PtrInterface {
   // streamed (see Mox/AttrLogClass.h).
   virtual const AttrLogClass* attrLogClass() const noexcept { return nullptr; }
   // Notifiees attached now (a slot emptied during a walk no longer counts).
-  size_t notifieeCount() const noexcept;
+  size_t notifieeCount() const noexcept { return hasHoles_ ? countAttached() : notifiees_.size(); }
 
  protected:
   explicit Entity(Name name) : name_(std::move(name)) {}
@@ -45,6 +45,11 @@ class Entity : public PtrInterface {
   void notify(Fn&& fn) const;
 
  private:
+  // The walk over several notifiees, kept out of line so that the common cases above
+  // inline into every setter.
+  template <class N, class Fn>
+  [[gnu::noinline]] void notifyAll(Fn& fn) const;
+
   friend class NotifieeBase;
   struct Slot {
     NotifieeBase* notifiee;
@@ -57,6 +62,7 @@ class Entity : public PtrInterface {
     if (--walks_ == 0 && hasHoles_) compact();
   }
   void compact() const;
+  size_t countAttached() const noexcept;
 
   Name name_;
   mutable std::vector<Slot> notifiees_;
@@ -87,8 +93,21 @@ class Entity::NotifieeBase {
 };
 
 template <class N, class Fn>
-void Entity::notify(Fn&& fn) const {
+inline void Entity::notify(Fn&& fn) const {
+  static_assert(std::is_base_of_v<NotifieeBase, N> && N::kLevel >= 1);
   if (notifiees_.empty()) return;
+  if (notifiees_.size() == 1) {
+    // Nothing is read after the one hook, so whatever it does to the list or to the
+    // entity's lifetime cannot affect this walk: no keep-alive and no walk mode needed.
+    const Slot slot = notifiees_.front();
+    if (slot.level >= N::kLevel) fn(static_cast<N&>(*slot.notifiee));
+    return;
+  }
+  notifyAll<N>(fn);
+}
+
+template <class N, class Fn>
+void Entity::notifyAll(Fn& fn) const {
   Ptr<const Entity> keepAlive(this);
   // Ends the walk however it ends: a hook that throws must not leave the list in walk mode.
   struct Walk {
@@ -96,7 +115,6 @@ void Entity::notify(Fn&& fn) const {
     ~Walk() { entity->endWalk(); }
   } walk{this};
   ++walks_;
-  static_assert(std::is_base_of_v<NotifieeBase, N> && N::kLevel >= 1);
   // Indexed, not iterated: a hook may attach notifiees, which may grow the vector.
   const size_t count = notifiees_.size();
   for (size_t i = 0; i < count; ++i) {

@@ -71,11 +71,15 @@ class TraceCapture {
 
 }  // namespace Mox
 
-#define MOX_TRACE(handle, level, streamExpr)   \
-  do {                                         \
-    if ((handle).enabled(level)) {             \
-      std::ostringstream moxTraceText_;        \
-      moxTraceText_ << streamExpr;             \
-      (handle).write(level, moxTraceText_.str()); \
-    }                                          \
+// The text is built out of line, so a disabled trace leaves the caller's code as it was.
+#define MOX_TRACE(handle, level, streamExpr)                        \
+  do {                                                              \
+    if ((handle).enabled(level)) {                                  \
+      auto moxTraceWrite_ = [&]() __attribute__((noinline, cold)) { \
+        std::ostringstream moxTraceText_;                           \
+        moxTraceText_ << streamExpr;                                \
+        (handle).write(level, moxTraceText_.str());                 \
+      };                                                            \
+      moxTraceWrite_();                                             \
+    }                                                               \
   } while (0)

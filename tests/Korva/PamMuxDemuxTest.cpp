@@ -8,6 +8,7 @@
 
 #include "BoundedRun.h"
 
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -170,6 +171,43 @@ TEST(PamMuxDemux, UnroutablePacketsAreDroppedWithTheirReason) {
     EXPECT_TRUE(trace.capture.contains(c.trace)) << c.trace;
     EXPECT_EQ(out->txPktCount() + one->txPktCount(), 0u) << c.trace;
     EXPECT_EQ(one->repeatRxPktCnt() + many->repeatRxPktCnt(), 0u) << c.trace;
+  }
+}
+
+// Against a map as the model: after every change each key's packet goes to the output the
+// key has at that moment, or nowhere.
+TEST(PamMuxDemux, PacketsFollowTheOutputsAsKeysComeAndGo) {
+  constexpr U32 kKeys = 40;
+  std::vector<Ptr<Korva::SimpleTestPam>> outputs;
+  for (int i = 0; i < 4; ++i) outputs.push_back(Korva::simpleTestPamFactory());
+  Ptr<SlowPam> one = slowPam("", 0);
+  Ptr<ByteKeyMux> mux = Mox::make<ByteKeyMux>(one);
+  mux->modeIs(Mode::demux);
+  std::map<U32, Korva::SimpleTestPam*> model;
+  std::mt19937 random(5);
+  for (int step = 0; step < 300; ++step) {
+    const U32 key = random() % kKeys;
+    if (const size_t choice = random() % 5; choice == outputs.size()) {
+      step % 2 ? mux->manyPamDel(key) : mux->manyPamIs(key, nullptr);
+      model.erase(key);
+    } else {
+      mux->manyPamIs(key, outputs[choice]);
+      model[key] = outputs[choice].get();
+    }
+    for (U32 probe = 0; probe < kKeys; ++probe) {
+      std::vector<U32> before;
+      for (const auto& output : outputs) before.push_back(output->txPktCount());
+      one->repeatRxPktIs(packetOf(std::string(1, char(probe))));
+      one->repeatRxPktCntIs(1);
+      one->readableCountInc(1);
+      Korva::SimpleTestPam* reached = nullptr;
+      for (size_t i = 0; i < outputs.size(); ++i) {
+        if (outputs[i]->txPktCount() != before[i]) reached = outputs[i].get();
+      }
+      const auto expected = model.find(probe);
+      ASSERT_EQ(reached, expected == model.end() ? nullptr : expected->second)
+          << "step " << step << ", key " << probe;
+    }
   }
 }
 

@@ -4,6 +4,8 @@
 
 #include <time.h>
 
+#include <utility>
+
 namespace {
 
 double kernelMonotonic() {
@@ -42,6 +44,29 @@ TEST(Time, MonotonicNowAndTheEndOfVirtualTimeGiveRealTime) {
     EXPECT_LT(Mox::monotonicNow(), 1e9);
   }
   EXPECT_LT(Mox::now(), 1e9);
+}
+
+TEST(TimeBudget, UsedUpOnlyOnceMoreThanItsSecondsOfVirtualTimePassed) {
+  Mox::VirtualTime time;
+  const Mox::TimeBudget budget(1.0);
+  for (const auto& [advance, usedUp] :
+       {std::pair{0.0, false}, {0.5, false}, {0.5, false}, {1e-9, true}, {100.0, true}}) {
+    time.advance(advance);
+    EXPECT_EQ(budget.usedUp(), usedUp) << Mox::now() - time.start();
+  }
+}
+
+// In real time the coarse clock decides most checks: it must never end a budget early, nor
+// much late.
+TEST(TimeBudget, RealTimeBudgetEndsWhenNowSaysSo) {
+  constexpr double kSeconds = 0.02;
+  const double before = Mox::now();
+  const Mox::TimeBudget budget(kSeconds);
+  while (!budget.usedUp() && Mox::now() - before < 2.0) {
+  }
+  const double elapsed = Mox::now() - before;
+  EXPECT_GT(elapsed, kSeconds);
+  EXPECT_LT(elapsed, 2.0);
 }
 
 TEST(TimeDeathTest, OnlyOneVirtualTimeAtOnce) {
