@@ -326,4 +326,23 @@ std::ostream& operator<<(std::ostream& os, const Eui64& value) {
   return os.write(text, value.toChars(text) - text);
 }
 
+// The bytes in wire order: six, or eight for an EUI-64.
+void attrLogWrite(Mox::AttrLogWriter& out, const EthAddr& value) {
+  for (unsigned i = 0; i < EthAddr::byteCount; ++i) out.integer(value.byte(i));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, EthAddr* value) {
+  *value = EthAddr::fromBuffer(
+      reinterpret_cast<const unsigned char*>(in.bytes(EthAddr::byteCount).data()));
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Eui64& value) {
+  for (Eui64U8Key i = 0; i < Eui64::byteCount; ++i) out.integer(value.byte(i));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Eui64* value) {
+  *value =
+      Eui64::fromBuffer(reinterpret_cast<const unsigned char*>(in.bytes(Eui64::byteCount).data()));
+}
+
 }  // namespace Korva

@@ -7,6 +7,7 @@
 
 #include <Korva/IpAddr.h>
 #include <Korva/Types.h>
+#include <Mox/AttrLog.h>
 #include <Korva/ValueType.h>
 #include <Mox/Exception.h>
 
@@ -85,6 +86,9 @@ class EthAddr {
 std::string valueToStrep(const EthAddr& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, EthAddr* value);
 std::ostream& operator<<(std::ostream& os, const EthAddr& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const EthAddr& value);
+void attrLogRead(Mox::AttrLogReader& in, EthAddr* value);
 
 // Index of a byte of an Eui64, 0..7.
 using Eui64U8Key = U8;
@@ -130,6 +134,8 @@ class Eui64 {
 std::string valueToStrep(const Eui64& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Eui64* value);
 std::ostream& operator<<(std::ostream& os, const Eui64& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const Eui64& value);
+void attrLogRead(Mox::AttrLogReader& in, Eui64* value);
 
 // The Ethernet group of an IPv4 multicast group: 01:00:5e and the group's low 23 bits.
 EthAddr ipMcastMacAddr(IpAddr group) noexcept;

@@ -81,4 +81,11 @@ std::ostream& operator<<(std::ostream& os, EthType value) {
   return os << valueToStrep(value);
 }
 
+// Any 16-bit EtherType is a value of its own, named or not.
+void attrLogWrite(Mox::AttrLogWriter& out, EthType value) { out.integer(static_cast<U16>(value)); }
+
+void attrLogRead(Mox::AttrLogReader& in, EthType* value) {
+  *value = static_cast<EthType>(in.integer<U16>());
+}
+
 }  // namespace Korva

@@ -2,6 +2,7 @@
 // EtherType values that the header views read and write, with their names as text.
 
 #include <Korva/Types.h>
+#include <Mox/AttrLog.h>
 
 #include <iosfwd>
 #include <optional>
@@ -37,5 +38,8 @@ std::optional<std::string_view> ethTypeName(EthType value) noexcept;
 std::string valueToStrep(EthType value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, EthType* value);
 std::ostream& operator<<(std::ostream& os, EthType value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, EthType value);
+void attrLogRead(Mox::AttrLogReader& in, EthType* value);
 
 }  // namespace Korva

@@ -6,6 +6,7 @@
 // process-wide IntfIdMgr, which must be initialised first.
 
 #include <Korva/Types.h>
+#include <Mox/AttrLog.h>
 #include <Korva/ValueType.h>
 #include <Mox/Text.h>
 
@@ -64,6 +65,9 @@ class IntfId {
 
 // Writes the long name, without quotes.
 std::ostream& operator<<(std::ostream& out, IntfId id);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, IntfId value);
+void attrLogRead(Mox::AttrLogReader& in, IntfId* value);
 
 // The runtime's attribute text: the long name in single quotes.
 Mox::String8 valueToStrep(IntfId id);

@@ -612,4 +612,44 @@ std::ostream& operator<<(std::ostream& os, const Ip6AddrWithFullMask& value) {
   return os << value.stringValue();
 }
 
+// Sixteen bytes in network order; lengths as U32, a full mask as sixteen bytes.
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6Addr& value) {
+  for (unsigned i = 0; i < 4; ++i) out.integer(value.u32(i));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Ip6Addr* value) {
+  const U32 w0 = in.integer<U32>(), w1 = in.integer<U32>(), w2 = in.integer<U32>();
+  *value = Ip6Addr::fromWords(w0, w1, w2, in.integer<U32>());
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6AddrWithMask& value) {
+  attrLogWrite(out, value.address());
+  out.integer(value.len());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Ip6AddrWithMask* value) {
+  const auto address = Mox::attrLogGet<Ip6Addr>(in);
+  *value = Ip6AddrWithMask(address, in.integer<U32>());
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6PrefixLen& value) { out.integer(value.value()); }
+
+void attrLogRead(Mox::AttrLogReader& in, Ip6PrefixLen* value) { value->valueIs(in.integer<U8>()); }
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6AddrU8Key& value) { out.integer(value.value()); }
+
+void attrLogRead(Mox::AttrLogReader& in, Ip6AddrU8Key* value) {
+  *value = Ip6AddrU8Key(in.integer<U8>());
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6AddrWithFullMask& value) {
+  attrLogWrite(out, value.address());
+  attrLogWrite(out, value.mask());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Ip6AddrWithFullMask* value) {
+  const auto address = Mox::attrLogGet<Ip6Addr>(in);
+  *value = Ip6AddrWithFullMask(address, Mox::attrLogGet<Ip6Addr>(in));
+}
+
 }  // namespace Korva

@@ -140,6 +140,9 @@ std::string valueToStrep(const Ip6Addr& value);
 // RangeException and leaves `it` and the value unchanged.
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6Addr* value);
 std::ostream& operator<<(std::ostream& os, const Ip6Addr& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6Addr& value);
+void attrLogRead(Mox::AttrLogReader& in, Ip6Addr* value);
 
 // An address with a prefix length; host bits may be set.
 class Ip6AddrWithMask {
@@ -182,6 +185,8 @@ class Ip6AddrWithMask {
 std::string valueToStrep(const Ip6AddrWithMask& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6AddrWithMask* value);
 std::ostream& operator<<(std::ostream& os, const Ip6AddrWithMask& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6AddrWithMask& value);
+void attrLogRead(Mox::AttrLogReader& in, Ip6AddrWithMask* value);
 
 // An address with a prefix length meant as a network. Text is read as for Ip6AddrWithMask
 // and stored unchecked; the length 4294967295 marks the null prefix.
@@ -240,6 +245,8 @@ class Ip6PrefixLen {
 std::string valueToStrep(const Ip6PrefixLen& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6PrefixLen* value);
 std::ostream& operator<<(std::ostream& os, const Ip6PrefixLen& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6PrefixLen& value);
+void attrLogRead(Mox::AttrLogReader& in, Ip6PrefixLen* value);
 
 // A byte index into an address, used as a collection key.
 class Ip6AddrU8Key {
@@ -260,6 +267,8 @@ class Ip6AddrU8Key {
 std::string valueToStrep(const Ip6AddrU8Key& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6AddrU8Key* value);
 std::ostream& operator<<(std::ostream& os, const Ip6AddrU8Key& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6AddrU8Key& value);
+void attrLogRead(Mox::AttrLogReader& in, Ip6AddrU8Key* value);
 
 // An address with a 128-bit mask that need not be contiguous.
 class Ip6AddrWithFullMask {
@@ -297,6 +306,8 @@ class Ip6AddrWithFullMask {
 std::string valueToStrep(const Ip6AddrWithFullMask& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Ip6AddrWithFullMask* value);
 std::ostream& operator<<(std::ostream& os, const Ip6AddrWithFullMask& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const Ip6AddrWithFullMask& value);
+void attrLogRead(Mox::AttrLogReader& in, Ip6AddrWithFullMask* value);
 
 // Well-known addresses and prefixes.
 inline constexpr Ip6Addr ip6AddrZero{};

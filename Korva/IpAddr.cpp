@@ -371,4 +371,42 @@ std::ostream& operator<<(std::ostream& os, const IpAddrWithFullMask& value) {
   return os << valueToStrep(value);
 }
 
+
+// The address as four octets in network order; lengths and masks as U32.
+void attrLogWrite(Mox::AttrLogWriter& out, IpAddr value) { out.integer(value.value()); }
+
+void attrLogRead(Mox::AttrLogReader& in, IpAddr* value) {
+  *value = IpAddr::fromHostOrder(in.integer<U32>());
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const IpAddrWithMask& value) {
+  attrLogWrite(out, value.address());
+  out.integer(value.len());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, IpAddrWithMask* value) {
+  const auto address = Mox::attrLogGet<IpAddr>(in);
+  *value = IpAddrWithMask(address, in.integer<U32>());
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Prefix& value) {
+  attrLogWrite(out, value.address());
+  out.integer(value.len());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Prefix* value) {
+  const auto address = Mox::attrLogGet<IpAddr>(in);
+  *value = Prefix(address, in.integer<U32>());
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const IpAddrWithFullMask& value) {
+  attrLogWrite(out, value.address());
+  out.integer(value.mask());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, IpAddrWithFullMask* value) {
+  const auto address = Mox::attrLogGet<IpAddr>(in);
+  *value = IpAddrWithFullMask(address, in.integer<U32>());
+}
+
 }  // namespace Korva

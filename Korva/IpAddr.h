@@ -4,6 +4,7 @@
 // and hashed on their host-order value.
 
 #include <Korva/Types.h>
+#include <Mox/AttrLog.h>
 #include <Korva/ValueType.h>
 #include <Mox/Text.h>
 
@@ -110,6 +111,9 @@ class IpAddr {
 std::string valueToStrep(IpAddr value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpAddr* value);
 std::ostream& operator<<(std::ostream& os, IpAddr value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, IpAddr value);
+void attrLogRead(Mox::AttrLogReader& in, IpAddr* value);
 
 // Reads "/" and a decimal prefix length, unchecked (a run too long for 32 bits reads as
 // 4294967295); raises "premature end of Prefix type" unless "/" and a digit are next.
@@ -144,6 +148,8 @@ class IpAddrWithMask {
 std::string valueToStrep(const IpAddrWithMask& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpAddrWithMask* value);
 std::ostream& operator<<(std::ostream& os, const IpAddrWithMask& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const IpAddrWithMask& value);
+void attrLogRead(Mox::AttrLogReader& in, IpAddrWithMask* value);
 
 // A network: no address bit is set after the first `len` bits. The length 4294967295 marks
 // the null prefix.
@@ -187,6 +193,8 @@ std::string valueToStrep(const Prefix& value);
 // Makes the parser's length and host-bit test but leaves any text after the length alone.
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Prefix* value);
 std::ostream& operator<<(std::ostream& os, const Prefix& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const Prefix& value);
+void attrLogRead(Mox::AttrLogReader& in, Prefix* value);
 
 // An address with a 32-bit mask that need not be contiguous. The mask is a host-order number
 // (255.255.255.0 is 0xffffff00), unlike the address.
@@ -223,6 +231,8 @@ class IpAddrWithFullMask {
 std::string valueToStrep(const IpAddrWithFullMask& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpAddrWithFullMask* value);
 std::ostream& operator<<(std::ostream& os, const IpAddrWithFullMask& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const IpAddrWithFullMask& value);
+void attrLogRead(Mox::AttrLogReader& in, IpAddrWithFullMask* value);
 
 }  // namespace Korva
 

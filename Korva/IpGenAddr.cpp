@@ -159,4 +159,37 @@ std::ostream& operator<<(std::ostream& os, const IpGenAddr& value) {
   return os << value.stringValue();
 }
 
+// The family as one byte, then the address's own bytes: none, four or sixteen.
+void attrLogWrite(Mox::AttrLogWriter& out, AddressFamily value) {
+  out.integer(static_cast<U8>(value));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, AddressFamily* value) {
+  const U8 family = in.integer<U8>();
+  if (family > static_cast<U8>(AddressFamily::ipv6)) {
+    throw Mox::AttrLogError("Invalid AddressFamily " + std::to_string(family));
+  }
+  *value = static_cast<AddressFamily>(family);
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const IpGenAddr& value) {
+  attrLogWrite(out, value.af());
+  if (value.isV4()) attrLogWrite(out, value.v4Addr());
+  if (value.isV6()) attrLogWrite(out, value.v6Addr());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, IpGenAddr* value) {
+  switch (Mox::attrLogGet<AddressFamily>(in)) {
+    case AddressFamily::ipv4:
+      *value = IpGenAddr(Mox::attrLogGet<IpAddr>(in));
+      break;
+    case AddressFamily::ipv6:
+      *value = IpGenAddr(Mox::attrLogGet<Ip6Addr>(in));
+      break;
+    case AddressFamily::ipunknown:
+      *value = IpGenAddr();
+      break;
+  }
+}
+
 }  // namespace Korva

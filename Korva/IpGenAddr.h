@@ -20,6 +20,9 @@ enum class AddressFamily : U32 { ipunknown = 0, ipv4 = 1, ipv6 = 2 };
 std::string valueToStrep(AddressFamily af);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, AddressFamily* af);
 std::ostream& operator<<(std::ostream& os, AddressFamily af);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, AddressFamily value);
+void attrLogRead(Mox::AttrLogReader& in, AddressFamily* value);
 
 // The family of the address text at `it`: the first ':' means IPv6 and the first '.' IPv4;
 // a '/' before either, or neither at all, means no family.
@@ -94,6 +97,8 @@ class IpGenAddr {
 std::string valueToStrep(const IpGenAddr& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpGenAddr* value);
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const IpGenAddr& value);
+void attrLogRead(Mox::AttrLogReader& in, IpGenAddr* value);
 
 }  // namespace Korva
 

@@ -408,4 +408,34 @@ void IpGenPrefixColl::prefixSetNotify(const IpGenPrefix& key) const {
   notify<Notifiee>([&key](Notifiee& notifiee) { notifiee.onPrefixSet(key); });
 }
 
+// The address's form, then the length as U32.
+void attrLogWrite(Mox::AttrLogWriter& out, const IpGenPrefixBase& value) {
+  attrLogWrite(out, value.ipGenAddr());
+  out.integer(value.len());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, IpGenPrefixBase* value) {
+  const auto address = Mox::attrLogGet<IpGenAddr>(in);
+  *value = IpGenPrefixBase(address, in.integer<U32>());
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const IpGenPrefix& value) {
+  attrLogWrite(out, static_cast<const IpGenPrefixBase&>(value));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, IpGenPrefix* value) {
+  const auto address = Mox::attrLogGet<IpGenAddr>(in);
+  *value = IpGenPrefix(address, in.integer<U32>());
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const IpGenAddrWithMask& value) {
+  attrLogWrite(out, value.ipGenAddr());
+  out.integer(value.len());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, IpGenAddrWithMask* value) {
+  const auto address = Mox::attrLogGet<IpGenAddr>(in);
+  *value = IpGenAddrWithMask(address, in.integer<U32>());
+}
+
 }  // namespace Korva

@@ -67,6 +67,9 @@ class IpGenPrefixBase {
 std::string valueToStrep(const IpGenPrefixBase& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpGenPrefixBase* value);
 std::ostream& operator<<(std::ostream& os, const IpGenPrefixBase& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const IpGenPrefixBase& value);
+void attrLogRead(Mox::AttrLogReader& in, IpGenPrefixBase* value);
 
 // A network of either family: no address bit is set after the first `len` bits.
 class IpGenPrefix : public IpGenPrefixBase {
@@ -110,6 +113,8 @@ std::string valueToStrep(const IpGenPrefix& value);
 // ("Prefix::validAsPrefix != true not allowed"); no family raises "Invalid prefix".
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpGenPrefix* value);
 std::ostream& operator<<(std::ostream& os, const IpGenPrefix& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const IpGenPrefix& value);
+void attrLogRead(Mox::AttrLogReader& in, IpGenPrefix* value);
 
 // An address of either family with a length; host bits may be set.
 class IpGenAddrWithMask {
@@ -152,6 +157,8 @@ class IpGenAddrWithMask {
 std::string valueToStrep(const IpGenAddrWithMask& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IpGenAddrWithMask* value);
 std::ostream& operator<<(std::ostream& os, const IpGenAddrWithMask& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const IpGenAddrWithMask& value);
+void attrLogRead(Mox::AttrLogReader& in, IpGenAddrWithMask* value);
 
 }  // namespace Korva
 

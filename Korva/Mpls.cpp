@@ -405,4 +405,49 @@ std::ostream& operator<<(std::ostream& os, const MplsLabelOperation& value) {
   return os << value.stringValue();
 }
 
+// A label as U32 (checked on reading); a stack as its size (U8) and that many labels; an
+// operation as its kind (U8), the entropy-label and control-word flags, and its stack.
+void attrLogWrite(Mox::AttrLogWriter& out, const MplsLabel& value) { out.integer(value.value()); }
+
+void attrLogRead(Mox::AttrLogReader& in, MplsLabel* value) { value->valueIs(in.integer<U32>()); }
+
+void attrLogWrite(Mox::AttrLogWriter& out, const BoundedMplsLabelStack& value) {
+  out.integer(value.stackSize());
+  for (unsigned i = 0; i < value.stackSize(); ++i) attrLogWrite(out, value.label(i));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, BoundedMplsLabelStack* value) {
+  BoundedMplsLabelStack read;
+  read.stackSizeIs(in.integer<U8>());
+  for (unsigned i = 0; i < read.stackSize(); ++i) read.labelIs(i, Mox::attrLogGet<MplsLabel>(in));
+  *value = read;
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, MplsOperation value) {
+  out.integer(static_cast<U8>(value));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, MplsOperation* value) {
+  const U8 operation = in.integer<U8>();
+  if (operation > static_cast<U8>(MplsOperation::swap)) {
+    throw Mox::AttrLogError("Invalid MplsOperation " + std::to_string(operation));
+  }
+  *value = static_cast<MplsOperation>(operation);
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const MplsLabelOperation& value) {
+  attrLogWrite(out, value.operation());
+  attrLogWrite(out, value.entropyLabel());
+  attrLogWrite(out, value.controlWord());
+  attrLogWrite(out, value.boundedLabelStack());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, MplsLabelOperation* value) {
+  const auto operation = Mox::attrLogGet<MplsOperation>(in);
+  const bool entropyLabel = Mox::attrLogGet<bool>(in);
+  const bool controlWord = Mox::attrLogGet<bool>(in);
+  *value = MplsLabelOperation(operation, Mox::attrLogGet<BoundedMplsLabelStack>(in),
+                              entropyLabel, controlWord);
+}
+
 }  // namespace Korva

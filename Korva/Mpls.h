@@ -7,6 +7,7 @@
 // can build stacks label by label and decide what a refusal means to them.
 
 #include <Korva/Types.h>
+#include <Mox/AttrLog.h>
 #include <Korva/ValueType.h>
 #include <Mox/Exception.h>
 
@@ -62,6 +63,9 @@ class MplsLabel {
 std::string valueToStrep(const MplsLabel& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, MplsLabel* value);
 std::ostream& operator<<(std::ostream& os, const MplsLabel& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const MplsLabel& value);
+void attrLogRead(Mox::AttrLogReader& in, MplsLabel* value);
 
 // The index of a slot of a label stack, 0..5.
 class MplsStackEntryIndex {
@@ -151,11 +155,15 @@ class BoundedMplsLabelStack {
 std::string valueToStrep(const BoundedMplsLabelStack& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, BoundedMplsLabelStack* value);
 std::ostream& operator<<(std::ostream& os, const BoundedMplsLabelStack& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const BoundedMplsLabelStack& value);
+void attrLogRead(Mox::AttrLogReader& in, BoundedMplsLabelStack* value);
 
 enum class MplsOperation : U8 { push = 0, pop = 1, swap = 2 };
 
 std::string valueToStrep(MplsOperation value);
 std::ostream& operator<<(std::ostream& os, MplsOperation value);
+void attrLogWrite(Mox::AttrLogWriter& out, MplsOperation value);
+void attrLogRead(Mox::AttrLogReader& in, MplsOperation* value);
 
 // The bits of what a smush could not take over from the inner operation.
 class SmushError {
@@ -249,6 +257,8 @@ class MplsLabelOperation {
 std::string valueToStrep(const MplsLabelOperation& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, MplsLabelOperation* value);
 std::ostream& operator<<(std::ostream& os, const MplsLabelOperation& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const MplsLabelOperation& value);
+void attrLogRead(Mox::AttrLogReader& in, MplsLabelOperation* value);
 
 }  // namespace Korva
 

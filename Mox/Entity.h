@@ -20,11 +20,16 @@
 
 namespace Mox {
 
+class AttrLogClass;
+
 class Entity : public PtrInterface {
  public:
   class NotifieeBase;
 
   const Name& name() const noexcept { return name_; }
+  // How the attribute log streams this entity; nullptr for entities that are never
+  // streamed (see Mox/AttrLogClass.h).
+  virtual const AttrLogClass* attrLogClass() const noexcept { return nullptr; }
   // Notifiees attached now (a slot emptied during a walk no longer counts).
   size_t notifieeCount() const noexcept { return hasHoles_ ? countAttached() : notifiees_.size(); }
 

@@ -4,6 +4,7 @@
 // repeated in each generated unit.
 
 #include <Mox/Assert.h>
+#include <Mox/AttrLog.h>
 #include <Mox/Entity.h>
 #include <Mox/Exception.h>
 #include <Mox/Ptr.h>
@@ -142,4 +143,26 @@ void enumFromSequence(TextIter& it, TextIter end, E* value, const EnumText<E> (&
   *value = best->value;
 }
 
+// Reads an enumeration's attribute-log form, its underlying integer; a number that is
+// neither in the table nor the default (0, where every attribute starts) raises AttrLogError
+// `message` and leaves the value unchanged.
+template <class E, size_t N>
+void enumFromLog(AttrLogReader& in, E* value, const EnumText<E> (&table)[N], const char* message) {
+  const E read = static_cast<E>(in.integer<std::underlying_type_t<E>>());
+  if (read == E{}) {
+    *value = read;
+    return;
+  }
+  for (const auto& row : table) {
+    if (row.value == read) {
+      *value = read;
+      return;
+    }
+  }
+  throw AttrLogError(message);
+}
+
 }  // namespace Mox
+
+// Generated entities describe themselves to the attribute log.
+#include <Mox/AttrLogClass.h>

@@ -74,4 +74,21 @@ Mox::Ptr<Status> statusFactory(const Mox::Name& name, U32 capacity) {
   return Mox::Ptr<Status>(new Status(name, capacity));
 }
 
+// An id as one U32; an entry as its id and its name.
+void attrLogWrite(Mox::AttrLogWriter& out, const VrfId& value) { out.integer(value.value()); }
+
+void attrLogRead(Mox::AttrLogReader& in, VrfId* value) { *value = VrfId(in.integer<Mox::U32>()); }
+
+void attrLogWrite(Mox::AttrLogWriter& out, const VrfEntry& value) {
+  attrLogWrite(out, value.key());
+  attrLogWrite(out, value.vrfName());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, VrfEntry* value) {
+  const auto key = Mox::attrLogGet<VrfId>(in);
+  const auto name = Mox::attrLogGet<std::string>(in);
+  if (name.size() > VrfEntry::maxNameLength) throw Mox::AttrLogError("VrfEntry name too long");
+  *value = VrfEntry(key, name);
+}
+
 }  // namespace Vrf::VrfIdMap

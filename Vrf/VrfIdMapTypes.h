@@ -6,6 +6,7 @@
 #include <Cairn/Table.h>
 #include <Cairn/Watcher.h>
 #include <Korva/ValueType.h>
+#include <Mox/AttrLog.h>
 #include <Mox/Entity.h>
 #include <Mox/Text.h>
 #include <Mox/Types.h>
@@ -48,6 +49,9 @@ class VrfId {
 std::string valueToStrep(const VrfId& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, VrfId* value);
 std::ostream& operator<<(std::ostream& os, const VrfId& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const VrfId& value);
+void attrLogRead(Mox::AttrLogReader& in, VrfId* value);
 
 // The table's value: fixed size, no padding, so equal entries are equal bytes.
 class VrfEntry {
@@ -76,6 +80,8 @@ static_assert(sizeof(VrfEntry) == 108 && std::has_unique_object_representations_
 
 std::string valueToStrep(const VrfEntry& value);
 std::ostream& operator<<(std::ostream& os, const VrfEntry& value);
+void attrLogWrite(Mox::AttrLogWriter& out, const VrfEntry& value);
+void attrLogRead(Mox::AttrLogReader& in, VrfEntry* value);
 
 // The shared table `vrfIdToName`, from VrfId to VrfEntry. The writer side makes the table
 // when it is missing and becomes its only writer; readers follow it with a watcher.

@@ -198,6 +198,9 @@ class Emitter:
         self.h(f"std::string valueToStrep({arg} value);")
         self.h(f"void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, {name}* value);")
         self.h(f"std::ostream& operator<<(std::ostream& os, {arg} value);")
+        self.h("// The attribute-log form (see Mox/AttrLog.h).")
+        self.h(f"void attrLogWrite(Mox::AttrLogWriter& out, {arg} value);")
+        self.h(f"void attrLogRead(Mox::AttrLogReader& in, {name}* value);")
         self.h()
 
     def stream_operator(self, parameter, text):
@@ -267,6 +270,13 @@ class Emitter:
         c("}")
         c()
         self.stream_operator(name, "valueToStrep(value)")
+        self.short_function(f"void attrLogWrite(Mox::AttrLogWriter& out, {name} value)",
+                            f"out.integer(static_cast<{self.cxx(e.base)}>(value));")
+        c()
+        c(f"void attrLogRead(Mox::AttrLogReader& in, {name}* value) {{")
+        c(f'  Mox::enumFromLog(in, value, {table}, "Invalid {e.name}");')
+        c("}")
+        c()
 
     # --- wrapper values -----------------------------------------------------------------
 
@@ -370,6 +380,7 @@ class Emitter:
 
     def flags_text(self, v):
         """Integer values with named flags print and parse as composites of their flags."""
+        self.wrapper_log(v)
         c = self.c
         c(f"std::string {v.name}::stringValue() const {{ return valueToStrep(*this); }}")
         c()
@@ -420,6 +431,17 @@ class Emitter:
         self.value_reader(v.name, [f"  {t} raw{{}};",
                                    "  Mox::deserializeAttr(cursor, end, &raw);",
                                    f"  {v.name} parsed(raw);"])
+        self.wrapper_log(v)
+
+    def wrapper_log(self, v):
+        c = self.c
+        self.short_function(f"void attrLogWrite(Mox::AttrLogWriter& out, const {v.name}& value)",
+                            "attrLogWrite(out, value.value());")
+        c()
+        c(f"void attrLogRead(Mox::AttrLogReader& in, {v.name}* value) {{")
+        c(f"  value->valueIs(Mox::attrLogGet<{self.cxx(v.wrapped)}>(in));")
+        c("}")
+        c()
 
     # --- composite values ---------------------------------------------------------------
 
@@ -526,6 +548,26 @@ class Emitter:
         names = [f"std::move({a.name})" for a in attrs]
         body.append(fill(f"  {v.name} parsed(", names, ");") if attrs else f"  {v.name} parsed;")
         self.value_reader(v.name, body)
+        self.value_log(v, names)
+
+    def value_log(self, v, names):
+        """Attributes in model order; reading builds the value through its constructor, so
+        that bounds are checked and a failure changes nothing."""
+        c = self.c
+        attrs = v.attrs
+        out = "out" if attrs else "/*out*/"
+        c(f"void attrLogWrite(Mox::AttrLogWriter& {out}, const {v.name}& value) {{")
+        for a in attrs:
+            c(f"  attrLogWrite(out, value.{a.name}());")
+        c("}")
+        c()
+        c(f"void attrLogRead(Mox::AttrLogReader& {'in' if attrs else '/*in*/'}, "
+          f"{v.name}* value) {{")
+        for a in attrs:
+            c(f"  const auto {a.name} = Mox::attrLogGet<{self.cxx(a.type)}>(in);")
+        c(fill(f"  *value = {v.name}(", [a.name for a in attrs], ");"))
+        c("}")
+        c()
 
     # --- entities -----------------------------------------------------------------------
 
@@ -572,6 +614,15 @@ class Emitter:
         for a in e.attrs:
             self.doc(h, a.doc, "  ")
             getattr(self, f"declare_{a.kind}")(a)
+            h()
+        if self.streamed(e):
+            h("  // How the attribute log streams this class (see Mox/AttrLogClass.h).")
+            h("  static const Mox::AttrLogClass& attrLog();")
+            h("  const Mox::AttrLogClass* attrLogClass() const noexcept override;")
+            h()
+        elif e.nolog and e.base != "Mox::Entity":
+            h("  // Never streamed by the attribute log.")
+            h("  const Mox::AttrLogClass* attrLogClass() const noexcept override { return nullptr; }")
             h()
         h(" protected:")
         explicit = "explicit " if len(e.args) == 1 else ""
@@ -633,6 +684,164 @@ class Emitter:
             c(f"  return Mox::Ptr<{e.name}>(new {e.name}({names}));")
             c("}")
             c()
+        if self.streamed(e):
+            self.attr_log(e)
+
+    # --- the attribute log of an entity -------------------------------------------------
+
+    def streamed(self, e):
+        """Entities are streamed unless marked nolog; hand-written ones hold behaviour (and
+        descriptors) that no mirror can have, and a base from another model is unknown here."""
+        if e.nolog or e.handwritten:
+            return False
+        if e.base == "Mox::Entity":
+            return True
+        base = self.model.find(e.base)
+        return base is not None and self.streamed(base)
+
+    def log_kind(self, a):
+        return "map" if a.kind == "map" else a.kind
+
+    def loggable(self, a):
+        types = [self.cxx(a.type)] if a.kind != "children" else []
+        if a.kind != "scalar":
+            types.append(self.cxx(a.key))
+        return " && ".join(f"Mox::AttrLoggable<{t}>" for t in types)
+
+    def attr_log(self, e):
+        c = self.c
+        n = e.name
+        watch, cls = f"{n}AttrLogWatch", f"{n}AttrLog"
+        base = "nullptr" if e.base == "Mox::Entity" else f"&{e.base}::attrLog()"
+        c("namespace {")
+        c()
+        c(f"// Writes each change of one {n} to an attribute-log sink.")
+        c(f"class {watch} final : public {n}::Notifiee {{")
+        c(" public:")
+        c(f"  {watch}({n}* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)")
+        c("      : handle_(handle), first_(first), sink_(sink) {")
+        c("    notifierIs(entity);")
+        c("  }")
+        c()
+        for i, a in enumerate(e.attrs):
+            getter = f"notifier()->{a.name}"
+            if a.kind == "scalar":
+                c(f"  void on{cap(a.name)}() override {{ sink_.scalar(handle_, id({i}), {getter}()); }}")
+            else:
+                call = "child" if a.kind == "children" else "entry"
+                c(f"  void on{cap(a.name)}({self.param(a.key)} key) override {{")
+                c(f"    sink_.{call}(handle_, id({i}), {getter}Coll(), key);")
+                c("  }")
+        c()
+        c(" private:")
+        c("  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }")
+        c()
+        c("  const Mox::U32 handle_;")
+        c("  const Mox::U16 first_;")
+        c("  Mox::AttrLogSink& sink_;")
+        c("};")
+        c()
+        c(f"class {cls} final : public Mox::AttrLogClass {{")
+        c(" public:")
+        rows = [f'{{"{a.name}", Mox::AttrLogKind::{self.log_kind(a)}, {self.loggable(a)}}}'
+                for a in e.attrs]
+        c(f'  {cls}()')
+        c(f'      : AttrLogClass("{self.qualified(n)}", {base},')
+        c(fill("                     {", rows, "}) {}"))
+        if e.factory and [(a.name, a.type) for a in e.args] in ([("name", "Name")],
+                                                              [("name", "Mox::Name")]):
+            c()
+            c("  Mox::Ptr<Mox::Entity> make(const Mox::Name& name) const override {")
+            c(f"    return {e.factory}(name);")
+            c("  }")
+        c()
+        c(" protected:")
+        c("  // Parameters and `e` go unused in a class without attributes of some kind.")
+        c("  void snapshotOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle,")
+        c("                   [[maybe_unused]] Mox::U16 first,")
+        c("                   [[maybe_unused]] Mox::AttrLogSink& sink) const override {")
+        c(f"    [[maybe_unused]] const auto& e = static_cast<const {n}&>(entity);")
+        for i, a in enumerate(e.attrs):
+            if a.kind == "scalar":
+                c(f"    sink.scalar(handle, first + {i}, e.{a.name}());")
+            else:
+                call = "children" if a.kind == "children" else "entries"
+                c(f"    sink.{call}<{self.cxx(a.key)}>(handle, first + {i}, e.{a.name}Coll());")
+        c("  }")
+        c()
+        c("  void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,")
+        c("               Mox::U16 local, [[maybe_unused]] Mox::AttrLogReader& key,")
+        c("               [[maybe_unused]] Mox::AttrLogSink& sink) const override {")
+        c(f"    [[maybe_unused]] const auto& e = static_cast<const {n}&>(entity);")
+        c("    [[maybe_unused]] const Mox::U16 id = static_cast<Mox::U16>(first + local);")
+        c("    switch (local) {")
+        for i, a in enumerate(e.attrs):
+            if a.kind == "scalar":
+                c(f"      case {i}: return sink.scalar(handle, id, e.{a.name}());")
+            else:
+                call = "child" if a.kind == "children" else "entry"
+                c(f"      case {i}:")
+                c(f"        return Mox::attrLogKeyed<{self.cxx(a.key)}>(")
+                c(f"            key, [&](const auto& k) {{ sink.{call}(handle, id, e.{a.name}Coll(), k); }});")
+        c("    }")
+        c("  }")
+        c()
+        c("  void applyOwn(Mox::Entity& entity, Mox::U16 local, [[maybe_unused]] Mox::AttrLogOp op,")
+        c("                [[maybe_unused]] Mox::AttrLogReader& key,")
+        c("                [[maybe_unused]] Mox::AttrLogReader& value,")
+        c("                [[maybe_unused]] Mox::AttrLogMirror& mirror) const override {")
+        c(f"    [[maybe_unused]] auto& e = static_cast<{n}&>(entity);")
+        c("    switch (local) {")
+        for i, a in enumerate(e.attrs):
+            c(f"      case {i}:")
+            t, k = self.cxx(a.type), self.cxx(a.key) if a.key else None
+            if a.kind == "scalar":
+                c(f"        return Mox::attrLogApplyScalar<{t}>(")
+                c(f"            op, value, [&](const auto& v) {{ e.{a.name}Is(v); }});")
+            elif a.kind == "children":
+                c(f"        return Mox::attrLogApplyChild<{k}>(")
+                c(f"            op, key, value, mirror, [&](const auto& k) {{ return e.{a.name}(k); }},")
+                c(f"            [&](const auto& k) {{ return e.new{cap(a.name)}(k); }},")
+                c(f"            [&](const auto& k) {{ e.{a.name}Del(k); }});")
+            else:
+                # A value that carries its own key is set by the value alone.
+                params, args = ("const auto&, const auto& v", "v") if a.key_member else (
+                    "const auto& k, const auto& v", "k, v")
+                c(f"        return Mox::attrLogApplyEntry<{k}, {t}>(")
+                c(f"            op, key, value, [&]({params}) {{ e.{a.name}Is({args}); }},")
+                c(f"            [&](const auto& k) {{ e.{a.name}Del(k); }});")
+        c("    }")
+        c("  }")
+        c()
+        c("  void forEachEntryOwn(const Mox::Entity& entity, Mox::U16 local,")
+        c("                       [[maybe_unused]] const EntryFn& fn) const override {")
+        c(f"    [[maybe_unused]] const auto& e = static_cast<const {n}&>(entity);")
+        c("    switch (local) {")
+        for i, a in enumerate(e.attrs):
+            if a.kind != "scalar":
+                c(f"      case {i}: return Mox::attrLogEntries<{self.cxx(a.key)}>(e.{a.name}Coll(), fn);")
+        c("    }")
+        c("  }")
+        c()
+        c("  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,")
+        c("                                                      Mox::U16 first,")
+        c("                                                      Mox::AttrLogSink& sink) const override {")
+        c(f"    return std::make_unique<{watch}>(static_cast<{n}*>(&entity), handle, first, sink);")
+        c("  }")
+        c("};")
+        c()
+        c("}  // namespace")
+        c()
+        c(f"const Mox::AttrLogClass& {n}::attrLog() {{")
+        c(f"  static const {cls} cls;")
+        c("  return cls;")
+        c("}")
+        c()
+        c(f"const Mox::AttrLogClass* {n}::attrLogClass() const noexcept {{ return &attrLog(); }}")
+        c()
+        c(f"[[maybe_unused]] static const bool k{n}AttrLogRegistered =")
+        c(f"    Mox::attrLogClassRegister({n}::attrLog());")
+        c()
 
     def storage(self, a):
         t = self.cxx(a.type)

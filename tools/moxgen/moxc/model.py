@@ -125,6 +125,8 @@ class EntityDef:
     enums: List[EnumDef] = field(default_factory=list)
     # The class is written by hand on the generated `NameBase`, which holds the data.
     handwritten: bool = False
+    # Never streamed by the attribute log: its changes stay inside the process.
+    nolog: bool = False
 
     @property
     def cls(self):
@@ -261,11 +263,13 @@ class Parser:
 
     def entity(self, number, rest, doc):
         m = re.fullmatch(rf"({IDENT})\s*\(([^)]*)\)(?:\s*:\s*({QUALIFIED})(?:\((.*)\))?)?"
-                         r"(\s+handwritten)?", rest)
+                         r"((?:\s+(?:handwritten|nolog))*)", rest)
         if not m:
             self.error(number, "expected: entity Name(arg : Type, ...) [: Base[(args)]] "
-                       "[handwritten]")
-        entity = EntityDef(m.group(1), number, doc, handwritten=bool(m.group(5)))
+                       "[handwritten] [nolog]")
+        flags = m.group(5).split()
+        entity = EntityDef(m.group(1), number, doc, handwritten="handwritten" in flags,
+                           nolog="nolog" in flags)
         for text in filter(None, (a.strip() for a in m.group(2).split(","))):
             am = re.fullmatch(rf"({IDENT})\s*:\s*(\S+)(.*)", text)
             if not am:

@@ -13,12 +13,168 @@ Mox::Ptr<Leaf> leafFactory(const Mox::Name& name) {
   return Mox::Ptr<Leaf>(new Leaf(name));
 }
 
+namespace {
+
+// Writes each change of one Leaf to an attribute-log sink.
+class LeafAttrLogWatch final : public Leaf::Notifiee {
+ public:
+  LeafAttrLogWatch(Leaf* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+      : handle_(handle), first_(first), sink_(sink) {
+    notifierIs(entity);
+  }
+
+ private:
+  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
+
+  const Mox::U32 handle_;
+  const Mox::U16 first_;
+  Mox::AttrLogSink& sink_;
+};
+
+class LeafAttrLog final : public Mox::AttrLogClass {
+ public:
+  LeafAttrLog()
+      : AttrLogClass("Golden::Leaf", nullptr,
+                     {}) {}
+
+  Mox::Ptr<Mox::Entity> make(const Mox::Name& name) const override {
+    return leafFactory(name);
+  }
+
+ protected:
+  // Parameters and `e` go unused in a class without attributes of some kind.
+  void snapshotOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle,
+                   [[maybe_unused]] Mox::U16 first,
+                   [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Leaf&>(entity);
+  }
+
+  void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,
+               Mox::U16 local, [[maybe_unused]] Mox::AttrLogReader& key,
+               [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Leaf&>(entity);
+    [[maybe_unused]] const Mox::U16 id = static_cast<Mox::U16>(first + local);
+    switch (local) {
+    }
+  }
+
+  void applyOwn(Mox::Entity& entity, Mox::U16 local, [[maybe_unused]] Mox::AttrLogOp op,
+                [[maybe_unused]] Mox::AttrLogReader& key,
+                [[maybe_unused]] Mox::AttrLogReader& value,
+                [[maybe_unused]] Mox::AttrLogMirror& mirror) const override {
+    [[maybe_unused]] auto& e = static_cast<Leaf&>(entity);
+    switch (local) {
+    }
+  }
+
+  void forEachEntryOwn(const Mox::Entity& entity, Mox::U16 local,
+                       [[maybe_unused]] const EntryFn& fn) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Leaf&>(entity);
+    switch (local) {
+    }
+  }
+
+  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
+                                                      Mox::U16 first,
+                                                      Mox::AttrLogSink& sink) const override {
+    return std::make_unique<LeafAttrLogWatch>(static_cast<Leaf*>(&entity), handle, first, sink);
+  }
+};
+
+}  // namespace
+
+const Mox::AttrLogClass& Leaf::attrLog() {
+  static const LeafAttrLog cls;
+  return cls;
+}
+
+const Mox::AttrLogClass* Leaf::attrLogClass() const noexcept { return &attrLog(); }
+
+[[maybe_unused]] static const bool kLeafAttrLogRegistered =
+    Mox::attrLogClassRegister(Leaf::attrLog());
+
 KeyedLeaf::KeyedLeaf(const Mox::Name& name, const Values::Part& part)
     : Mox::Entity(name), part_(part) {}
 
 Mox::Ptr<KeyedLeaf> keyedLeafFactory(const Mox::Name& name, const Values::Part& part) {
   return Mox::Ptr<KeyedLeaf>(new KeyedLeaf(name, part));
 }
+
+namespace {
+
+// Writes each change of one KeyedLeaf to an attribute-log sink.
+class KeyedLeafAttrLogWatch final : public KeyedLeaf::Notifiee {
+ public:
+  KeyedLeafAttrLogWatch(KeyedLeaf* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+      : handle_(handle), first_(first), sink_(sink) {
+    notifierIs(entity);
+  }
+
+ private:
+  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
+
+  const Mox::U32 handle_;
+  const Mox::U16 first_;
+  Mox::AttrLogSink& sink_;
+};
+
+class KeyedLeafAttrLog final : public Mox::AttrLogClass {
+ public:
+  KeyedLeafAttrLog()
+      : AttrLogClass("Golden::KeyedLeaf", nullptr,
+                     {}) {}
+
+ protected:
+  // Parameters and `e` go unused in a class without attributes of some kind.
+  void snapshotOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle,
+                   [[maybe_unused]] Mox::U16 first,
+                   [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const KeyedLeaf&>(entity);
+  }
+
+  void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,
+               Mox::U16 local, [[maybe_unused]] Mox::AttrLogReader& key,
+               [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const KeyedLeaf&>(entity);
+    [[maybe_unused]] const Mox::U16 id = static_cast<Mox::U16>(first + local);
+    switch (local) {
+    }
+  }
+
+  void applyOwn(Mox::Entity& entity, Mox::U16 local, [[maybe_unused]] Mox::AttrLogOp op,
+                [[maybe_unused]] Mox::AttrLogReader& key,
+                [[maybe_unused]] Mox::AttrLogReader& value,
+                [[maybe_unused]] Mox::AttrLogMirror& mirror) const override {
+    [[maybe_unused]] auto& e = static_cast<KeyedLeaf&>(entity);
+    switch (local) {
+    }
+  }
+
+  void forEachEntryOwn(const Mox::Entity& entity, Mox::U16 local,
+                       [[maybe_unused]] const EntryFn& fn) const override {
+    [[maybe_unused]] const auto& e = static_cast<const KeyedLeaf&>(entity);
+    switch (local) {
+    }
+  }
+
+  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
+                                                      Mox::U16 first,
+                                                      Mox::AttrLogSink& sink) const override {
+    return std::make_unique<KeyedLeafAttrLogWatch>(static_cast<KeyedLeaf*>(&entity), handle, first, sink);
+  }
+};
+
+}  // namespace
+
+const Mox::AttrLogClass& KeyedLeaf::attrLog() {
+  static const KeyedLeafAttrLog cls;
+  return cls;
+}
+
+const Mox::AttrLogClass* KeyedLeaf::attrLogClass() const noexcept { return &attrLog(); }
+
+[[maybe_unused]] static const bool kKeyedLeafAttrLogRegistered =
+    Mox::attrLogClassRegister(KeyedLeaf::attrLog());
 
 namespace {
 
@@ -340,6 +496,187 @@ Mox::Ptr<Status> statusFactory(const Mox::Name& name) {
 
 namespace {
 
+// Writes each change of one Status to an attribute-log sink.
+class StatusAttrLogWatch final : public Status::Notifiee {
+ public:
+  StatusAttrLogWatch(Status* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+      : handle_(handle), first_(first), sink_(sink) {
+    notifierIs(entity);
+  }
+
+  void onReadable() override { sink_.scalar(handle_, id(0), notifier()->readable()); }
+  void onReason() override { sink_.scalar(handle_, id(1), notifier()->reason()); }
+  void onWeight() override { sink_.scalar(handle_, id(2), notifier()->weight()); }
+  void onPart(const Values::Key& key) override {
+    sink_.entry(handle_, id(3), notifier()->partColl(), key);
+  }
+  void onFlag(Mox::U32 key) override {
+    sink_.entry(handle_, id(4), notifier()->flagColl(), key);
+  }
+  void onSaved(Mox::U16 key) override {
+    sink_.entry(handle_, id(5), notifier()->savedColl(), key);
+  }
+  void onPending(Mox::U32 key) override {
+    sink_.entry(handle_, id(6), notifier()->pendingColl(), key);
+  }
+  void onLeaf(const Mox::Name& key) override {
+    sink_.child(handle_, id(7), notifier()->leafColl(), key);
+  }
+  void onKeyedLeaf(const Values::Part& key) override {
+    sink_.child(handle_, id(8), notifier()->keyedLeafColl(), key);
+  }
+
+ private:
+  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
+
+  const Mox::U32 handle_;
+  const Mox::U16 first_;
+  Mox::AttrLogSink& sink_;
+};
+
+class StatusAttrLog final : public Mox::AttrLogClass {
+ public:
+  StatusAttrLog()
+      : AttrLogClass("Golden::Status", nullptr,
+                     {{"readable", Mox::AttrLogKind::scalar, Mox::AttrLoggable<Mox::U32>},
+                      {"reason", Mox::AttrLogKind::scalar, Mox::AttrLoggable<Mox::String8>},
+                      {"weight", Mox::AttrLogKind::scalar, Mox::AttrLoggable<Mox::U16>},
+                      {"part", Mox::AttrLogKind::map, Mox::AttrLoggable<Values::Part> && Mox::AttrLoggable<Values::Key>},
+                      {"flag", Mox::AttrLogKind::map, Mox::AttrLoggable<bool> && Mox::AttrLoggable<Mox::U32>},
+                      {"saved", Mox::AttrLogKind::array, Mox::AttrLoggable<Mox::Ptr<Status>> && Mox::AttrLoggable<Mox::U16>},
+                      {"pending", Mox::AttrLogKind::queue, Mox::AttrLoggable<Values::Part> && Mox::AttrLoggable<Mox::U32>},
+                      {"leaf", Mox::AttrLogKind::children, Mox::AttrLoggable<Mox::Name>},
+                      {"keyedLeaf", Mox::AttrLogKind::children, Mox::AttrLoggable<Values::Part>}}) {}
+
+  Mox::Ptr<Mox::Entity> make(const Mox::Name& name) const override {
+    return statusFactory(name);
+  }
+
+ protected:
+  // Parameters and `e` go unused in a class without attributes of some kind.
+  void snapshotOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle,
+                   [[maybe_unused]] Mox::U16 first,
+                   [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Status&>(entity);
+    sink.scalar(handle, first + 0, e.readable());
+    sink.scalar(handle, first + 1, e.reason());
+    sink.scalar(handle, first + 2, e.weight());
+    sink.entries<Values::Key>(handle, first + 3, e.partColl());
+    sink.entries<Mox::U32>(handle, first + 4, e.flagColl());
+    sink.entries<Mox::U16>(handle, first + 5, e.savedColl());
+    sink.entries<Mox::U32>(handle, first + 6, e.pendingColl());
+    sink.children<Mox::Name>(handle, first + 7, e.leafColl());
+    sink.children<Values::Part>(handle, first + 8, e.keyedLeafColl());
+  }
+
+  void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,
+               Mox::U16 local, [[maybe_unused]] Mox::AttrLogReader& key,
+               [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Status&>(entity);
+    [[maybe_unused]] const Mox::U16 id = static_cast<Mox::U16>(first + local);
+    switch (local) {
+      case 0: return sink.scalar(handle, id, e.readable());
+      case 1: return sink.scalar(handle, id, e.reason());
+      case 2: return sink.scalar(handle, id, e.weight());
+      case 3:
+        return Mox::attrLogKeyed<Values::Key>(
+            key, [&](const auto& k) { sink.entry(handle, id, e.partColl(), k); });
+      case 4:
+        return Mox::attrLogKeyed<Mox::U32>(
+            key, [&](const auto& k) { sink.entry(handle, id, e.flagColl(), k); });
+      case 5:
+        return Mox::attrLogKeyed<Mox::U16>(
+            key, [&](const auto& k) { sink.entry(handle, id, e.savedColl(), k); });
+      case 6:
+        return Mox::attrLogKeyed<Mox::U32>(
+            key, [&](const auto& k) { sink.entry(handle, id, e.pendingColl(), k); });
+      case 7:
+        return Mox::attrLogKeyed<Mox::Name>(
+            key, [&](const auto& k) { sink.child(handle, id, e.leafColl(), k); });
+      case 8:
+        return Mox::attrLogKeyed<Values::Part>(
+            key, [&](const auto& k) { sink.child(handle, id, e.keyedLeafColl(), k); });
+    }
+  }
+
+  void applyOwn(Mox::Entity& entity, Mox::U16 local, [[maybe_unused]] Mox::AttrLogOp op,
+                [[maybe_unused]] Mox::AttrLogReader& key,
+                [[maybe_unused]] Mox::AttrLogReader& value,
+                [[maybe_unused]] Mox::AttrLogMirror& mirror) const override {
+    [[maybe_unused]] auto& e = static_cast<Status&>(entity);
+    switch (local) {
+      case 0:
+        return Mox::attrLogApplyScalar<Mox::U32>(
+            op, value, [&](const auto& v) { e.readableIs(v); });
+      case 1:
+        return Mox::attrLogApplyScalar<Mox::String8>(
+            op, value, [&](const auto& v) { e.reasonIs(v); });
+      case 2:
+        return Mox::attrLogApplyScalar<Mox::U16>(
+            op, value, [&](const auto& v) { e.weightIs(v); });
+      case 3:
+        return Mox::attrLogApplyEntry<Values::Key, Values::Part>(
+            op, key, value, [&](const auto&, const auto& v) { e.partIs(v); },
+            [&](const auto& k) { e.partDel(k); });
+      case 4:
+        return Mox::attrLogApplyEntry<Mox::U32, bool>(
+            op, key, value, [&](const auto& k, const auto& v) { e.flagIs(k, v); },
+            [&](const auto& k) { e.flagDel(k); });
+      case 5:
+        return Mox::attrLogApplyEntry<Mox::U16, Mox::Ptr<Status>>(
+            op, key, value, [&](const auto& k, const auto& v) { e.savedIs(k, v); },
+            [&](const auto& k) { e.savedDel(k); });
+      case 6:
+        return Mox::attrLogApplyEntry<Mox::U32, Values::Part>(
+            op, key, value, [&](const auto& k, const auto& v) { e.pendingIs(k, v); },
+            [&](const auto& k) { e.pendingDel(k); });
+      case 7:
+        return Mox::attrLogApplyChild<Mox::Name>(
+            op, key, value, mirror, [&](const auto& k) { return e.leaf(k); },
+            [&](const auto& k) { return e.newLeaf(k); },
+            [&](const auto& k) { e.leafDel(k); });
+      case 8:
+        return Mox::attrLogApplyChild<Values::Part>(
+            op, key, value, mirror, [&](const auto& k) { return e.keyedLeaf(k); },
+            [&](const auto& k) { return e.newKeyedLeaf(k); },
+            [&](const auto& k) { e.keyedLeafDel(k); });
+    }
+  }
+
+  void forEachEntryOwn(const Mox::Entity& entity, Mox::U16 local,
+                       [[maybe_unused]] const EntryFn& fn) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Status&>(entity);
+    switch (local) {
+      case 3: return Mox::attrLogEntries<Values::Key>(e.partColl(), fn);
+      case 4: return Mox::attrLogEntries<Mox::U32>(e.flagColl(), fn);
+      case 5: return Mox::attrLogEntries<Mox::U16>(e.savedColl(), fn);
+      case 6: return Mox::attrLogEntries<Mox::U32>(e.pendingColl(), fn);
+      case 7: return Mox::attrLogEntries<Mox::Name>(e.leafColl(), fn);
+      case 8: return Mox::attrLogEntries<Values::Part>(e.keyedLeafColl(), fn);
+    }
+  }
+
+  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
+                                                      Mox::U16 first,
+                                                      Mox::AttrLogSink& sink) const override {
+    return std::make_unique<StatusAttrLogWatch>(static_cast<Status*>(&entity), handle, first, sink);
+  }
+};
+
+}  // namespace
+
+const Mox::AttrLogClass& Status::attrLog() {
+  static const StatusAttrLog cls;
+  return cls;
+}
+
+const Mox::AttrLogClass* Status::attrLogClass() const noexcept { return &attrLog(); }
+
+[[maybe_unused]] static const bool kStatusAttrLogRegistered =
+    Mox::attrLogClassRegister(Status::attrLog());
+
+namespace {
+
 void checkChildTypeId(Mox::U8 value) {
   if (value > 126) {
     throw Mox::RangeException("Child::typeId > 126 not allowed");
@@ -368,7 +705,166 @@ Mox::Ptr<Child> childFactory(const Mox::Name& name, Mox::U8 typeId) {
   return Mox::Ptr<Child>(new Child(name, typeId));
 }
 
+namespace {
+
+// Writes each change of one Child to an attribute-log sink.
+class ChildAttrLogWatch final : public Child::Notifiee {
+ public:
+  ChildAttrLogWatch(Child* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+      : handle_(handle), first_(first), sink_(sink) {
+    notifierIs(entity);
+  }
+
+  void onExtra() override { sink_.scalar(handle_, id(0), notifier()->extra()); }
+
+ private:
+  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
+
+  const Mox::U32 handle_;
+  const Mox::U16 first_;
+  Mox::AttrLogSink& sink_;
+};
+
+class ChildAttrLog final : public Mox::AttrLogClass {
+ public:
+  ChildAttrLog()
+      : AttrLogClass("Golden::Child", &Status::attrLog(),
+                     {{"extra", Mox::AttrLogKind::scalar, Mox::AttrLoggable<double>}}) {}
+
+ protected:
+  // Parameters and `e` go unused in a class without attributes of some kind.
+  void snapshotOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle,
+                   [[maybe_unused]] Mox::U16 first,
+                   [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Child&>(entity);
+    sink.scalar(handle, first + 0, e.extra());
+  }
+
+  void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,
+               Mox::U16 local, [[maybe_unused]] Mox::AttrLogReader& key,
+               [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Child&>(entity);
+    [[maybe_unused]] const Mox::U16 id = static_cast<Mox::U16>(first + local);
+    switch (local) {
+      case 0: return sink.scalar(handle, id, e.extra());
+    }
+  }
+
+  void applyOwn(Mox::Entity& entity, Mox::U16 local, [[maybe_unused]] Mox::AttrLogOp op,
+                [[maybe_unused]] Mox::AttrLogReader& key,
+                [[maybe_unused]] Mox::AttrLogReader& value,
+                [[maybe_unused]] Mox::AttrLogMirror& mirror) const override {
+    [[maybe_unused]] auto& e = static_cast<Child&>(entity);
+    switch (local) {
+      case 0:
+        return Mox::attrLogApplyScalar<double>(
+            op, value, [&](const auto& v) { e.extraIs(v); });
+    }
+  }
+
+  void forEachEntryOwn(const Mox::Entity& entity, Mox::U16 local,
+                       [[maybe_unused]] const EntryFn& fn) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Child&>(entity);
+    switch (local) {
+    }
+  }
+
+  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
+                                                      Mox::U16 first,
+                                                      Mox::AttrLogSink& sink) const override {
+    return std::make_unique<ChildAttrLogWatch>(static_cast<Child*>(&entity), handle, first, sink);
+  }
+};
+
+}  // namespace
+
+const Mox::AttrLogClass& Child::attrLog() {
+  static const ChildAttrLog cls;
+  return cls;
+}
+
+const Mox::AttrLogClass* Child::attrLogClass() const noexcept { return &attrLog(); }
+
+[[maybe_unused]] static const bool kChildAttrLogRegistered =
+    Mox::attrLogClassRegister(Child::attrLog());
+
 Bare::Bare(Mox::U32 id) : Status("bare"), id_(id) {}
+
+namespace {
+
+// Writes each change of one Bare to an attribute-log sink.
+class BareAttrLogWatch final : public Bare::Notifiee {
+ public:
+  BareAttrLogWatch(Bare* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+      : handle_(handle), first_(first), sink_(sink) {
+    notifierIs(entity);
+  }
+
+ private:
+  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
+
+  const Mox::U32 handle_;
+  const Mox::U16 first_;
+  Mox::AttrLogSink& sink_;
+};
+
+class BareAttrLog final : public Mox::AttrLogClass {
+ public:
+  BareAttrLog()
+      : AttrLogClass("Golden::Bare", &Status::attrLog(),
+                     {}) {}
+
+ protected:
+  // Parameters and `e` go unused in a class without attributes of some kind.
+  void snapshotOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle,
+                   [[maybe_unused]] Mox::U16 first,
+                   [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Bare&>(entity);
+  }
+
+  void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,
+               Mox::U16 local, [[maybe_unused]] Mox::AttrLogReader& key,
+               [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Bare&>(entity);
+    [[maybe_unused]] const Mox::U16 id = static_cast<Mox::U16>(first + local);
+    switch (local) {
+    }
+  }
+
+  void applyOwn(Mox::Entity& entity, Mox::U16 local, [[maybe_unused]] Mox::AttrLogOp op,
+                [[maybe_unused]] Mox::AttrLogReader& key,
+                [[maybe_unused]] Mox::AttrLogReader& value,
+                [[maybe_unused]] Mox::AttrLogMirror& mirror) const override {
+    [[maybe_unused]] auto& e = static_cast<Bare&>(entity);
+    switch (local) {
+    }
+  }
+
+  void forEachEntryOwn(const Mox::Entity& entity, Mox::U16 local,
+                       [[maybe_unused]] const EntryFn& fn) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Bare&>(entity);
+    switch (local) {
+    }
+  }
+
+  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
+                                                      Mox::U16 first,
+                                                      Mox::AttrLogSink& sink) const override {
+    return std::make_unique<BareAttrLogWatch>(static_cast<Bare*>(&entity), handle, first, sink);
+  }
+};
+
+}  // namespace
+
+const Mox::AttrLogClass& Bare::attrLog() {
+  static const BareAttrLog cls;
+  return cls;
+}
+
+const Mox::AttrLogClass* Bare::attrLogClass() const noexcept { return &attrLog(); }
+
+[[maybe_unused]] static const bool kBareAttrLogRegistered =
+    Mox::attrLogClassRegister(Bare::attrLog());
 
 namespace {
 
@@ -389,6 +885,14 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, MachineBase::State* v
 
 std::ostream& operator<<(std::ostream& os, MachineBase::State value) {
   return os << valueToStrep(value);
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, MachineBase::State value) {
+  out.integer(static_cast<Mox::U8>(value));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, MachineBase::State* value) {
+  Mox::enumFromLog(in, value, kMachineBaseStateTexts, "Invalid State");
 }
 
 MachineBase::MachineBase(const Mox::Name& name) : Status(name) {}
@@ -441,6 +945,51 @@ void MachineBase::speedDel() {
 
 Mox::Ptr<Machine> machineFactory(const Mox::Name& name) {
   return Mox::Ptr<Machine>(new Machine(name));
+}
+
+Quiet::Quiet() : Mox::Entity("Quiet") {}
+
+bool Quiet::seen(Mox::U32 key) const {
+  auto entry = seen_.find(key);
+  return entry == seen_.end() ? bool() : entry->second;
+}
+
+bool Quiet::newSeen(Mox::U32 key, bool value) {
+  auto [entry, added] = seen_.try_emplace(key, value);
+  if (!added) return entry->second;
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onSeen(key); });
+  return value;
+}
+
+void Quiet::seenIs(Mox::U32 key, bool value) {
+  auto [entry, added] = seen_.try_emplace(key, value);
+  if (!added) {
+    if (entry->second == value) return;
+    entry->second = value;
+  }
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onSeen(key); });
+}
+
+void Quiet::seenDel(Mox::U32 key) {
+  auto entry = seen_.find(key);
+  if (entry == seen_.end()) return;
+  auto removed = seen_.extract(entry);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onSeen(removed.key()); });
+}
+
+void Quiet::seenDelAll() {
+  while (!seen_.empty()) {
+    auto removed = seen_.extract(seen_.begin());
+    notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onSeen(removed.key()); });
+  }
+}
+
+void Quiet::seenNotify(Mox::U32 key) const {
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onSeen(key); });
+}
+
+Mox::Ptr<Quiet> quietFactory() {
+  return Mox::Ptr<Quiet>(new Quiet());
 }
 
 }  // namespace Golden

@@ -11,6 +11,10 @@ class Leaf : public Mox::Entity {
  public:
   class Notifiee;
 
+  // How the attribute log streams this class (see Mox/AttrLogClass.h).
+  static const Mox::AttrLogClass& attrLog();
+  const Mox::AttrLogClass* attrLogClass() const noexcept override;
+
  protected:
   explicit Leaf(const Mox::Name& name);
 
@@ -41,6 +45,10 @@ class KeyedLeaf : public Mox::Entity {
   class Notifiee;
 
   const Values::Part& part() const { return part_; }
+
+  // How the attribute log streams this class (see Mox/AttrLogClass.h).
+  static const Mox::AttrLogClass& attrLog();
+  const Mox::AttrLogClass* attrLogClass() const noexcept override;
 
  protected:
   KeyedLeaf(const Mox::Name& name, const Values::Part& part);
@@ -171,6 +179,10 @@ class Status : public Mox::Entity {
   // Runs the onKeyedLeaf(key) hooks without a change.
   void keyedLeafNotify(const Values::Part& key) const;
 
+  // How the attribute log streams this class (see Mox/AttrLogClass.h).
+  static const Mox::AttrLogClass& attrLog();
+  const Mox::AttrLogClass* attrLogClass() const noexcept override;
+
  protected:
   explicit Status(const Mox::Name& name);
 
@@ -228,6 +240,10 @@ class Child : public Status {
   // Back to the default value.
   void extraDel();
 
+  // How the attribute log streams this class (see Mox/AttrLogClass.h).
+  static const Mox::AttrLogClass& attrLog();
+  const Mox::AttrLogClass* attrLogClass() const noexcept override;
+
  protected:
   Child(const Mox::Name& name, Mox::U8 typeId);
 
@@ -263,6 +279,10 @@ class Bare : public Status {
   class Notifiee;
 
   Mox::U32 id() const { return id_; }
+
+  // How the attribute log streams this class (see Mox/AttrLogClass.h).
+  static const Mox::AttrLogClass& attrLog();
+  const Mox::AttrLogClass* attrLogClass() const noexcept override;
 
  protected:
   explicit Bare(Mox::U32 id);
@@ -354,5 +374,55 @@ Mox::Ptr<Machine> machineFactory(const Mox::Name& name);
 std::string valueToStrep(MachineBase::State value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, MachineBase::State* value);
 std::ostream& operator<<(std::ostream& os, MachineBase::State value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, MachineBase::State value);
+void attrLogRead(Mox::AttrLogReader& in, MachineBase::State* value);
+
+// Changes stay inside the process: never streamed.
+class Quiet : public Mox::Entity {
+ public:
+  class Notifiee;
+
+  // The entry for `key`, or the default value when there is none.
+  bool seen(Mox::U32 key) const;
+  const std::map<Mox::U32, bool>& seenColl() const { return seen_; }
+  size_t seenSize() const { return seen_.size(); }
+  // Adds the entry unless its key is present; returns the entry the key now has.
+  bool newSeen(Mox::U32 key, bool value);
+  // Adds or replaces the entry.
+  void seenIs(Mox::U32 key, bool value);
+  void seenDel(Mox::U32 key);
+  void seenDelAll();
+  // Runs the onSeen(key) hooks without a change.
+  void seenNotify(Mox::U32 key) const;
+
+ protected:
+  Quiet();
+
+ private:
+  friend Mox::Ptr<Quiet> quietFactory();
+
+  std::map<Mox::U32, bool> seen_;
+};
+
+// Watches one Quiet; each hook runs after a real change of its attribute.
+class Quiet::Notifiee : public Mox::Entity::NotifieeBase {
+ public:
+  // Deeper than the base's: Quiet hooks reach only notifiees attached by notifierIs.
+  static constexpr Mox::U8 kLevel = Mox::Entity::NotifieeBase::kLevel + 1;
+
+  Quiet* notifier() const {
+    return static_cast<Quiet*>(const_cast<Mox::Entity*>(notifierBase()));
+  }
+  // Starts watching `notifier` (nullptr: none), leaving the one watched before.
+  void notifierIs(Quiet* notifier) { notifierBaseIs(notifier, kLevel); }
+
+  virtual void onSeen(Mox::U32) {}
+
+ protected:
+  Notifiee() = default;
+};
+
+Mox::Ptr<Quiet> quietFactory();
 
 }  // namespace Golden

@@ -27,6 +27,14 @@ std::ostream& operator<<(std::ostream& os, Source value) {
   return os << valueToStrep(value);
 }
 
+void attrLogWrite(Mox::AttrLogWriter& out, Source value) {
+  out.integer(static_cast<Mox::U8>(value));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Source* value) {
+  Mox::enumFromLog(in, value, kSourceTexts, "Invalid Source");
+}
+
 Key::Key(Mox::U8 value) { valueIs(value); }
 
 void Key::valueIs(Mox::U8 value) {
@@ -57,6 +65,12 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Key* value) {
 
 std::ostream& operator<<(std::ostream& os, const Key& value) {
   return os << value.stringValue();
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Key& value) { attrLogWrite(out, value.value()); }
+
+void attrLogRead(Mox::AttrLogReader& in, Key* value) {
+  value->valueIs(Mox::attrLogGet<Mox::U8>(in));
 }
 
 Mask::Mask(Mox::U32 value) { valueIs(value); }
@@ -91,6 +105,12 @@ std::ostream& operator<<(std::ostream& os, const Mask& value) {
   return os << value.stringValue();
 }
 
+void attrLogWrite(Mox::AttrLogWriter& out, const Mask& value) { attrLogWrite(out, value.value()); }
+
+void attrLogRead(Mox::AttrLogReader& in, Mask* value) {
+  value->valueIs(Mox::attrLogGet<Mox::U32>(in));
+}
+
 Options::Options(Mox::U8 value) { valueIs(value); }
 
 void Options::valueIs(Mox::U8 value) {
@@ -98,6 +118,14 @@ void Options::valueIs(Mox::U8 value) {
     throw Mox::RangeException("Options::value > 0x3 not allowed");
   }
   value_ = value;
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Options& value) {
+  attrLogWrite(out, value.value());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Options* value) {
+  value->valueIs(Mox::attrLogGet<Mox::U8>(in));
 }
 
 std::string Options::stringValue() const { return valueToStrep(*this); }
@@ -162,6 +190,14 @@ std::ostream& operator<<(std::ostream& os, const Prefix& value) {
   return os << value.stringValue();
 }
 
+void attrLogWrite(Mox::AttrLogWriter& out, const Prefix& value) {
+  attrLogWrite(out, value.value());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Prefix* value) {
+  value->valueIs(Mox::attrLogGet<Mox::String8>(in));
+}
+
 std::string Name::stringValue() const { return value_; }
 
 void Name::stringValueIs(std::string_view text) { valueIs(Mox::String8(text)); }
@@ -183,6 +219,12 @@ std::ostream& operator<<(std::ostream& os, const Name& value) {
   return os << value.stringValue();
 }
 
+void attrLogWrite(Mox::AttrLogWriter& out, const Name& value) { attrLogWrite(out, value.value()); }
+
+void attrLogRead(Mox::AttrLogReader& in, Name* value) {
+  value->valueIs(Mox::attrLogGet<Mox::String8>(in));
+}
+
 namespace {
 
 constexpr Mox::EnumText<Part::Kind> kPartKindTexts[] = {
@@ -200,6 +242,14 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Part::Kind* value) {
 
 std::ostream& operator<<(std::ostream& os, Part::Kind value) {
   return os << valueToStrep(value);
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, Part::Kind value) {
+  out.integer(static_cast<Mox::U32>(value));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Part::Kind* value) {
+  Mox::enumFromLog(in, value, kPartKindTexts, "Invalid Kind");
 }
 
 namespace {
@@ -277,6 +327,25 @@ std::ostream& operator<<(std::ostream& os, const Part& value) {
   return os << value.stringValue();
 }
 
+void attrLogWrite(Mox::AttrLogWriter& out, const Part& value) {
+  attrLogWrite(out, value.size());
+  attrLogWrite(out, value.zeroBased());
+  attrLogWrite(out, value.separator());
+  attrLogWrite(out, value.key());
+  attrLogWrite(out, value.source());
+  attrLogWrite(out, value.kind());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Part* value) {
+  const auto size = Mox::attrLogGet<Mox::U8>(in);
+  const auto zeroBased = Mox::attrLogGet<bool>(in);
+  const auto separator = Mox::attrLogGet<char>(in);
+  const auto key = Mox::attrLogGet<Key>(in);
+  const auto source = Mox::attrLogGet<Source>(in);
+  const auto kind = Mox::attrLogGet<Part::Kind>(in);
+  *value = Part(size, zeroBased, separator, key, source, kind);
+}
+
 namespace {
 
 constexpr Mox::EnumText<Origin::Id> kOriginIdTexts[] = {
@@ -295,6 +364,14 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin::Id* value) {
 
 std::ostream& operator<<(std::ostream& os, Origin::Id value) {
   return os << valueToStrep(value);
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, Origin::Id value) {
+  out.integer(static_cast<Mox::U8>(value));
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Origin::Id* value) {
+  Mox::enumFromLog(in, value, kOriginIdTexts, "Invalid Id");
 }
 
 std::string Origin::stringValue() const { return valueToStrep(value_); }
@@ -318,6 +395,14 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin* value) {
 
 std::ostream& operator<<(std::ostream& os, const Origin& value) {
   return os << value.stringValue();
+}
+
+void attrLogWrite(Mox::AttrLogWriter& out, const Origin& value) {
+  attrLogWrite(out, value.value());
+}
+
+void attrLogRead(Mox::AttrLogReader& in, Origin* value) {
+  value->valueIs(Mox::attrLogGet<Origin::Id>(in));
 }
 
 }  // namespace Golden::Values

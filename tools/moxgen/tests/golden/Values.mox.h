@@ -15,6 +15,9 @@ enum class Source : Mox::U8 {
 std::string valueToStrep(Source value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Source* value);
 std::ostream& operator<<(std::ostream& os, Source value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, Source value);
+void attrLogRead(Mox::AttrLogReader& in, Source* value);
 
 class Key {
  public:
@@ -45,6 +48,9 @@ class Key {
 std::string valueToStrep(const Key& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Key* value);
 std::ostream& operator<<(std::ostream& os, const Key& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Key& value);
+void attrLogRead(Mox::AttrLogReader& in, Key* value);
 
 class Mask {
  public:
@@ -74,6 +80,9 @@ class Mask {
 std::string valueToStrep(const Mask& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Mask* value);
 std::ostream& operator<<(std::ostream& os, const Mask& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Mask& value);
+void attrLogRead(Mox::AttrLogReader& in, Mask* value);
 
 // Options as flags of one integer.
 class Options {
@@ -113,6 +122,9 @@ class Options {
 std::string valueToStrep(const Options& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Options* value);
 std::ostream& operator<<(std::ostream& os, const Options& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Options& value);
+void attrLogRead(Mox::AttrLogReader& in, Options* value);
 
 class Prefix {
  public:
@@ -143,6 +155,9 @@ class Prefix {
 std::string valueToStrep(const Prefix& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Prefix* value);
 std::ostream& operator<<(std::ostream& os, const Prefix& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Prefix& value);
+void attrLogRead(Mox::AttrLogReader& in, Prefix* value);
 
 class Name {
  public:
@@ -170,6 +185,9 @@ class Name {
 std::string valueToStrep(const Name& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Name* value);
 std::ostream& operator<<(std::ostream& os, const Name& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Name& value);
+void attrLogRead(Mox::AttrLogReader& in, Name* value);
 
 // A composite value.
 class Part {
@@ -222,10 +240,16 @@ class Part {
 std::string valueToStrep(const Part& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Part* value);
 std::ostream& operator<<(std::ostream& os, const Part& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Part& value);
+void attrLogRead(Mox::AttrLogReader& in, Part* value);
 
 std::string valueToStrep(Part::Kind value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Part::Kind* value);
 std::ostream& operator<<(std::ostream& os, Part::Kind value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, Part::Kind value);
+void attrLogRead(Mox::AttrLogReader& in, Part::Kind* value);
 
 // A value that holds one of its own enumeration, compared by value.
 class Origin {
@@ -258,10 +282,16 @@ class Origin {
 std::string valueToStrep(const Origin& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin* value);
 std::ostream& operator<<(std::ostream& os, const Origin& value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, const Origin& value);
+void attrLogRead(Mox::AttrLogReader& in, Origin* value);
 
 std::string valueToStrep(Origin::Id value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Origin::Id* value);
 std::ostream& operator<<(std::ostream& os, Origin::Id value);
+// The attribute-log form (see Mox/AttrLog.h).
+void attrLogWrite(Mox::AttrLogWriter& out, Origin::Id value);
+void attrLogRead(Mox::AttrLogReader& in, Origin::Id* value);
 
 }  // namespace Golden::Values
 

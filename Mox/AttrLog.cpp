@@ -1,0 +1,35 @@
+#include <Mox/AttrLog.h>
+
+namespace Mox {
+
+const char* AttrLogReader::take(size_t size) {
+  if (size > remaining()) {
+    throw AttrLogError("truncated: " + std::to_string(size) + " bytes wanted, " +
+                       std::to_string(remaining()) + " left");
+  }
+  const char* taken = next_;
+  next_ += size;
+  return taken;
+}
+
+void AttrLogReader::finish() const {
+  if (remaining() != 0) throw AttrLogError(std::to_string(remaining()) + " bytes left over");
+}
+
+void attrLogRead(AttrLogReader& in, bool* value) {
+  const U8 byte = in.integer<U8>();
+  if (byte > 1) throw AttrLogError("bool byte " + std::to_string(byte) + " is neither 0 nor 1");
+  *value = byte == 1;
+}
+
+void attrLogWrite(AttrLogWriter& out, std::string_view value) {
+  out.integer(static_cast<U32>(value.size()));
+  out.bytes(value.data(), value.size());
+}
+
+void attrLogRead(AttrLogReader& in, std::string* value) {
+  const U32 size = in.integer<U32>();
+  *value = std::string(in.bytes(size));
+}
+
+}  // namespace Mox

@@ -1,0 +1,358 @@
+#pragma once
+// How the attribute log sees one entity class. tools/moxgen generates an AttrLogClass for
+// every streamed entity of a model; the publisher and the mount (Mox/AttrLogPublisher.h,
+// Mox/AttrLogMount.h) work only through it, never through the generated types.
+//
+// Attributes are numbered from 0 in model order, the base class's first, so that a derived
+// entity's numbers follow its base's. A change travels as one record naming the entity (a
+// handle the publisher gives it), the attribute number and, for collections, the key:
+//   set   the scalar, or the entry of the key, now holds the value that follows;
+//   del   the key has no entry (for child entities: no child) any more;
+//   child the key now has a child entity, known from here on by the handle that follows.
+
+#include <Mox/AttrLog.h>
+#include <Mox/Entity.h>
+#include <Mox/Model.h>
+#include <Mox/Ptr.h>
+#include <Mox/Types.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Mox {
+
+enum class AttrLogKind : U8 { scalar, map, array, queue, children };
+enum class AttrLogOp : U8 { hello = 1, synced = 2, set = 3, del = 4, child = 5 };
+
+// Where the records of a tree's changes go: a publisher's connections, or a text printer.
+// Generated code calls the templates; the subclass decides what a record becomes.
+class AttrLogSink {
+ public:
+  virtual ~AttrLogSink() = default;
+
+  template <class V>
+  void scalar(U32 handle, U16 attr, const V& value);
+  // The present state of `key` in `coll` (a map, array or queue): set, or del when absent.
+  template <class K, class C>
+  void entry(U32 handle, U16 attr, const C& coll, const K& key);
+  // Every entry present in `coll`.
+  template <class K, class C>
+  void entries(U32 handle, U16 attr, const C& coll);
+  // The present child of `key` in a children collection (a map of Ptr<T>).
+  template <class K, class C>
+  void child(U32 handle, U16 attr, const C& coll, const K& key);
+  template <class K, class C>
+  void children(U32 handle, U16 attr, const C& coll);
+
+ protected:
+  // The writer of a new record of `op` about (handle, attr), or nullptr when nobody
+  // listens. The key follows, then endKey(), then the value, then end().
+  virtual AttrLogWriter* begin(AttrLogOp op, U32 handle, U16 attr) = 0;
+  virtual void endKey() = 0;
+  virtual void end() = 0;
+  // The key (its binary form) has the child `child` now; nullptr: it has none any more.
+  virtual void childIs(U32 handle, U16 attr, std::string_view key, Entity* child) = 0;
+  // A sink that prints gets the text forms instead of records (value nullptr: deleted).
+  virtual bool wantsText() const noexcept { return false; }
+  virtual void textIs(U32 /*handle*/, U16 /*attr*/, const std::string* /*key*/,
+                      const std::string* /*value*/) {}
+
+ private:
+  template <class K, class V>
+  void write(U32 handle, U16 attr, const K* key, const V* value);
+  template <class K, class C>
+  void childWrite(U32 handle, U16 attr, const K& key, Entity* child);
+};
+
+// Collects the text forms of what a class writes instead of records, for printing: one
+// line per scalar or entry (no value: deleted) and per child (with the child, if any).
+class AttrLogTextSink : public AttrLogSink {
+ public:
+  struct Line {
+    U32 handle;
+    U16 attr;
+    std::optional<std::string> key;
+    std::optional<std::string> value;
+    Entity* child = nullptr;
+  };
+  std::vector<Line> lines;
+
+ protected:
+  AttrLogWriter* begin(AttrLogOp, U32, U16) override { return nullptr; }
+  void endKey() override {}
+  void end() override {}
+  bool wantsText() const noexcept override { return true; }
+  void textIs(U32 handle, U16 attr, const std::string* key, const std::string* value) override {
+    lines.push_back({handle, attr, key ? std::optional(*key) : std::nullopt,
+                     value ? std::optional(*value) : std::nullopt});
+  }
+  void childIs(U32, U16, std::string_view, Entity* child) override { lines.back().child = child; }
+};
+
+// The receiving side of child records, given by the mount.
+class AttrLogMirror {
+ public:
+  virtual ~AttrLogMirror() = default;
+  // `child` is now the child named by the handle (and type) the record's value holds.
+  virtual void childIs(Entity& child, AttrLogReader& value) = 0;
+  // `child` is about to be deleted from its parent.
+  virtual void childGone(Entity* child) = 0;
+};
+
+// One notifiee per class level of a watched entity.
+using AttrLogWatches = std::vector<std::unique_ptr<Entity::NotifieeBase>>;
+
+class AttrLogClass {
+ public:
+  struct Attr {
+    const char* name;
+    AttrLogKind kind;
+    bool streamed;  // false for types without a binary form: never written nor accepted
+  };
+
+  AttrLogClass(const char* typeName, const AttrLogClass* base, std::vector<Attr> attrs);
+  virtual ~AttrLogClass() = default;
+  AttrLogClass(const AttrLogClass&) = delete;
+  AttrLogClass& operator=(const AttrLogClass&) = delete;
+
+  const char* typeName() const noexcept { return typeName_; }
+  U16 attrCount() const noexcept { return static_cast<U16>(first_ + attrs_.size()); }
+  // The attribute numbered `id`, or nullptr.
+  const Attr* attr(U16 id) const noexcept;
+
+  // Records of every attribute's present state, children included.
+  void snapshot(const Entity& entity, U32 handle, AttrLogSink& sink) const;
+  // The record of attribute `id`'s present state (for a collection: of the key `key` holds).
+  void emit(const Entity& entity, U32 handle, U16 id, AttrLogReader& key,
+            AttrLogSink& sink) const;
+  // Applies one set, del or child record to `entity` through its ordinary mutators, so
+  // that its notifiees hear it as a local change. Raises AttrLogError (or the value's
+  // own exception, for a value out of its bounds) on bytes that do not fit.
+  void apply(Entity& entity, U16 id, AttrLogOp op, AttrLogReader& key, AttrLogReader& value,
+             AttrLogMirror& mirror) const;
+  // Calls fn(key, child) for each entry of collection `id` (child: nullptr but for children).
+  using EntryFn = std::function<void(std::string_view key, Entity* child)>;
+  void forEachEntry(const Entity& entity, U16 id, const EntryFn& fn) const;
+  // Watches `entity` at every class level, writing its changes to `sink`.
+  void watch(Entity& entity, U32 handle, AttrLogSink& sink, AttrLogWatches* watches) const;
+
+  // Makes a root entity of this class by name (null for classes made otherwise).
+  virtual Ptr<Entity> make(const Name& /*name*/) const { return nullptr; }
+
+ protected:
+  // The same for this class's own attributes: `local` counts from 0, `first` is the number
+  // of the first of them.
+  virtual void snapshotOwn(const Entity& entity, U32 handle, U16 first,
+                           AttrLogSink& sink) const = 0;
+  virtual void emitOwn(const Entity& entity, U32 handle, U16 first, U16 local,
+                       AttrLogReader& key, AttrLogSink& sink) const = 0;
+  virtual void applyOwn(Entity& entity, U16 local, AttrLogOp op, AttrLogReader& key,
+                        AttrLogReader& value, AttrLogMirror& mirror) const = 0;
+  virtual void forEachEntryOwn(const Entity& entity, U16 local, const EntryFn& fn) const = 0;
+  virtual std::unique_ptr<Entity::NotifieeBase> watchOwn(Entity& entity, U32 handle, U16 first,
+                                                         AttrLogSink& sink) const = 0;
+
+ private:
+  const char* typeName_;
+  const AttrLogClass* base_;
+  U16 first_;
+  std::vector<Attr> attrs_;
+};
+
+// The registry of streamed classes by type name, filled when each class is first made.
+const AttrLogClass* attrLogClassNamed(std::string_view typeName);
+bool attrLogClassRegister(const AttrLogClass& cls);
+
+// --- collection access, by the shape of the generated container ---------------------------
+
+// The entry type of a generated container.
+template <class C>
+struct AttrLogEntryOf {
+  using type = typename C::value_type;  // arrays
+};
+template <class K, class V>
+struct AttrLogEntryOf<std::map<K, V>> {
+  using type = V;
+};
+template <class V>
+struct AttrLogEntryOf<QueueEntries<V>> {
+  using type = V;
+};
+template <class C>
+using AttrLogEntry = typename AttrLogEntryOf<C>::type;
+
+// Calls fn(entry) with the entry of `key`, or with nullptr when there is none.
+template <class K, class V, class Fn>
+void attrLogVisit(const std::map<K, V>& coll, const K& key, Fn fn) {
+  auto entry = coll.find(key);
+  fn(entry == coll.end() ? nullptr : &entry->second);
+}
+template <class K, class V, class Fn>
+void attrLogVisit(const std::vector<V>& coll, const K& key, Fn fn) {
+  const size_t position = indexOf(key);
+  if (position >= coll.size() || coll[position] == V()) return fn(static_cast<const V*>(nullptr));
+  const V entry = coll[position];  // a copy: std::vector<bool> has no entry to point at
+  fn(&entry);
+}
+template <class K, class V, class Fn>
+void attrLogVisit(const QueueEntries<V>& coll, const K& key, Fn fn) {
+  auto entry = queueFind(coll, key);
+  fn(entry == coll.end() ? nullptr : &entry->second);
+}
+
+template <class K, class V, class Fn>
+void attrLogEach(const std::map<K, V>& coll, Fn fn) {
+  for (const auto& [key, value] : coll) fn(key, value);
+}
+template <class K, class V, class Fn>
+void attrLogEach(const std::vector<V>& coll, Fn fn) {
+  for (size_t position = 0; position < coll.size(); ++position) {
+    if (!(coll[position] == V())) fn(indexFrom<K>(position), coll[position]);
+  }
+}
+template <class K, class V, class Fn>
+void attrLogEach(const QueueEntries<V>& coll, Fn fn) {
+  for (const auto& [key, value] : coll) fn(static_cast<K>(key), value);
+}
+
+// The binary form of one value.
+std::string attrLogBytes(const auto& value) {
+  std::string bytes;
+  AttrLogWriter out(&bytes);
+  attrLogWrite(out, value);
+  return bytes;
+}
+
+// --- the sink's templates -----------------------------------------------------------------
+
+template <class K, class V>
+void AttrLogSink::write(U32 handle, U16 attr, const K* key, const V* value) {
+  if (wantsText()) {
+    const std::string keyText = key ? valueToStrep(*key) : std::string();
+    const std::string valueText = value ? valueToStrep(*value) : std::string();
+    textIs(handle, attr, key ? &keyText : nullptr, value ? &valueText : nullptr);
+    return;
+  }
+  AttrLogWriter* out = begin(value ? AttrLogOp::set : AttrLogOp::del, handle, attr);
+  if (!out) return;
+  if (key) attrLogWrite(*out, *key);
+  endKey();
+  if (value) attrLogWrite(*out, *value);
+  end();
+}
+
+template <class V>
+void AttrLogSink::scalar(U32 handle, U16 attr, const V& value) {
+  if constexpr (AttrLoggable<V>) write<V, V>(handle, attr, nullptr, &value);
+}
+
+template <class K, class C>
+void AttrLogSink::entry(U32 handle, U16 attr, const C& coll, const K& key) {
+  using V = AttrLogEntry<C>;
+  if constexpr (AttrLoggable<K> && AttrLoggable<V>) {
+    attrLogVisit<K>(coll, key, [&](const V* value) { write(handle, attr, &key, value); });
+  }
+}
+
+template <class K, class C>
+void AttrLogSink::entries(U32 handle, U16 attr, const C& coll) {
+  using V = AttrLogEntry<C>;
+  if constexpr (AttrLoggable<K> && AttrLoggable<V>) {
+    attrLogEach<K>(coll, [&](const K& key, const V& value) { write(handle, attr, &key, &value); });
+  }
+}
+
+template <class K, class C>
+void AttrLogSink::childWrite(U32 handle, U16 attr, const K& key, Entity* child) {
+  if (child && !child->attrLogClass()) return;  // a child that is never streamed
+  if (wantsText()) {
+    const std::string keyText = valueToStrep(key);
+    textIs(handle, attr, &keyText, nullptr);
+  }
+  childIs(handle, attr, attrLogBytes(key), child);
+}
+
+template <class K, class C>
+void AttrLogSink::child(U32 handle, U16 attr, const C& coll, const K& key) {
+  if constexpr (AttrLoggable<K>) {
+    auto entry = coll.find(key);
+    childWrite<K, C>(handle, attr, key, entry == coll.end() ? nullptr : entry->second.get());
+  }
+}
+
+template <class K, class C>
+void AttrLogSink::children(U32 handle, U16 attr, const C& coll) {
+  if constexpr (AttrLoggable<K>) {
+    for (const auto& [key, entity] : coll) childWrite<K, C>(handle, attr, key, entity.get());
+  }
+}
+
+// Calls fn(key) with the key `key` holds, for key types that have a binary form.
+template <class K, class Fn>
+void attrLogKeyed(AttrLogReader& key, Fn fn) {
+  if constexpr (AttrLoggable<K>) fn(attrLogGet<K>(key));
+}
+
+// --- applying records (generated applyOwn calls these) ------------------------------------
+
+template <class V, class Set>
+void attrLogApplyScalar(AttrLogOp op, AttrLogReader& value, Set set) {
+  if constexpr (AttrLoggable<V>) {
+    if (op != AttrLogOp::set) throw AttrLogError("a scalar takes only set records");
+    set(attrLogGet<V>(value));
+  }
+}
+
+template <class K, class V, class Set, class Del>
+void attrLogApplyEntry(AttrLogOp op, AttrLogReader& key, AttrLogReader& value, Set set,
+                       Del del) {
+  if constexpr (AttrLoggable<K> && AttrLoggable<V>) {
+    const K k = attrLogGet<K>(key);
+    if (op == AttrLogOp::del) {
+      del(k);
+    } else if (op == AttrLogOp::set) {
+      set(k, attrLogGet<V>(value));
+    } else {
+      throw AttrLogError("a collection of values takes only set and del records");
+    }
+  }
+}
+
+template <class K, class Get, class New, class Del>
+void attrLogApplyChild(AttrLogOp op, AttrLogReader& key, AttrLogReader& value,
+                       AttrLogMirror& mirror, Get get, New make, Del del) {
+  if constexpr (AttrLoggable<K>) {
+    const K k = attrLogGet<K>(key);
+    if (op == AttrLogOp::del) {
+      mirror.childGone(get(k).get());
+      del(k);
+    } else if (op == AttrLogOp::child) {
+      mirror.childIs(*make(k), value);
+    } else {
+      throw AttrLogError("a collection of entities takes only child and del records");
+    }
+  }
+}
+
+// Calls fn(keyBytes, child) per entry of a collection (generated forEachEntryOwn).
+template <class K, class C>
+void attrLogEntries(const C& coll, const AttrLogClass::EntryFn& fn) {
+  if constexpr (requires { coll.begin()->second.get(); }) {  // children
+    if constexpr (AttrLoggable<K>) {
+      for (const auto& [key, child] : coll) fn(attrLogBytes(key), child.get());
+    }
+  } else {
+    using V = AttrLogEntry<C>;
+    if constexpr (AttrLoggable<K> && AttrLoggable<V>) {
+      attrLogEach<K>(coll, [&](const K& key, const V&) { fn(attrLogBytes(key), nullptr); });
+    }
+  }
+}
+
+}  // namespace Mox

@@ -1,0 +1,306 @@
+#include <Mox/AttrLogMount.h>
+#include <Mox/Exception.h>
+#include <Mox/Time.h>
+#include <Mox/Trace.h>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace Mox {
+
+namespace {
+
+TraceHandle trace("AttrLogMount");
+
+constexpr size_t kReadChunk = 64u << 10;
+// Bytes read per turn of the loop before the records are applied and the loop turns again.
+constexpr size_t kReadPerTurn = 1u << 20;
+
+std::string hex(U32 value) {
+  char text[16];
+  std::snprintf(text, sizeof(text), "0x%08x", value);
+  return text;
+}
+
+}  // namespace
+
+class AttrLogMount::Reader : public FileDescriptor::Notifiee {
+ public:
+  explicit Reader(AttrLogMount* mount) : mount_(mount) {}
+  void onReadableCount() override { mount_->readable(); }
+
+ private:
+  AttrLogMount* mount_;
+};
+
+class AttrLogMount::Retry : public Clock::Notifiee {
+ public:
+  explicit Retry(AttrLogMount* mount) : mount_(mount) {}
+  void onTime() override {
+    notifier()->minimumTimeIs(kNever);
+    mount_->connect();
+  }
+
+ private:
+  AttrLogMount* mount_;
+};
+
+AttrLogMount::AttrLogMount(const std::string& endpoint, Ptr<Entity> root, double retrySeconds)
+    : Entity(endpoint),
+      endpoint_(endpoint),
+      root_(std::move(root)),
+      retrySeconds_(retrySeconds),
+      reader_(std::make_unique<Reader>(this)),
+      retryClock_(make<Clock>(endpoint + " retry")),
+      retry_(std::make_unique<Retry>(this)) {
+  retry_->notifierIs(retryClock_);
+  connect();
+}
+
+AttrLogMount::~AttrLogMount() = default;
+
+void AttrLogMount::connect() {
+  sockaddr_un address;
+  const socklen_t length = attrLogAddress(endpoint_, &address);
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+    MOX_TRACE(trace, 3, endpoint_ << ": connect failed: " << std::strerror(errno));
+    if (fd >= 0) ::close(fd);
+    retryClock_->minimumTimeIs(now() + retrySeconds_);
+    return;
+  }
+  fd_ = make<FileDescriptor>(endpoint_ + " mount", fd);
+  reader_->notifierIs(fd_);
+  phase_ = Phase::hello;
+}
+
+void AttrLogMount::readable() {
+  size_t total = 0;
+  std::string ended;  // why the stream ended, once the records before the end are applied
+  while (ended.empty() && total < kReadPerTurn) {
+    const size_t before = in_.size();
+    in_.resize(before + kReadChunk);
+    const ssize_t got = ::recv(fd_->descriptor(), in_.data() + before, kReadChunk, MSG_DONTWAIT);
+    in_.resize(before + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    if (got == 0) ended = "the publisher closed the connection";
+    if (got < 0 && errno == EAGAIN) break;
+    if (got < 0 && errno != EINTR) ended = std::string("recv: ") + std::strerror(errno);
+    total += static_cast<size_t>(std::max<ssize_t>(got, 0));
+  }
+  size_t used = 0;
+  while (fd_ && in_.size() - used >= 4) {
+    AttrLogReader head(in_.data() + used, 4);
+    const U32 size = head.integer<U32>();
+    if (size > kAttrLogMaxRecord) {
+      return fail("a record of " + std::to_string(size) + " bytes, above the limit of " +
+                  std::to_string(kAttrLogMaxRecord));
+    }
+    if (in_.size() - used - 4 < size) break;
+    record(std::string_view(in_.data() + used + 4, size));
+    used += 4 + size;
+  }
+  if (!fd_) return;  // a record was bad: the connection is gone already
+  in_.erase(0, used);
+  if (!ended.empty()) disconnect(ended);
+}
+
+void AttrLogMount::record(std::string_view bytes) {
+  try {
+    AttrLogReader in(bytes);
+    const auto op = static_cast<AttrLogOp>(in.integer<U8>());
+    if ((op == AttrLogOp::hello) != (phase_ == Phase::hello)) {
+      throw AttrLogError(phase_ == Phase::hello ? "the stream does not start with a hello"
+                                                : "a hello in mid-stream");
+    }
+    switch (op) {
+      case AttrLogOp::hello:
+        hello(in);
+        break;
+      case AttrLogOp::synced:
+        in.finish();
+        synced();
+        break;
+      case AttrLogOp::set:
+      case AttrLogOp::del:
+      case AttrLogOp::child:
+        change(op, in);
+        break;
+      default:
+        throw AttrLogError("unknown record type " + std::to_string(static_cast<U8>(op)));
+    }
+  } catch (const std::exception& e) {
+    fail(e.what());
+  }
+}
+
+void AttrLogMount::hello(AttrLogReader& in) {
+  const U32 magic = in.integer<U32>();
+  if (magic != kAttrLogMagic) throw AttrLogError("not an attribute log (magic " + hex(magic) + ")");
+  const U16 version = in.integer<U16>();
+  if (version != kAttrLogVersion) {
+    throw AttrLogError("wrong version " + std::to_string(version) + ", this mount reads " +
+                       std::to_string(kAttrLogVersion));
+  }
+  const auto type = attrLogGet<std::string>(in);
+  const auto name = attrLogGet<std::string>(in);
+  in.finish();
+  if (!root_) {
+    const AttrLogClass* cls = attrLogClassNamed(type);
+    if (!cls) throw AttrLogError("unknown type " + type);
+    root_ = cls->make(name);
+    if (!root_) throw AttrLogError("type " + type + " cannot be made as a root");
+  } else if (!root_->attrLogClass() || type != root_->attrLogClass()->typeName()) {
+    throw AttrLogError("published type " + type + " is not the mirror's");
+  }
+  handles_.clear();
+  handleOf_.clear();
+  handles_[kAttrLogRootHandle] = {root_, "", {}};
+  handleOf_[root_.get()] = kAttrLogRootHandle;
+  seen_.clear();
+  phase_ = Phase::snapshot;
+}
+
+void AttrLogMount::change(AttrLogOp op, AttrLogReader& in) {
+  if (phase_ == Phase::idle) throw AttrLogError("a change before the hello");
+  const U32 handle = in.integer<U32>();
+  const U16 attr = in.integer<U16>();
+  const std::string_view key = in.bytes(in.integer<U16>());
+  auto node = handles_.find(handle);
+  if (node == handles_.end()) throw AttrLogError("unknown entity handle " + std::to_string(handle));
+  Ptr<Entity> entity = node->second.entity;
+  const AttrLogClass* cls = entity->attrLogClass();
+  const AttrLogClass::Attr* info = cls->attr(attr);
+  const std::string where = std::string(cls->typeName()) + " attribute ";
+  if (!info) throw AttrLogError("unknown " + where + std::to_string(attr));
+  if (!info->streamed) throw AttrLogError(where + info->name + " has no attribute-log form");
+  const bool scalar = info->kind == AttrLogKind::scalar;
+  if (scalar != key.empty()) {
+    throw AttrLogError(where + info->name + (scalar ? " takes no key" : " needs a key"));
+  }
+  AttrLogReader keyIn(key);
+  currentHandle_ = handle;
+  currentAttr_ = attr;
+  currentKey_ = key;
+  try {
+    cls->apply(*entity, attr, op, keyIn, in, *this);
+    keyIn.finish();
+    in.finish();
+  } catch (const std::exception& e) {
+    throw AttrLogError(where + info->name + ": " + e.what());
+  }
+  if (phase_ == Phase::snapshot && !scalar) seen_.emplace(entity.get(), attr, std::string(key));
+  if (observer_) observer_->onChange(*entity, attr, key);
+}
+
+void AttrLogMount::synced() {
+  if (phase_ != Phase::snapshot) throw AttrLogError("a second synced record");
+  deleteUnseen(*root_);
+  seen_.clear();
+  phase_ = Phase::live;
+  synced_ = true;
+  failures_ = 0;
+  ++syncs_;
+  MOX_TRACE(trace, 2, endpoint_ << ": synced, " << handles_.size() << " entities");
+  if (observer_) observer_->onSynced();
+}
+
+// After a resynchronising snapshot: entries the publisher no longer has go, with their hooks.
+void AttrLogMount::deleteUnseen(Entity& entity) {
+  const AttrLogClass* cls = entity.attrLogClass();
+  for (U16 attr = 0; attr < cls->attrCount(); ++attr) {
+    const AttrLogClass::Attr* info = cls->attr(attr);
+    if (info->kind == AttrLogKind::scalar || !info->streamed) continue;
+    std::vector<std::string> gone;
+    std::vector<Ptr<Entity>> kept;
+    cls->forEachEntry(entity, attr, [&](std::string_view key, Entity* child) {
+      if (!seen_.count({&entity, attr, std::string(key)})) {
+        gone.emplace_back(key);
+      } else if (child) {
+        kept.emplace_back(child);
+      }
+    });
+    for (const std::string& key : gone) {
+      AttrLogReader keyIn(key);
+      AttrLogReader none(std::string_view{});
+      cls->apply(entity, attr, AttrLogOp::del, keyIn, none, *this);
+      if (observer_) observer_->onChange(entity, attr, key);
+    }
+    for (const Ptr<Entity>& child : kept) deleteUnseen(*child);
+  }
+}
+
+void AttrLogMount::childIs(Entity& child, AttrLogReader& value) {
+  const U32 handle = value.integer<U32>();
+  const auto type = attrLogGet<std::string>(value);
+  const AttrLogClass* cls = child.attrLogClass();
+  if (!cls || type != cls->typeName()) {
+    throw AttrLogError("child type " + type + " is not the mirror's " +
+                       (cls ? cls->typeName() : "(never streamed)"));
+  }
+  if (handle == kAttrLogRootHandle || handles_.count(handle)) {
+    throw AttrLogError("child handle " + std::to_string(handle) + " given twice");
+  }
+  MirrorNode& parent = handles_.at(currentHandle_);
+  // The child's path ends in its key as the parent prints it.
+  AttrLogTextSink text;
+  AttrLogReader key(currentKey_);
+  const AttrLogClass* parentCls = parent.entity->attrLogClass();
+  try {
+    parentCls->emit(*parent.entity, currentHandle_, currentAttr_, key, text);
+  } catch (const Exception&) {
+    // A key without a text form here (an interface no plug-in names) is shown as "?".
+  }
+  const std::string keyText = text.lines.empty() ? "?" : text.lines.front().key.value_or("?");
+  parent.children.push_back(handle);
+  const std::string path =
+      parent.path + "/" + parentCls->attr(currentAttr_)->name + "[" + keyText + "]";
+  handles_[handle] = {&child, path, {}};
+  handleOf_[&child] = handle;
+}
+
+void AttrLogMount::childGone(Entity* child) {
+  auto handle = child ? handleOf_.find(child) : handleOf_.end();
+  if (handle != handleOf_.end()) forget(handle->second);
+}
+
+void AttrLogMount::forget(U32 handle) {
+  auto node = handles_.find(handle);
+  if (node == handles_.end()) return;
+  for (U32 child : node->second.children) forget(child);
+  handleOf_.erase(node->second.entity.get());
+  handles_.erase(node);
+}
+
+std::string AttrLogMount::pathOf(const Entity& entity) const {
+  auto handle = handleOf_.find(&entity);
+  return handle == handleOf_.end() ? std::string() : handles_.at(handle->second).path;
+}
+
+void AttrLogMount::fail(const std::string& reason) {
+  ATTRLOG_MOUNT_DROPPED.log(endpoint_, reason);
+  lastError_ = reason;
+  ++failures_;
+  disconnect(reason);
+}
+
+void AttrLogMount::disconnect(const std::string& reason) {
+  MOX_TRACE(trace, 1, endpoint_ << ": disconnected: " << reason);
+  reader_->notifierIs(nullptr);
+  fd_ = nullptr;
+  in_.clear();
+  phase_ = Phase::idle;
+  synced_ = false;
+  ++drops_;
+  // A publisher that keeps sending what this mount cannot read is retried ever more slowly
+  // (up to a minute apart), not logged about many times a second.
+  const double backOff = std::min(60.0, retrySeconds_ * double(1u << std::min(failures_, 16u)));
+  retryClock_->minimumTimeIs(now() + std::max(retrySeconds_, backOff));
+  if (observer_) observer_->onDisconnected(reason);
+}
+
+}  // namespace Mox
