@@ -71,7 +71,17 @@ int watch(const std::string& name, U32 capacity, bool hold) {
     std::string line;
     std::getline(std::cin, line);
   }
-  if (!Mox::runUntil([&] { return follower.done; }, 60.0)) return 2;
+  // A walk reads slot by slot while the writer runs on, so it can meet the sentinel before an
+  // entry written earlier; the ring brings that entry on a later turn.
+  auto caughtUp = [&] {
+    bool all = true;
+    watcher->reader().forEach([&](const void* key, const void* value) {
+      const void* seen = watcher->seen(key);
+      all = all && seen && std::memcmp(seen, value, sizeof(Payload)) == 0;
+    });
+    return all;
+  };
+  if (!Mox::runUntil([&] { return follower.done && caughtUp(); }, 60.0)) return 2;
   watcher->reader().forEach([&](const void* key, const void* value) {
     U32 k;
     Payload p;
