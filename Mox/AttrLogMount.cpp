@@ -199,10 +199,12 @@ void AttrLogMount::change(AttrLogOp op, AttrLogReader& in) {
 
 void AttrLogMount::synced() {
   if (phase_ != Phase::snapshot) throw AttrLogError("a second synced record");
-  deleteUnseen(*root_);
-  seen_.clear();
+  // Connected first: what the publisher no longer has goes as live changes do, so that
+  // observers report those deletions as they report any other change.
   phase_ = Phase::live;
   synced_ = true;
+  deleteUnseen(*root_);
+  seen_.clear();
   failures_ = 0;
   ++syncs_;
   MOX_TRACE(trace, 2, endpoint_ << ": synced, " << handles_.size() << " entities");

@@ -51,7 +51,8 @@ class AttrLogMount : public Entity, private AttrLogMirror {
     // The snapshot of a new connection is complete and applied.
     virtual void onSynced() {}
     // One record changed attribute `attr` of `entity` (for a collection: at `key`, in its
-    // binary form).
+    // binary form); or, once a resynchronising snapshot is complete, an entry it no longer
+    // names was deleted (connected() holds then, as it does for every live change).
     virtual void onChange(const Entity& /*entity*/, U16 /*attr*/, std::string_view /*key*/) {}
     // The connection ended; `reason` says why.
     virtual void onDisconnected(const std::string& /*reason*/) {}

@@ -29,14 +29,19 @@ std::string where(const std::string& path, const Mox::AttrLogClass& cls,
   return path + "/" + cls.attr(line.attr)->name + (line.key ? "[" + *line.key + "]" : "");
 }
 
-// The text lines of a tree, children after the entry that holds them.
+// A value, or a child entity, as the tree and the watch print it.
+const char* shown(const Mox::AttrLogTextSink::Line& line) {
+  return line.value ? line.value->c_str() : "(entity)";
+}
+
+// The text lines of a tree, a child's after the line of the entry that holds it.
 void printTree(const Mox::Entity& entity, const std::string& path) {
   const Mox::AttrLogClass* cls = entity.attrLogClass();
   Mox::AttrLogTextSink text;
   cls->snapshot(entity, 0, text);
   for (const auto& line : text.lines) {
     const std::string at = where(path, *cls, line);
-    if (line.value) std::printf("%s = %s\n", at.c_str(), line.value->c_str());
+    std::printf("%s = %s\n", at.c_str(), shown(line));
     if (line.child) printTree(*line.child, at);
   }
 }
@@ -97,7 +102,7 @@ class Printer : public Mox::AttrLogMount::Observer {
       } else if (gone) {
         std::printf("%s deleted\n", at.c_str());
       } else {
-        std::printf("%s = %s\n", at.c_str(), line.value ? line.value->c_str() : "(entity)");
+        std::printf("%s = %s\n", at.c_str(), shown(line));
       }
     }
     std::fflush(stdout);

@@ -29,8 +29,9 @@ class KorvaTool : public ::testing::Test {
   // `korva <command> <arguments>` with `input` on standard input; standard output only.
   ToolRun run(const std::string& arguments, const std::string& input = "") {
     std::ofstream(inputPath_, std::ios::binary) << input;
-    const std::string shell =
-        korva_ + " " + command_ + " " + arguments + " < " + inputPath_ + " 2>/dev/null";
+    // Bounded, so that a command that never ends fails the test instead of hanging it.
+    const std::string shell = "timeout 30 " + korva_ + " " + command_ + " " + arguments + " < " +
+                              inputPath_ + " 2>/dev/null";
     ToolRun result;
     FILE* pipe = popen(shell.c_str(), "r");
     if (!pipe) return result;

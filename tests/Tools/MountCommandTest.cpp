@@ -3,6 +3,7 @@
 
 #include "Tools/KorvaToolRun.h"
 
+#include <Arp/ArpTypes.mox.h>
 #include <Korva/Netns.mox.h>
 #include <Mox/Activity.h>
 #include <Mox/AttrLogPublisher.h>
@@ -53,6 +54,35 @@ TEST_F(MountCommand, PrintsTheTreeInTextAndJson) {
   const auto tree = nlohmann::json::parse(json.output);
   EXPECT_EQ(tree["type"], "Korva::Netns");
   EXPECT_EQ(tree["attributes"]["ns"], "'blue'");
+}
+
+// The publisher goes and comes back without one of its VRFs: the watch prints that VRF's
+// deletion, then the resynchronised tree.
+TEST_F(MountCommand, WatchPrintsWhatAResynchronisationDeletes) {
+  const std::string endpoint = endpoint_ + "-arp";
+  std::atomic<bool> stop{false};
+  std::thread publisher([&] {
+    auto config = Arp::arpInputConfigFactory("agent");
+    config->newVrf("blue");
+    auto first = Mox::make<Mox::AttrLogPublisher>(endpoint, config);
+    Mox::runUntil([&] { return stop || (first->mountCount() == 1 && first->backlog() == 0); },
+                  10.0);
+    first = nullptr;
+    config->vrfDel("blue");
+    config->newVrf("red");
+    auto second = Mox::make<Mox::AttrLogPublisher>(endpoint, config);
+    while (!stop) Mox::runOnce(0.01);
+  });
+  const ToolRun watch = run(endpoint + " --watch --changes 1");
+  stop = true;
+  publisher.join();
+  EXPECT_EQ(watch.status, 0);
+  EXPECT_EQ(watch.output,
+            "Arp::ArpInputConfig agent\n/source = dynamic\n/vrf['blue'] = (entity)\n"
+            "/vrf['default'] = (entity)\n"
+            "/vrf['blue'] deleted\n"
+            "Arp::ArpInputConfig agent\n/source = dynamic\n/vrf['default'] = (entity)\n"
+            "/vrf['red'] = (entity)\n");
 }
 
 // Usage errors exit with the command-line parser's codes (100 and up), failures with 1.
