@@ -328,7 +328,9 @@ std::ostream& operator<<(std::ostream& os, const Eui64& value) {
 
 // The bytes in wire order: six, or eight for an EUI-64.
 void attrLogWrite(Mox::AttrLogWriter& out, const EthAddr& value) {
-  for (unsigned i = 0; i < EthAddr::byteCount; ++i) out.integer(value.byte(i));
+  unsigned char bytes[EthAddr::byteCount];
+  value.copyToBuffer(bytes);
+  out.bytes(bytes, sizeof(bytes));
 }
 
 void attrLogRead(Mox::AttrLogReader& in, EthAddr* value) {
@@ -337,7 +339,9 @@ void attrLogRead(Mox::AttrLogReader& in, EthAddr* value) {
 }
 
 void attrLogWrite(Mox::AttrLogWriter& out, const Eui64& value) {
-  for (Eui64U8Key i = 0; i < Eui64::byteCount; ++i) out.integer(value.byte(i));
+  unsigned char bytes[Eui64::byteCount];
+  value.copyToBuffer(bytes);
+  out.bytes(bytes, sizeof(bytes));
 }
 
 void attrLogRead(Mox::AttrLogReader& in, Eui64* value) {

@@ -1,19 +1,22 @@
 #include <Mox/AttrLog.h>
 
+#include <algorithm>
+
 namespace Mox {
 
-const char* AttrLogReader::take(size_t size) {
-  if (size > remaining()) {
-    throw AttrLogError("truncated: " + std::to_string(size) + " bytes wanted, " +
-                       std::to_string(remaining()) + " left");
-  }
-  const char* taken = next_;
-  next_ += size;
-  return taken;
+void AttrLogWriter::grow(size_t size) {
+  // Doubling, as appending would: a long run of writes costs amortised constant time.
+  out_->resize(std::max(size_ + size, 2 * out_->size()));
+  out_->resize(out_->capacity());
 }
 
-void AttrLogReader::finish() const {
-  if (remaining() != 0) throw AttrLogError(std::to_string(remaining()) + " bytes left over");
+void AttrLogReader::truncated(size_t size) const {
+  throw AttrLogError("truncated: " + std::to_string(size) + " bytes wanted, " +
+                     std::to_string(remaining()) + " left");
+}
+
+void AttrLogReader::leftOver() const {
+  throw AttrLogError(std::to_string(remaining()) + " bytes left over");
 }
 
 void attrLogRead(AttrLogReader& in, bool* value) {

@@ -33,37 +33,69 @@ class AttrLogError : public Exception {
   using Exception::Exception;
 };
 
-// Appends binary forms to a byte string.
+namespace AttrLogDetail {
+
+// `bits` in network byte order, as it lies in memory.
+template <class U>
+U bigEndian(U bits) noexcept {
+  if constexpr (std::endian::native == std::endian::big || sizeof(U) == 1) {
+    return bits;
+  } else if constexpr (sizeof(U) == 2) {
+    return __builtin_bswap16(bits);
+  } else if constexpr (sizeof(U) == 4) {
+    return __builtin_bswap32(bits);
+  } else {
+    static_assert(sizeof(U) == 8);
+    return __builtin_bswap64(bits);
+  }
+}
+
+}  // namespace AttrLogDetail
+
+// Appends binary forms to a byte string. So that a write is a store and not a call, the
+// string may hold spare bytes past what was written while the writer lives; flush(), or
+// the writer's end, trims them. Nothing else may change the string meanwhile.
 class AttrLogWriter {
  public:
-  explicit AttrLogWriter(std::string* out) noexcept : out_(out) {}
+  explicit AttrLogWriter(std::string* out) noexcept : out_(out), size_(out->size()) {}
+  ~AttrLogWriter() { flush(); }
+  AttrLogWriter(const AttrLogWriter&) = delete;
+  AttrLogWriter& operator=(const AttrLogWriter&) = delete;
 
   template <class I>
-    requires std::is_integral_v<I>
+  requires std::is_integral_v<I>
   void integer(I value) {
-    using U = std::make_unsigned_t<I>;
-    char bytes[sizeof(I)];
-    U bits = static_cast<U>(value);
-    for (size_t i = sizeof(I); i-- > 0; bits = static_cast<U>(bits >> 4 >> 4)) {
-      bytes[i] = static_cast<char>(bits & 0xff);
-    }
-    out_->append(bytes, sizeof(I));
+    const auto bits = AttrLogDetail::bigEndian(static_cast<std::make_unsigned_t<I>>(value));
+    std::memcpy(room(sizeof(I)), &bits, sizeof(I));
   }
-  void bytes(const void* data, size_t size) { out_->append(static_cast<const char*>(data), size); }
+  void bytes(const void* data, size_t size) {
+    if (size != 0) std::memcpy(room(size), data, size);
+  }
 
   // Where the next byte goes; with u16At() a length can be filled in once it is known.
-  size_t position() const noexcept { return out_->size(); }
+  size_t position() const noexcept { return size_; }
   void u16At(size_t position, U16 value) noexcept {
-    (*out_)[position] = static_cast<char>(value >> 8);
-    (*out_)[position + 1] = static_cast<char>(value & 0xff);
+    const U16 bits = AttrLogDetail::bigEndian(value);
+    std::memcpy(out_->data() + position, &bits, sizeof(bits));
   }
   void u32At(size_t position, U32 value) noexcept {
-    u16At(position, static_cast<U16>(value >> 16));
-    u16At(position + 2, static_cast<U16>(value & 0xffff));
+    const U32 bits = AttrLogDetail::bigEndian(value);
+    std::memcpy(out_->data() + position, &bits, sizeof(bits));
   }
+  // Trims the string to the bytes written.
+  void flush() noexcept { out_->resize(size_); }
 
  private:
+  char* room(size_t size) {
+    if (out_->size() - size_ < size) grow(size);
+    char* at = out_->data() + size_;
+    size_ += size;
+    return at;
+  }
+  void grow(size_t size);
+
   std::string* out_;
+  size_t size_;  // bytes written; the string's own size counts the spare ones too
 };
 
 // Reads binary forms from a byte range it never leaves.
@@ -79,23 +111,27 @@ class AttrLogReader {
   const char* position() const noexcept { return next_; }
 
   template <class I>
-    requires std::is_integral_v<I>
-  I integer() {
-    using U = std::make_unsigned_t<I>;
-    const char* bytes = take(sizeof(I));
-    U bits = 0;
-    for (size_t i = 0; i < sizeof(I); ++i) {
-      bits = static_cast<U>((bits << 4 << 4) | static_cast<unsigned char>(bytes[i]));
-    }
-    return static_cast<I>(bits);
+  requires std::is_integral_v<I> I integer() {
+    std::make_unsigned_t<I> bits;
+    std::memcpy(&bits, take(sizeof(I)), sizeof(I));
+    return static_cast<I>(AttrLogDetail::bigEndian(bits));
   }
   // The next `size` bytes; raises AttrLogError when fewer are left.
   std::string_view bytes(size_t size) { return {take(size), size}; }
   // Raises AttrLogError unless every byte has been read.
-  void finish() const;
+  void finish() const {
+    if (remaining() != 0) leftOver();
+  }
 
  private:
-  const char* take(size_t size);
+  const char* take(size_t size) {
+    if (size > remaining()) truncated(size);
+    const char* taken = next_;
+    next_ += size;
+    return taken;
+  }
+  [[noreturn]] void truncated(size_t size) const;
+  [[noreturn]] void leftOver() const;
 
   const char* next_;
   const char* end_;
@@ -103,16 +139,18 @@ class AttrLogReader {
 
 // The primitive forms.
 template <class I>
-  requires std::is_integral_v<I> && (!std::is_same_v<I, bool>)
-void attrLogWrite(AttrLogWriter& out, I value) {
+requires std::is_integral_v<I> &&
+    (!std::is_same_v<I, bool>)void attrLogWrite(AttrLogWriter& out, I value) {
   out.integer(value);
 }
 template <class I>
-  requires std::is_integral_v<I> && (!std::is_same_v<I, bool>)
-void attrLogRead(AttrLogReader& in, I* value) {
+requires std::is_integral_v<I> &&
+    (!std::is_same_v<I, bool>)void attrLogRead(AttrLogReader& in, I* value) {
   *value = in.integer<I>();
 }
-inline void attrLogWrite(AttrLogWriter& out, bool value) { out.integer(U8(value ? 1 : 0)); }
+inline void attrLogWrite(AttrLogWriter& out, bool value) {
+  out.integer(U8(value ? 1 : 0));
+}
 void attrLogRead(AttrLogReader& in, bool* value);
 inline void attrLogWrite(AttrLogWriter& out, double value) {
   out.integer(std::bit_cast<U64>(value));

@@ -11,6 +11,7 @@
 //   child the key now has a child entity, known from here on by the handle that follows.
 
 #include <Mox/AttrLog.h>
+#include <Mox/AttrLogWire.h>
 #include <Mox/Entity.h>
 #include <Mox/Model.h>
 #include <Mox/Ptr.h>
@@ -28,10 +29,10 @@
 namespace Mox {
 
 enum class AttrLogKind : U8 { scalar, map, array, queue, children };
-enum class AttrLogOp : U8 { hello = 1, synced = 2, set = 3, del = 4, child = 5 };
 
 // Where the records of a tree's changes go: a publisher's connections, or a text printer.
-// Generated code calls the templates; the subclass decides what a record becomes.
+// Generated code calls the templates; a record is written inline, on the hot path of every
+// published change, so the subclass only says where records go and hears when each is done.
 class AttrLogSink {
  public:
   virtual ~AttrLogSink() = default;
@@ -51,11 +52,10 @@ class AttrLogSink {
   void children(U32 handle, U16 attr, const C& coll);
 
  protected:
-  // The writer of a new record of `op` about (handle, attr), or nullptr when nobody
-  // listens. The key follows, then endKey(), then the value, then end().
-  virtual AttrLogWriter* begin(AttrLogOp op, U32 handle, U16 attr) = 0;
-  virtual void endKey() = 0;
-  virtual void end() = 0;
+  // Where records go, or nullptr when nobody listens (and for a sink that prints).
+  AttrLogRecordWriter* records_ = nullptr;
+  // A record has been written to records_.
+  virtual void recordDone() {}
   // The key (its binary form) has the child `child` now; nullptr: it has none any more.
   virtual void childIs(U32 handle, U16 attr, std::string_view key, Entity* child) = 0;
   // A sink that prints gets the text forms instead of records (value nullptr: deleted).
@@ -84,9 +84,6 @@ class AttrLogTextSink : public AttrLogSink {
   std::vector<Line> lines;
 
  protected:
-  AttrLogWriter* begin(AttrLogOp, U32, U16) override { return nullptr; }
-  void endKey() override {}
-  void end() override {}
   bool wantsText() const noexcept override { return true; }
   void textIs(U32 handle, U16 attr, const std::string* key, const std::string* value) override {
     lines.push_back({handle, attr, key ? std::optional(*key) : std::nullopt,
@@ -129,8 +126,7 @@ class AttrLogClass {
   // Records of every attribute's present state, children included.
   void snapshot(const Entity& entity, U32 handle, AttrLogSink& sink) const;
   // The record of attribute `id`'s present state (for a collection: of the key `key` holds).
-  void emit(const Entity& entity, U32 handle, U16 id, AttrLogReader& key,
-            AttrLogSink& sink) const;
+  void emit(const Entity& entity, U32 handle, U16 id, AttrLogReader& key, AttrLogSink& sink) const;
   // Applies one set, del or child record to `entity` through its ordinary mutators, so
   // that its notifiees hear it as a local change. Raises AttrLogError (or the value's
   // own exception, for a value out of its bounds) on bytes that do not fit.
@@ -150,8 +146,8 @@ class AttrLogClass {
   // of the first of them.
   virtual void snapshotOwn(const Entity& entity, U32 handle, U16 first,
                            AttrLogSink& sink) const = 0;
-  virtual void emitOwn(const Entity& entity, U32 handle, U16 first, U16 local,
-                       AttrLogReader& key, AttrLogSink& sink) const = 0;
+  virtual void emitOwn(const Entity& entity, U32 handle, U16 first, U16 local, AttrLogReader& key,
+                       AttrLogSink& sink) const = 0;
   virtual void applyOwn(Entity& entity, U16 local, AttrLogOp op, AttrLogReader& key,
                         AttrLogReader& value, AttrLogMirror& mirror) const = 0;
   virtual void forEachEntryOwn(const Entity& entity, U16 local, const EntryFn& fn) const = 0;
@@ -224,8 +220,10 @@ void attrLogEach(const QueueEntries<V>& coll, Fn fn) {
 // The binary form of one value.
 std::string attrLogBytes(const auto& value) {
   std::string bytes;
-  AttrLogWriter out(&bytes);
-  attrLogWrite(out, value);
+  {
+    AttrLogWriter out(&bytes);
+    attrLogWrite(out, value);
+  }  // trimmed
   return bytes;
 }
 
@@ -233,18 +231,19 @@ std::string attrLogBytes(const auto& value) {
 
 template <class K, class V>
 void AttrLogSink::write(U32 handle, U16 attr, const K* key, const V* value) {
+  if (records_) {
+    AttrLogWriter& out = records_->begin(value ? AttrLogOp::set : AttrLogOp::del, handle, attr);
+    if (key) attrLogWrite(out, *key);
+    records_->endKey();
+    if (value) attrLogWrite(out, *value);
+    records_->end();
+    return recordDone();
+  }
   if (wantsText()) {
     const std::string keyText = key ? valueToStrep(*key) : std::string();
     const std::string valueText = value ? valueToStrep(*value) : std::string();
     textIs(handle, attr, key ? &keyText : nullptr, value ? &valueText : nullptr);
-    return;
   }
-  AttrLogWriter* out = begin(value ? AttrLogOp::set : AttrLogOp::del, handle, attr);
-  if (!out) return;
-  if (key) attrLogWrite(*out, *key);
-  endKey();
-  if (value) attrLogWrite(*out, *value);
-  end();
 }
 
 template <class V>
@@ -310,8 +309,7 @@ void attrLogApplyScalar(AttrLogOp op, AttrLogReader& value, Set set) {
 }
 
 template <class K, class V, class Set, class Del>
-void attrLogApplyEntry(AttrLogOp op, AttrLogReader& key, AttrLogReader& value, Set set,
-                       Del del) {
+void attrLogApplyEntry(AttrLogOp op, AttrLogReader& key, AttrLogReader& value, Set set, Del del) {
   if constexpr (AttrLoggable<K> && AttrLoggable<V>) {
     const K k = attrLogGet<K>(key);
     if (op == AttrLogOp::del) {

@@ -80,33 +80,40 @@ void AttrLogMount::connect() {
 }
 
 void AttrLogMount::readable() {
-  size_t total = 0;
-  std::string ended;  // why the stream ended, once the records before the end are applied
-  while (ended.empty() && total < kReadPerTurn) {
-    const size_t before = in_.size();
-    in_.resize(before + kReadChunk);
-    const ssize_t got = ::recv(fd_->descriptor(), in_.data() + before, kReadChunk, MSG_DONTWAIT);
-    in_.resize(before + static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    if (got == 0) ended = "the publisher closed the connection";
-    if (got < 0 && errno == EAGAIN) break;
-    if (got < 0 && errno != EINTR) ended = std::string("recv: ") + std::strerror(errno);
-    total += static_cast<size_t>(std::max<ssize_t>(got, 0));
+  for (size_t total = 0; total < kReadPerTurn;) {
+    // The buffer keeps its size from read to read: only growing it costs a fill.
+    if (in_.size() - inEnd_ < kReadChunk) in_.resize(inEnd_ + kReadChunk);
+    const ssize_t got =
+        ::recv(fd_->descriptor(), in_.data() + inEnd_, in_.size() - inEnd_, MSG_DONTWAIT);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0 && errno == EAGAIN) return;
+    if (got < 0) return disconnect(std::string("recv: ") + std::strerror(errno));
+    if (got == 0) return disconnect("the publisher closed the connection");
+    inEnd_ += static_cast<size_t>(got);
+    total += static_cast<size_t>(got);
+    if (!applyRecords()) return;
   }
+}
+
+// Applies the whole records read; false when one was bad and the connection is gone.
+bool AttrLogMount::applyRecords() {
   size_t used = 0;
-  while (fd_ && in_.size() - used >= 4) {
+  while (inEnd_ - used >= 4) {
     AttrLogReader head(in_.data() + used, 4);
     const U32 size = head.integer<U32>();
     if (size > kAttrLogMaxRecord) {
-      return fail("a record of " + std::to_string(size) + " bytes, above the limit of " +
-                  std::to_string(kAttrLogMaxRecord));
+      fail("a record of " + std::to_string(size) + " bytes, above the limit of " +
+           std::to_string(kAttrLogMaxRecord));
+      return false;
     }
-    if (in_.size() - used - 4 < size) break;
+    if (inEnd_ - used - 4 < size) break;
     record(std::string_view(in_.data() + used + 4, size));
+    if (!fd_) return false;
     used += 4 + size;
   }
-  if (!fd_) return;  // a record was bad: the connection is gone already
-  in_.erase(0, used);
-  if (!ended.empty()) disconnect(ended);
+  std::memmove(in_.data(), in_.data() + used, inEnd_ - used);
+  inEnd_ -= used;
+  return true;
 }
 
 void AttrLogMount::record(std::string_view bytes) {
@@ -175,12 +182,13 @@ void AttrLogMount::change(AttrLogOp op, AttrLogReader& in) {
   Ptr<Entity> entity = node->second.entity;
   const AttrLogClass* cls = entity->attrLogClass();
   const AttrLogClass::Attr* info = cls->attr(attr);
-  const std::string where = std::string(cls->typeName()) + " attribute ";
-  if (!info) throw AttrLogError("unknown " + where + std::to_string(attr));
-  if (!info->streamed) throw AttrLogError(where + info->name + " has no attribute-log form");
+  // Made only for a fault: this runs for every change.
+  auto where = [cls] { return std::string(cls->typeName()) + " attribute "; };
+  if (!info) throw AttrLogError("unknown " + where() + std::to_string(attr));
+  if (!info->streamed) throw AttrLogError(where() + info->name + " has no attribute-log form");
   const bool scalar = info->kind == AttrLogKind::scalar;
   if (scalar != key.empty()) {
-    throw AttrLogError(where + info->name + (scalar ? " takes no key" : " needs a key"));
+    throw AttrLogError(where() + info->name + (scalar ? " takes no key" : " needs a key"));
   }
   AttrLogReader keyIn(key);
   currentHandle_ = handle;
@@ -191,7 +199,7 @@ void AttrLogMount::change(AttrLogOp op, AttrLogReader& in) {
     keyIn.finish();
     in.finish();
   } catch (const std::exception& e) {
-    throw AttrLogError(where + info->name + ": " + e.what());
+    throw AttrLogError(where() + info->name + ": " + e.what());
   }
   if (phase_ == Phase::snapshot && !scalar) seen_.emplace(entity.get(), attr, std::string(key));
   if (observer_) observer_->onChange(*entity, attr, key);
@@ -295,6 +303,7 @@ void AttrLogMount::disconnect(const std::string& reason) {
   reader_->notifierIs(nullptr);
   fd_ = nullptr;
   in_.clear();
+  inEnd_ = 0;
   phase_ = Phase::idle;
   synced_ = false;
   ++drops_;

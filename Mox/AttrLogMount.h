@@ -86,6 +86,7 @@ class AttrLogMount : public Entity, private AttrLogMirror {
 
   void connect();
   void readable();
+  bool applyRecords();
   void record(std::string_view bytes);
   void hello(AttrLogReader& in);
   void change(AttrLogOp op, AttrLogReader& in);
@@ -110,7 +111,8 @@ class AttrLogMount : public Entity, private AttrLogMirror {
   std::unique_ptr<Retry> retry_;
   Observer* observer_ = nullptr;
   Phase phase_ = Phase::idle;
-  std::string in_;
+  std::string in_;  // bytes read: the first inEnd_ of them, then room for more
+  size_t inEnd_ = 0;
   std::unordered_map<U32, MirrorNode> handles_;
   std::unordered_map<const Entity*, U32> handleOf_;
   // Collection entries the snapshot of the current connection named.

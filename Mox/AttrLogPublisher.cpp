@@ -61,73 +61,64 @@ class AttrLogPublisher::Mount : public FileDescriptor::Notifiee {
   bool closed_ = false;
 };
 
-// Turns the sink's calls into records in a byte string.
+// Turns the sink's calls into records.
 class AttrLogPublisher::RecordSink : public AttrLogSink {
  public:
   explicit RecordSink(AttrLogPublisher* publisher) : publisher_(publisher) {}
 
- protected:
-  virtual std::string* target() = 0;
-  virtual void recordDone() {}
-
-  AttrLogWriter* begin(AttrLogOp op, U32 handle, U16 attr) override {
-    std::string* out = target();
-    if (!out) return nullptr;
-    record_.emplace(out);
-    return &record_->begin(op, handle, attr);
-  }
-  void endKey() override { record_->endKey(); }
-  void end() override {
-    record_->end();
-    recordDone();
-  }
   // A child record about a known child.
   void childRecord(U32 handle, U16 attr, std::string_view key, U32 child, std::string_view type) {
-    std::string* out = target();
-    if (!out) return;
-    AttrLogRecordWriter record(out);
-    AttrLogWriter& writer = record.begin(AttrLogOp::child, handle, attr);
+    if (!records_) return;
+    AttrLogWriter& writer = records_->begin(AttrLogOp::child, handle, attr);
     writer.bytes(key.data(), key.size());
-    record.endKey();
+    records_->endKey();
     writer.integer(child);
     attrLogWrite(writer, type);
-    record.end();
+    records_->end();
     recordDone();
   }
   void delRecord(U32 handle, U16 attr, std::string_view key) {
-    std::string* out = target();
-    if (!out) return;
-    AttrLogRecordWriter record(out);
-    record.begin(AttrLogOp::del, handle, attr).bytes(key.data(), key.size());
-    record.endKey();
-    record.end();
+    if (!records_) return;
+    records_->begin(AttrLogOp::del, handle, attr).bytes(key.data(), key.size());
+    records_->endKey();
+    records_->end();
     recordDone();
   }
 
+ protected:
   AttrLogPublisher* publisher_;
-
- private:
-  std::optional<AttrLogRecordWriter> record_;
 };
 
-// Changes as they happen: one record, copied to every mount.
+// Changes as they happen, written once into a batch that flush() hands to every mount at
+// the next turn of the loop (or at once when it grows large).
 class AttrLogPublisher::LiveSink : public RecordSink {
  public:
-  using RecordSink::childRecord;
-  using RecordSink::delRecord;
   using RecordSink::RecordSink;
 
- protected:
-  std::string* target() override {
-    if (publisher_->mounts_.empty()) return nullptr;
-    record_.clear();
-    return &record_;
+  // Records are written only while some mount listens.
+  void listeningIs(bool on) {
+    records_ = nullptr;
+    writer_.reset();
+    batch_.clear();
+    if (on) records_ = &writer_.emplace(&batch_);
   }
+  // Bytes written since the batch was last taken.
+  size_t pending() const noexcept { return writer_ ? writer_->size() : 0; }
+  // Calls fn(records) with the batch, then starts a new one.
+  template <class Fn>
+  void takeBatch(Fn fn) {
+    if (pending() == 0) return;
+    writer_->flush();
+    fn(std::string_view(batch_));
+    listeningIs(true);
+  }
+
+ protected:
   void recordDone() override {
-    for (auto& mount : publisher_->mounts_) {
-      if (mount->closed()) continue;
-      mount->out += record_;
-      publisher_->queued(*mount);
+    if (pending() >= kSendNowBytes) {
+      publisher_->flush();
+    } else if (!publisher_->flush_.scheduled()) {
+      publisher_->flush_.schedule();
     }
   }
   void childIs(U32 handle, U16 attr, std::string_view key, Entity* child) override {
@@ -135,26 +126,25 @@ class AttrLogPublisher::LiveSink : public RecordSink {
   }
 
  private:
-  std::string record_;
+  std::string batch_;
+  std::optional<AttrLogRecordWriter> writer_;
 };
 
 // The whole tree for one new mount, with the handles the live records use.
 class AttrLogPublisher::SnapshotSink : public RecordSink {
  public:
-  SnapshotSink(AttrLogPublisher* publisher, std::string* out) : RecordSink(publisher), out_(out) {}
+  SnapshotSink(AttrLogPublisher* publisher, AttrLogRecordWriter* records) : RecordSink(publisher) {
+    records_ = records;
+  }
 
  protected:
-  std::string* target() override { return out_; }
   void childIs(U32 handle, U16 attr, std::string_view key, Entity* child) override {
     const Node& parent = publisher_->nodes_.at(handle);
     auto known = parent.children.find({attr, std::string(key)});
     if (!child || known == parent.children.end()) return;  // nolog children
     childRecord(handle, attr, key, known->second, child->attrLogClass()->typeName());
-    publisher_->snapshot(known->second, out_);
+    publisher_->snapshot(known->second, records_);
   }
-
- private:
-  std::string* out_;
 };
 
 class AttrLogPublisher::Listener : public FileDescriptor::Notifiee {
@@ -202,7 +192,9 @@ size_t AttrLogPublisher::mountCount() const noexcept {
 
 size_t AttrLogPublisher::backlog() const noexcept {
   size_t bytes = 0;
-  for (const auto& mount : mounts_) bytes += mount->out.size() - mount->sent;
+  for (const auto& mount : mounts_) {
+    if (!mount->closed()) bytes += mount->out.size() - mount->sent + live_->pending();
+  }
   return bytes;
 }
 
@@ -246,9 +238,9 @@ void AttrLogPublisher::childIs(U32 handle, U16 attr, std::string_view key, Entit
   adopt(*child);
 }
 
-void AttrLogPublisher::snapshot(U32 handle, std::string* out) {
+void AttrLogPublisher::snapshot(U32 handle, AttrLogRecordWriter* records) {
   const Node& node = nodes_.at(handle);
-  SnapshotSink sink(this, out);
+  SnapshotSink sink(this, records);
   node.entity->attrLogClass()->snapshot(*node.entity, handle, sink);
 }
 
@@ -258,32 +250,37 @@ void AttrLogPublisher::accept() {
     MOX_TRACE(trace, 1, "accept failed: " << errno);
     return;
   }
+  // The mounts there are get what changed before this one's snapshot; it gets what follows.
+  flush();
   auto mount = std::make_unique<Mount>(this, fd);
-  AttrLogRecordWriter record(&mount->out);
-  record.hello(root_->attrLogClass()->typeName(), root_->name());
-  snapshot(kAttrLogRootHandle, &mount->out);
-  record.synced();
+  {
+    AttrLogRecordWriter records(&mount->out);
+    records.hello(root_->attrLogClass()->typeName(), root_->name());
+    snapshot(kAttrLogRootHandle, &records);
+    records.synced();
+  }
   mounts_.push_back(std::move(mount));
+  live_->listeningIs(true);
   MOX_TRACE(trace, 2,
             endpoint_ << ": mount " << fd << " gets " << mounts_.back()->out.size()
                       << " bytes of snapshot");
   send(*mounts_.back());
 }
 
-void AttrLogPublisher::queued(Mount& mount) {
-  // A mount whose socket is full is sent to when the loop sees it writable again.
-  if (mount.blocked()) {
-    if (mount.out.size() - mount.sent > maxBacklog_) cutOff(mount);
-  } else if (mount.out.size() - mount.sent >= kSendNowBytes) {
-    send(mount);
-  } else {
-    flush_.schedule();
-  }
-}
-
 void AttrLogPublisher::flush() {
+  live_->takeBatch([this](std::string_view records) {
+    for (auto& mount : mounts_) {
+      if (!mount->closed()) mount->out += records;
+    }
+  });
   for (auto& mount : mounts_) {
-    if (!mount->closed() && !mount->blocked() && mount->out.size() > mount->sent) send(*mount);
+    if (mount->closed()) continue;
+    // A mount whose socket is full is sent to when the loop sees it writable again.
+    if (!mount->blocked()) {
+      send(*mount);
+    } else if (mount->out.size() - mount->sent > maxBacklog_) {
+      cutOff(*mount);
+    }
   }
 }
 
@@ -323,6 +320,7 @@ void AttrLogPublisher::cutOff(Mount& mount) {
 
 void AttrLogPublisher::reap() {
   std::erase_if(mounts_, [](const auto& mount) { return mount->closed(); });
+  if (mounts_.empty()) live_->listeningIs(false);
 }
 
 }  // namespace Mox

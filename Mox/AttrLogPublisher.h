@@ -8,9 +8,10 @@
 //   auto publisher = Mox::make<Mox::AttrLogPublisher>("@korva/netns", status);
 //   status->nsIs(Korva::NamespaceName("blue"));   // reaches every mount in order
 //
-// Everything runs on the thread's event loop. Records are queued per mount and sent when
-// the loop next turns (or at once when a queue grows large); a mount that lets its queue
-// pass `maxBacklogBytes` is cut off (ATTRLOG_MOUNT_CUT_OFF) rather than let memory grow.
+// Everything runs on the thread's event loop. A change is written once, into a batch that
+// the next turn of the loop (or the batch growing large) hands to every mount's queue and
+// sends; a mount that lets its queue pass `maxBacklogBytes` is cut off
+// (ATTRLOG_MOUNT_CUT_OFF) rather than let memory grow.
 // A mount never affects the publisher or the other mounts.
 
 #include <Mox/AttrLogClass.h>
@@ -76,8 +77,7 @@ class AttrLogPublisher : public Entity {
   U32 adopt(Entity& entity);
   void drop(U32 handle);
   void childIs(U32 handle, U16 attr, std::string_view key, Entity* child);
-  void snapshot(U32 handle, std::string* out);
-  void queued(Mount& mount);
+  void snapshot(U32 handle, AttrLogRecordWriter* records);
   void send(Mount& mount);
   void cutOff(Mount& mount);
   void reap();

@@ -109,6 +109,7 @@ void AttrLogChanges(benchmark::State& state) {
     attrLogWrite(out, change(i));
     record.end();
   }
+  record.flush();
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) std::abort();
   const pid_t reader = otherProcess([&] {

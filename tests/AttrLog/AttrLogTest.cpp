@@ -234,8 +234,8 @@ class FakePublisher {
 std::string goodStart(Mox::U16 version = Mox::kAttrLogVersion) {
   std::string bytes;
   Mox::AttrLogRecordWriter record(&bytes);
-  record.begin(Mox::AttrLogOp::hello).integer(Mox::kAttrLogMagic);
-  Mox::AttrLogWriter out(&bytes);
+  Mox::AttrLogWriter& out = record.begin(Mox::AttrLogOp::hello);
+  out.integer(Mox::kAttrLogMagic);
   out.integer(version);
   attrLogWrite(out, "AttrLogTest::Root"s);
   attrLogWrite(out, "root"s);
@@ -244,16 +244,19 @@ std::string goodStart(Mox::U16 version = Mox::kAttrLogVersion) {
   record.endKey();
   out.integer(Mox::U32(5));
   record.end();
+  record.flush();
   return bytes;
 }
 
 std::string setRecord(Mox::U16 attr, const std::string& key, const std::string& value) {
   std::string bytes;
   Mox::AttrLogRecordWriter record(&bytes);
-  record.begin(Mox::AttrLogOp::set, 1, attr).bytes(key.data(), key.size());
+  Mox::AttrLogWriter& out = record.begin(Mox::AttrLogOp::set, 1, attr);
+  out.bytes(key.data(), key.size());
   record.endKey();
-  Mox::AttrLogWriter(&bytes).bytes(value.data(), value.size());
+  out.bytes(value.data(), value.size());
   record.end();
+  record.flush();
   return bytes;
 }
 
