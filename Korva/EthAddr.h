@@ -7,12 +7,13 @@
 
 #include <Korva/IpAddr.h>
 #include <Korva/Types.h>
-#include <Mox/AttrLog.h>
 #include <Korva/ValueType.h>
+#include <Mox/AttrLog.h>
 #include <Mox/Exception.h>
 
 #include <array>
 #include <compare>
+#include <cstring>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -71,7 +72,10 @@ class EthAddr {
   void copyToBuffer(unsigned char* out) const noexcept;
   U32 hash() const noexcept;
 
-  friend bool operator==(const EthAddr&, const EthAddr&) = default;
+  // Inline loads: the array's own comparison is a call to memcmp, on every map update.
+  friend bool operator==(const EthAddr& a, const EthAddr& b) noexcept {
+    return std::memcmp(a.bytes_.data(), b.bytes_.data(), byteCount) == 0;
+  }
   friend auto operator<=>(const EthAddr&, const EthAddr&) = default;
 
  private:

@@ -40,9 +40,4 @@ void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, IntfId* value) {
   it = close + 1;
 }
 
-// One unsigned 64-bit quantity.
-void attrLogWrite(Mox::AttrLogWriter& out, IntfId value) { out.integer(value.value()); }
-
-void attrLogRead(Mox::AttrLogReader& in, IntfId* value) { *value = IntfId(in.integer<U64>()); }
-
 }  // namespace Korva

@@ -6,8 +6,8 @@
 // process-wide IntfIdMgr, which must be initialised first.
 
 #include <Korva/Types.h>
-#include <Mox/AttrLog.h>
 #include <Korva/ValueType.h>
+#include <Mox/AttrLog.h>
 #include <Mox/Text.h>
 
 #include <compare>
@@ -65,9 +65,13 @@ class IntfId {
 
 // Writes the long name, without quotes.
 std::ostream& operator<<(std::ostream& out, IntfId id);
-// The attribute-log form (see Mox/AttrLog.h).
-void attrLogWrite(Mox::AttrLogWriter& out, IntfId value);
-void attrLogRead(Mox::AttrLogReader& in, IntfId* value);
+// The attribute-log form (see Mox/AttrLog.h): one unsigned 64-bit quantity.
+inline void attrLogWrite(Mox::AttrLogWriter& out, IntfId value) {
+  out.integer(value.value());
+}
+inline void attrLogRead(Mox::AttrLogReader& in, IntfId* value) {
+  *value = IntfId(in.integer<U64>());
+}
 
 // The runtime's attribute text: the long name in single quotes.
 Mox::String8 valueToStrep(IntfId id);

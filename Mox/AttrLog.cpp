@@ -19,10 +19,8 @@ void AttrLogReader::leftOver() const {
   throw AttrLogError(std::to_string(remaining()) + " bytes left over");
 }
 
-void attrLogRead(AttrLogReader& in, bool* value) {
-  const U8 byte = in.integer<U8>();
-  if (byte > 1) throw AttrLogError("bool byte " + std::to_string(byte) + " is neither 0 nor 1");
-  *value = byte == 1;
+void attrLogBadBool(U8 byte) {
+  throw AttrLogError("bool byte " + std::to_string(byte) + " is neither 0 nor 1");
 }
 
 void attrLogWrite(AttrLogWriter& out, std::string_view value) {

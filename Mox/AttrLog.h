@@ -151,7 +151,12 @@ requires std::is_integral_v<I> &&
 inline void attrLogWrite(AttrLogWriter& out, bool value) {
   out.integer(U8(value ? 1 : 0));
 }
-void attrLogRead(AttrLogReader& in, bool* value);
+[[noreturn]] void attrLogBadBool(U8 byte);
+inline void attrLogRead(AttrLogReader& in, bool* value) {
+  const U8 byte = in.integer<U8>();
+  if (byte > 1) attrLogBadBool(byte);
+  *value = byte == 1;
+}
 inline void attrLogWrite(AttrLogWriter& out, double value) {
   out.integer(std::bit_cast<U64>(value));
 }

@@ -166,6 +166,7 @@ void AttrLogMount::hello(AttrLogReader& in) {
   }
   handles_.clear();
   handleOf_.clear();
+  lastHandle_ = 0;
   handles_[kAttrLogRootHandle] = {root_, "", {}};
   handleOf_[root_.get()] = kAttrLogRootHandle;
   seen_.clear();
@@ -177,9 +178,7 @@ void AttrLogMount::change(AttrLogOp op, AttrLogReader& in) {
   const U32 handle = in.integer<U32>();
   const U16 attr = in.integer<U16>();
   const std::string_view key = in.bytes(in.integer<U16>());
-  auto node = handles_.find(handle);
-  if (node == handles_.end()) throw AttrLogError("unknown entity handle " + std::to_string(handle));
-  Ptr<Entity> entity = node->second.entity;
+  Ptr<Entity> entity = node(handle).entity;
   const AttrLogClass* cls = entity->attrLogClass();
   const AttrLogClass::Attr* info = cls->attr(attr);
   // Made only for a fault: this runs for every change.
@@ -203,6 +202,20 @@ void AttrLogMount::change(AttrLogOp op, AttrLogReader& in) {
   }
   if (phase_ == Phase::snapshot && !scalar) seen_.emplace(entity.get(), attr, std::string(key));
   if (observer_) observer_->onChange(*entity, attr, key);
+}
+
+AttrLogMount::MirrorNode& AttrLogMount::node(U32 handle) {
+  // Changes come in runs on one entity: the last one found is kept (a node does not move
+  // while the map grows, and forget() drops the one kept when it goes).
+  if (handle != lastHandle_) {
+    auto found = handles_.find(handle);
+    if (found == handles_.end()) {
+      throw AttrLogError("unknown entity handle " + std::to_string(handle));
+    }
+    lastHandle_ = handle;
+    lastNode_ = &found->second;
+  }
+  return *lastNode_;
 }
 
 void AttrLogMount::synced() {
@@ -282,6 +295,7 @@ void AttrLogMount::forget(U32 handle) {
   auto node = handles_.find(handle);
   if (node == handles_.end()) return;
   for (U32 child : node->second.children) forget(child);
+  if (handle == lastHandle_) lastHandle_ = 0;
   handleOf_.erase(node->second.entity.get());
   handles_.erase(node);
 }

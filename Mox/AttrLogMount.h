@@ -90,6 +90,7 @@ class AttrLogMount : public Entity, private AttrLogMirror {
   void record(std::string_view bytes);
   void hello(AttrLogReader& in);
   void change(AttrLogOp op, AttrLogReader& in);
+  MirrorNode& node(U32 handle);
   void synced();
   void deleteUnseen(Entity& entity);
   void fail(const std::string& reason);
@@ -117,6 +118,8 @@ class AttrLogMount : public Entity, private AttrLogMirror {
   std::unordered_map<const Entity*, U32> handleOf_;
   // Collection entries the snapshot of the current connection named.
   std::set<std::tuple<const Entity*, U16, std::string>> seen_;
+  U32 lastHandle_ = 0;  // 0: none (handles start at the root's, 1)
+  MirrorNode* lastNode_ = nullptr;
   U32 currentHandle_ = 0;  // of the record being applied
   U16 currentAttr_ = 0;
   std::string_view currentKey_;

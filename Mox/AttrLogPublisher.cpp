@@ -51,6 +51,7 @@ class AttrLogPublisher::Mount : public FileDescriptor::Notifiee {
   }
   void writableWatchIs(bool on) { fd_->notifyOnWritableIs(on); }
   bool blocked() const noexcept { return fd_->notifyOnWritable(); }
+  bool idle() const noexcept { return out.size() == sent && !blocked(); }
 
   std::string out;  // queued records; the first `sent` bytes are gone already
   size_t sent = 0;
@@ -270,7 +271,11 @@ void AttrLogPublisher::accept() {
 void AttrLogPublisher::flush() {
   live_->takeBatch([this](std::string_view records) {
     for (auto& mount : mounts_) {
-      if (!mount->closed()) mount->out += records;
+      if (mount->closed()) continue;
+      // A mount with nothing queued is sent the batch itself: only what its socket does not
+      // take now is copied to its queue.
+      const size_t sent = mount->idle() ? transmit(*mount, records) : 0;
+      if (!mount->closed()) mount->out.append(records.substr(sent));
     }
   });
   for (auto& mount : mounts_) {
@@ -284,22 +289,28 @@ void AttrLogPublisher::flush() {
   }
 }
 
-void AttrLogPublisher::send(Mount& mount) {
-  while (mount.sent < mount.out.size()) {
-    const ssize_t sent = ::send(mount.descriptor(), mount.out.data() + mount.sent,
-                                mount.out.size() - mount.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+size_t AttrLogPublisher::transmit(Mount& mount, std::string_view bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t sent = ::send(mount.descriptor(), bytes.data() + done, bytes.size() - done,
+                                MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent > 0) {
-      mount.sent += static_cast<size_t>(sent);
-    } else if (errno == EINTR) {
-      continue;
+      done += static_cast<size_t>(sent);
     } else if (errno == EAGAIN) {
       break;
-    } else {
+    } else if (errno != EINTR) {
       MOX_TRACE(trace, 1, endpoint_ << ": mount " << mount.descriptor() << " gone: " << errno);
       mount.closeIs();
-      return;
+      break;
     }
   }
+  return done;
+}
+
+void AttrLogPublisher::send(Mount& mount) {
+  const size_t sent = transmit(mount, std::string_view(mount.out).substr(mount.sent));
+  if (mount.closed()) return;
+  mount.sent += sent;
   const size_t backlog = mount.out.size() - mount.sent;
   if (backlog > maxBacklog_) return cutOff(mount);
   if (backlog == 0) {

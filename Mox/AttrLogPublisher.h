@@ -78,6 +78,9 @@ class AttrLogPublisher : public Entity {
   void drop(U32 handle);
   void childIs(U32 handle, U16 attr, std::string_view key, Entity* child);
   void snapshot(U32 handle, AttrLogRecordWriter* records);
+  // Sends what the socket takes now of `bytes`; the count sent.
+  size_t transmit(Mount& mount, std::string_view bytes);
+  // Sends the mount's queue and watches for room while some is left.
   void send(Mount& mount);
   void cutOff(Mount& mount);
   void reap();
