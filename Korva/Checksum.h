@@ -29,10 +29,10 @@ class __attribute__((packed)) NetUInt {
   using HostType = T;
 
   constexpr NetUInt() noexcept = default;
-  constexpr explicit NetUInt(T host) noexcept : nbo_(toggle(host)) {}
+  constexpr explicit NetUInt(T host) noexcept : nbo_(Mox::networkOrder(host)) {}
 
-  constexpr T value() const noexcept { return toggle(nbo_); }
-  constexpr void valueIs(T host) noexcept { nbo_ = toggle(host); }
+  constexpr T value() const noexcept { return Mox::networkOrder(nbo_); }
+  constexpr void valueIs(T host) noexcept { nbo_ = Mox::networkOrder(host); }
   // A bit field of the host-order value: `width` bits from bit `shift` (0 = least
   // significant). Headers split their shared words (flags, offsets, lengths) with these.
   constexpr T field(unsigned shift, unsigned width) const noexcept {
@@ -59,18 +59,6 @@ class __attribute__((packed)) NetUInt {
  private:
   static constexpr T mask(unsigned width) noexcept {
     return width >= sizeof(T) * 8 ? T(~T(0)) : T((T(1) << width) - 1);
-  }
-  // Host to network and back are the same swap (or none on a big-endian host).
-  static constexpr T toggle(T v) noexcept {
-    if constexpr (std::endian::native == std::endian::big || sizeof(T) == 1) {
-      return v;
-    } else if constexpr (sizeof(T) == 2) {
-      return __builtin_bswap16(v);
-    } else if constexpr (sizeof(T) == 4) {
-      return __builtin_bswap32(v);
-    } else {
-      return __builtin_bswap64(v);
-    }
   }
 
   T nbo_ = 0;

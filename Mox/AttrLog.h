@@ -33,25 +33,6 @@ class AttrLogError : public Exception {
   using Exception::Exception;
 };
 
-namespace AttrLogDetail {
-
-// `bits` in network byte order, as it lies in memory.
-template <class U>
-U bigEndian(U bits) noexcept {
-  if constexpr (std::endian::native == std::endian::big || sizeof(U) == 1) {
-    return bits;
-  } else if constexpr (sizeof(U) == 2) {
-    return __builtin_bswap16(bits);
-  } else if constexpr (sizeof(U) == 4) {
-    return __builtin_bswap32(bits);
-  } else {
-    static_assert(sizeof(U) == 8);
-    return __builtin_bswap64(bits);
-  }
-}
-
-}  // namespace AttrLogDetail
-
 // Appends binary forms to a byte string. So that a write is a store and not a call, the
 // string may hold spare bytes past what was written while the writer lives; flush(), or
 // the writer's end, trims them. Nothing else may change the string meanwhile.
@@ -65,7 +46,7 @@ class AttrLogWriter {
   template <class I>
   requires std::is_integral_v<I>
   void integer(I value) {
-    const auto bits = AttrLogDetail::bigEndian(static_cast<std::make_unsigned_t<I>>(value));
+    const auto bits = networkOrder(static_cast<std::make_unsigned_t<I>>(value));
     std::memcpy(room(sizeof(I)), &bits, sizeof(I));
   }
   void bytes(const void* data, size_t size) {
@@ -75,11 +56,11 @@ class AttrLogWriter {
   // Where the next byte goes; with u16At() a length can be filled in once it is known.
   size_t position() const noexcept { return size_; }
   void u16At(size_t position, U16 value) noexcept {
-    const U16 bits = AttrLogDetail::bigEndian(value);
+    const U16 bits = networkOrder(value);
     std::memcpy(out_->data() + position, &bits, sizeof(bits));
   }
   void u32At(size_t position, U32 value) noexcept {
-    const U32 bits = AttrLogDetail::bigEndian(value);
+    const U32 bits = networkOrder(value);
     std::memcpy(out_->data() + position, &bits, sizeof(bits));
   }
   // Trims the string to the bytes written.
@@ -114,7 +95,7 @@ class AttrLogReader {
   requires std::is_integral_v<I> I integer() {
     std::make_unsigned_t<I> bits;
     std::memcpy(&bits, take(sizeof(I)), sizeof(I));
-    return static_cast<I>(AttrLogDetail::bigEndian(bits));
+    return static_cast<I>(networkOrder(bits));
   }
   // The next `size` bytes; raises AttrLogError when fewer are left.
   std::string_view bytes(size_t size) { return {take(size), size}; }

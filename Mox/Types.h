@@ -1,8 +1,10 @@
 #pragma once
 // Integer widths and string types of the runtime and of everything built on it.
 
+#include <bit>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 
 namespace Mox {
 
@@ -20,5 +22,22 @@ using Name = std::string;
 
 // Text readers advance a plain character pointer over the input.
 using TextIter = const char*;
+
+// An unsigned integer from host to network byte order, or back: the same swap both ways
+// (none on a big-endian host).
+template <class U>
+requires std::is_unsigned_v<U>
+constexpr U networkOrder(U value) noexcept {
+  if constexpr (std::endian::native == std::endian::big || sizeof(U) == 1) {
+    return value;
+  } else if constexpr (sizeof(U) == 2) {
+    return __builtin_bswap16(value);
+  } else if constexpr (sizeof(U) == 4) {
+    return __builtin_bswap32(value);
+  } else {
+    static_assert(sizeof(U) == 8);
+    return __builtin_bswap64(value);
+  }
+}
 
 }  // namespace Mox
