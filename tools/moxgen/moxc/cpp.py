@@ -736,9 +736,11 @@ class Emitter:
         c(" private:")
         c("  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }")
         c()
-        c("  const Mox::U32 handle_;")
+        # An entity without attributes of its own writes nothing (clang warns of the fields).
+        unused = "" if e.attrs else "[[maybe_unused]] "
+        c(f"  {unused}const Mox::U32 handle_;")
         c("  const Mox::U16 first_;")
-        c("  Mox::AttrLogSink& sink_;")
+        c(f"  {unused}Mox::AttrLogSink& sink_;")
         c("};")
         c()
         c(f"class {cls} final : public Mox::AttrLogClass {{")

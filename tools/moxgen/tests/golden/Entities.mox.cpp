@@ -26,9 +26,9 @@ class LeafAttrLogWatch final : public Leaf::Notifiee {
  private:
   Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
 
-  const Mox::U32 handle_;
+  [[maybe_unused]] const Mox::U32 handle_;
   const Mox::U16 first_;
-  Mox::AttrLogSink& sink_;
+  [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
 class LeafAttrLog final : public Mox::AttrLogClass {
@@ -113,9 +113,9 @@ class KeyedLeafAttrLogWatch final : public KeyedLeaf::Notifiee {
  private:
   Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
 
-  const Mox::U32 handle_;
+  [[maybe_unused]] const Mox::U32 handle_;
   const Mox::U16 first_;
-  Mox::AttrLogSink& sink_;
+  [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
 class KeyedLeafAttrLog final : public Mox::AttrLogClass {
@@ -803,9 +803,9 @@ class BareAttrLogWatch final : public Bare::Notifiee {
  private:
   Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
 
-  const Mox::U32 handle_;
+  [[maybe_unused]] const Mox::U32 handle_;
   const Mox::U16 first_;
-  Mox::AttrLogSink& sink_;
+  [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
 class BareAttrLog final : public Mox::AttrLogClass {
