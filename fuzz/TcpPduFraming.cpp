@@ -34,9 +34,9 @@ struct Framing {
 Framing frame(const std::string& stream, size_t maxPdu) {
   Framing framing;
   size_t at = 0;
-  while (stream.size() - at >= Korva::SimpleTcpPduPam::kHeaderBytes) {
+  while (stream.size() - at >= Korva::SimpleTcpPduPam::headerBytes) {
     const size_t length = size_t(Mox::U8(stream[at + 2])) << 8 | Mox::U8(stream[at + 3]);
-    if (length < Korva::SimpleTcpPduPam::kHeaderBytes) framing.reason = "PDU length too small";
+    if (length < Korva::SimpleTcpPduPam::headerBytes) framing.reason = "PDU length too small";
     if (length > maxPdu) framing.reason = "PDU length too big";
     if (!framing.reason.empty() || stream.size() - at < length) break;
     framing.pdus.push_back(stream.substr(at, length));
