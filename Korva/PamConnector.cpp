@@ -9,7 +9,7 @@ namespace {
 Mox::TraceHandle trace("PamConnector");
 
 // Delivery waits one tick of 1/1024 s, so a burst of sends is announced together.
-constexpr double kDeliveryDelay = 0.0009765625;
+constexpr double deliveryDelay = 0.0009765625;
 
 }  // namespace
 
@@ -92,7 +92,7 @@ void PamConnector::pamDelAll() {
 
 void PamConnector::doScheduleEvent() {
   MOX_ASSERT(initialized());
-  if (!clock_->armed()) clock_->minimumTimeIs(Mox::now() + kDeliveryDelay);
+  if (!clock_->armed()) clock_->minimumTimeIs(Mox::now() + deliveryDelay);
 }
 
 void PamConnector::handleClock() {
