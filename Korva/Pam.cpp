@@ -7,13 +7,6 @@ void Pam::doGetRxPkt() {
   MOX_ASSERT(0 && "Need to implement doGetRxPkt in a derived class");
 }
 
-Mox::Ptr<Pkt> Pam::rxPkt() {
-  doGetRxPkt();
-  Mox::Ptr<Pkt> pkt = rxPktHolder();
-  rxPktHolderIs(nullptr);
-  return pkt;
-}
-
 Pam::RxMessage::RxMessage(U32 bytes) : capacity(bytes) {
   Pkt::Manager* manager = globalPktManager();
   pkt = manager->newPkt();

@@ -16,14 +16,16 @@ constexpr double deliveryDelay = 0.0009765625;
 PamConnectorPam::PamConnectorPam(const Mox::Name& name, PamConnector* connector)
     : PamConnectorPamBase(name), connector_(connector) {}
 
-void PamConnectorPam::doGetRxPkt() {
+// Both packet paths are flattened: the generated accessors they call once per packet
+// inline into one body.
+[[gnu::flatten]] void PamConnectorPam::doGetRxPkt() {
   Mox::Ptr<Pkt> pkt = inputQueueDeq();
   if (!pkt) return;
   if (connector_ && connector_->vlanOffloadEn()) maybeOffloadAnyVlanTag(*pkt);
   rxPktHolderIs(pkt);
 }
 
-void PamConnectorPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
+[[gnu::flatten]] void PamConnectorPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   if (!pkt || !otherEnd_ || !connector_) return;
   PamConnectorPam& receiver = *otherEnd_;
   if (receiver.inputQueueSize() > receiver.maxBuffer()) {

@@ -21,9 +21,14 @@ namespace Korva {
 
 class PamConnector;
 
-class PamConnectorPam : public PamConnectorPamBase {
+// Final: the connector makes its ends itself, and a final class lets each packet's
+// accessor calls bind, and inline, at compile time.
+class PamConnectorPam final : public PamConnectorPamBase {
  public:
   PamConnectorPam(const Mox::Name& name, PamConnector* connector);
+
+  // Pam::rxPkt(), bound at compile time.
+  Mox::Ptr<Pkt> rxPkt() { return rxPktOf(*this); }
 
   PamConnector* connector() const noexcept { return connector_; }
   void connectorIs(PamConnector* connector) noexcept { connector_ = connector; }
@@ -34,6 +39,8 @@ class PamConnectorPam : public PamConnectorPamBase {
   void txPktIs(const Mox::Ptr<Pkt>& pkt) override;
 
  protected:
+  // Pam::rxPktOf calls it.
+  friend class Pam;
   // Takes the oldest queued packet, its VLAN tag offloaded when the connector says so.
   void doGetRxPkt() override;
 
