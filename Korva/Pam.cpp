@@ -7,6 +7,10 @@ void Pam::doGetRxPkt() {
   MOX_ASSERT(0 && "Need to implement doGetRxPkt in a derived class");
 }
 
+Mox::Ptr<Pkt> Pam::rxPkt() {
+  return rxPktOf(*this);
+}
+
 Pam::RxMessage::RxMessage(U32 bytes) : capacity(bytes) {
   Pkt::Manager* manager = globalPktManager();
   pkt = manager->newPkt();

@@ -15,7 +15,7 @@ namespace Korva {
 class Pam : public PamBase {
  public:
   // The one way a client reads: at most one read per call, empty when nothing came.
-  Mox::Ptr<Pkt> rxPkt() { return rxPktOf(*this); }
+  Mox::Ptr<Pkt> rxPkt();
 
  protected:
   explicit Pam(const Mox::Name& name) : PamBase(name) {}

@@ -16,15 +16,7 @@ constexpr double deliveryDelay = 0.0009765625;
 PamConnectorPam::PamConnectorPam(const Mox::Name& name, PamConnector* connector)
     : PamConnectorPamBase(name), connector_(connector) {}
 
-// Both packet paths are flattened: the generated accessors they call once per packet
-// inline into one body.
-[[gnu::flatten]] void PamConnectorPam::doGetRxPkt() {
-  Mox::Ptr<Pkt> pkt = inputQueueDeq();
-  if (!pkt) return;
-  if (connector_ && connector_->vlanOffloadEn()) maybeOffloadAnyVlanTag(*pkt);
-  rxPktHolderIs(pkt);
-}
-
+// Flattened: the generated accessors it calls once per packet inline into one body.
 [[gnu::flatten]] void PamConnectorPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   if (!pkt || !otherEnd_ || !connector_) return;
   PamConnectorPam& receiver = *otherEnd_;

@@ -100,4 +100,12 @@ class PamConnector : public Mox::PtrInterface {
 Mox::Ptr<PamConnector> PamConnectorIs(Mox::Ptr<Mox::ActivityConfig> activity,
                                       Mox::Ptr<Mox::Clock> clock);
 
+// Here rather than in the source, so that a reader's rxPkt() inlines the whole receive.
+inline void PamConnectorPam::doGetRxPkt() {
+  Mox::Ptr<Pkt> pkt = inputQueueDeq();
+  if (!pkt) return;
+  if (connector_ && connector_->vlanOffloadEn()) maybeOffloadAnyVlanTag(*pkt);
+  rxPktHolderIs(pkt);
+}
+
 }  // namespace Korva
