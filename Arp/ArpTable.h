@@ -58,7 +58,7 @@ class ArpKey {
   Korva::IpGenAddr addr_;
   Korva::IntfId intfId_;
 };
-static_assert(sizeof(ArpKey) == 32 && Cairn::kStorable<ArpKey>);
+static_assert(sizeof(ArpKey) == 32 && Cairn::storable<ArpKey>);
 
 std::string valueToStrep(const ArpKey& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, ArpKey* value);
@@ -102,7 +102,7 @@ class ArpEntry {
   ArpSource source_;
   char reserved_[7] = {};  // no padding bytes: equal entries are equal bytes
 };
-static_assert(sizeof(ArpEntry) == 48 && Cairn::kStorable<ArpEntry>);
+static_assert(sizeof(ArpEntry) == 48 && Cairn::storable<ArpEntry>);
 
 std::string valueToStrep(const ArpEntry& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, ArpEntry* value);

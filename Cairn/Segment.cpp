@@ -56,7 +56,7 @@ std::string shmPath(const std::string& object) {
 
 void Mapping::open(const std::string& object, int flags, const Access& access) {
   reset();
-  const mode_t mode = access.group == Access::kNoGroup ? 0600 : 0660;
+  const mode_t mode = access.group == Access::noGroup ? 0600 : 0660;
   const int fd = shm_open(("/" + object).c_str(), flags | O_CLOEXEC, mode);
   if (fd < 0) fail("shm_open(" + object + ")");
   fd_ = fd;
@@ -67,7 +67,7 @@ void Mapping::open(const std::string& object, int flags, const Access& access) {
   struct stat status {};
   if (fstat(fd_, &status) != 0) fail("fstat(" + object + ")");
   if (status.st_uid != geteuid()) return;
-  if (access.group != Access::kNoGroup && fchown(fd_, -1, access.group) != 0) {
+  if (access.group != Access::noGroup && fchown(fd_, -1, access.group) != 0) {
     const int error = errno;
     reset();
     throw Mox::ErrnoException(error, "fchown(" + object + ")");

@@ -24,8 +24,8 @@ using Mox::U8;
 
 // Who may open what this process creates: the owner only, or also one group.
 struct Access {
-  static constexpr gid_t kNoGroup = static_cast<gid_t>(-1);
-  gid_t group = kNoGroup;
+  static constexpr gid_t noGroup = static_cast<gid_t>(-1);
+  gid_t group = noGroup;
 };
 
 // Throws Mox::RangeException "Invalid shared-memory name <name>" unless the name is usable.

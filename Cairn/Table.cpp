@@ -21,8 +21,8 @@ using namespace layout;
 
 namespace {
 
-constexpr U32 kInitLockByte = 1;    // held while the header is written or checked
-constexpr U32 kWriterLockByte = 0;  // held by the writer for as long as it lives
+constexpr U32 initLockByte = 1;    // held while the header is written or checked
+constexpr U32 writerLockByte = 0;  // held by the writer for as long as it lives
 
 U32 powerOfTwoAtLeast(U64 value) {
   U64 result = 8;
@@ -46,8 +46,8 @@ namespace {
 
 TableFixed expectedHeader(const TableShape& shape) {
   TableFixed header{};
-  header.magic = kMagic;
-  header.layoutVersion = kLayoutVersion;
+  header.magic = tableMagic;
+  header.layoutVersion = tableLayoutVersion;
   header.keySize = shape.keySize;
   header.valueSize = shape.valueSize;
   header.capacity = shape.capacity;
@@ -62,8 +62,8 @@ TableFixed expectedHeader(const TableShape& shape) {
 
 // Why `actual` is not the header expected, or empty when it is.
 std::string headerMismatch(const TableFixed& actual, const TableFixed& expected) {
-  if (actual.magic != kMagic) return "bad magic";
-  if (actual.layoutVersion != kLayoutVersion) return "layout version mismatch";
+  if (actual.magic != tableMagic) return "bad magic";
+  if (actual.layoutVersion != tableLayoutVersion) return "layout version mismatch";
   if (actual.headerCheck != actual.fixedFieldsCheck()) return "header checksum mismatch";
   if (actual.keySize != expected.keySize || actual.valueSize != expected.valueSize) {
     return "key or value size mismatch";
@@ -110,7 +110,7 @@ TableWriterCore::TableWriterCore(const std::string& name, const TableShape& shap
     throw Mox::RangeException("table " + name + ": capacity out of range");
   }
   mapping_.openWritable(tableObject(name), true, access);
-  if (!mapping_.tryLock(kWriterLockByte, true)) {
+  if (!mapping_.tryLock(writerLockByte, true)) {
     U32 pid = 0;
     if (mapping_.objectSize() >= sizeof(TableHeader) &&
         pread(mapping_.descriptor(), &pid, sizeof pid, offsetof(TableHeader, writerPid)) !=
@@ -120,9 +120,9 @@ TableWriterCore::TableWriterCore(const std::string& name, const TableShape& shap
     throw Mox::Exception("table " + name + " already has a writer (process " + std::to_string(pid) +
                          ")");
   }
-  mapping_.lockWait(kInitLockByte, true);
+  mapping_.lockWait(initLockByte, true);
   initialize(shape);
-  mapping_.unlock(kInitLockByte);
+  mapping_.unlock(initLockByte);
   wake_ = std::make_unique<WakeSender>(name, access);
   recover();
 }
@@ -167,7 +167,7 @@ void TableWriterCore::recover() {
       head->version.store(version + 1, std::memory_order_release);
     }
     for (const U8* candidate : {image, static_cast<const U8*>(slot)}) {
-      if (reinterpret_cast<const SlotHead*>(candidate)->state() != kEmpty) {
+      if (reinterpret_cast<const SlotHead*>(candidate)->state() != slotEmpty) {
         publish(candidate + header_->f.keyOffset());
       }
     }
@@ -175,8 +175,8 @@ void TableWriterCore::recover() {
   U32 live = 0, tombstones = 0;
   for (U32 index = 0; index < header_->f.slotCount; ++index) {
     const U32 state = header_->slot(array, index)->state();
-    live += state == kLive;
-    tombstones += state == kTombstone;
+    live += state == slotLive;
+    tombstones += state == slotTombstone;
   }
   header_->size.store(live);
   header_->tombstones.store(tombstones);
@@ -190,8 +190,8 @@ TableWriterCore::Found TableWriterCore::locate(const void* key) const {
   for (U32 n = 0; n < header_->f.slotCount; ++n, index = (index + 1) & mask) {
     const auto* slot = reinterpret_cast<const U8*>(header_->slot(array, index));
     const U32 state = reinterpret_cast<const SlotHead*>(slot)->state();
-    if (state == kEmpty) return {reusable != header_->f.slotCount ? reusable : index, false};
-    if (state == kTombstone) {
+    if (state == slotEmpty) return {reusable != header_->f.slotCount ? reusable : index, false};
+    if (state == slotTombstone) {
       if (reusable == header_->f.slotCount) reusable = index;
     } else if (std::memcmp(slot + header_->f.keyOffset(), key, header_->f.keySize) == 0) {
       return {index, true};
@@ -254,8 +254,8 @@ void TableWriterCore::set(const void* key, const void* value) {
     throw Mox::MemoryLimitExceededException("table full");
   }
   const bool reusesTombstone =
-      !found.present && header_->slot(header_->activeArray(), found.slot)->state() == kTombstone;
-  writeSlot(found.slot, kLive, key, value);
+      !found.present && header_->slot(header_->activeArray(), found.slot)->state() == slotTombstone;
+  writeSlot(found.slot, slotLive, key, value);
   if (!found.present) header_->size.fetch_add(1);
   if (reusesTombstone) header_->tombstones.fetch_sub(1);
   publish(key);
@@ -268,16 +268,16 @@ void TableWriterCore::removeAt(U32 index) {
   const U32 array = header_->activeArray();
   const auto* slot = reinterpret_cast<const U8*>(header_->slot(array, index));
   const void* key = slot + header_->f.keyOffset();
-  if (header_->slot(array, (index + 1) & mask)->state() != kEmpty) {
-    writeSlot(index, kTombstone, key, nullptr);
+  if (header_->slot(array, (index + 1) & mask)->state() != slotEmpty) {
+    writeSlot(index, slotTombstone, key, nullptr);
     header_->tombstones.fetch_add(1);
     return;
   }
-  writeSlot(index, kEmpty, key, nullptr);
-  for (U32 before = (index - 1) & mask; header_->slot(array, before)->state() == kTombstone;
+  writeSlot(index, slotEmpty, key, nullptr);
+  for (U32 before = (index - 1) & mask; header_->slot(array, before)->state() == slotTombstone;
        before = (before - 1) & mask) {
     const auto* dead = reinterpret_cast<const U8*>(header_->slot(array, before));
-    writeSlot(before, kEmpty, dead + header_->f.keyOffset(), nullptr);
+    writeSlot(before, slotEmpty, dead + header_->f.keyOffset(), nullptr);
     header_->tombstones.fetch_sub(1);
   }
 }
@@ -309,9 +309,9 @@ void TableWriterCore::rebuild() {
   }
   for (U32 index = 0; index < header_->f.slotCount; ++index) {
     const auto* source = reinterpret_cast<const U8*>(header_->slot(from, index));
-    if (reinterpret_cast<const SlotHead*>(source)->state() != kLive) continue;
+    if (reinterpret_cast<const SlotHead*>(source)->state() != slotLive) continue;
     U32 target = header_->f.home(source + header_->f.keyOffset());
-    while (header_->slot(to, target)->state() != kEmpty) target = (target + 1) & mask;
+    while (header_->slot(to, target)->state() != slotEmpty) target = (target + 1) & mask;
     SlotHead* head = header_->slot(to, target);
     const U32 done = beginWrite(head->version);
     std::memcpy(reinterpret_cast<U8*>(head) + sizeof(SlotHead::version),
@@ -337,7 +337,7 @@ void TableWriterCore::forEach(
   const U32 array = header_->activeArray();
   for (U32 index = 0; index < header_->f.slotCount; ++index) {
     const auto* slot = reinterpret_cast<const U8*>(header_->slot(array, index));
-    if (reinterpret_cast<const SlotHead*>(slot)->state() != kLive) continue;
+    if (reinterpret_cast<const SlotHead*>(slot)->state() != slotLive) continue;
     fn(slot + header_->f.keyOffset(), slot + header_->f.valueOffset());
   }
 }
@@ -352,7 +352,7 @@ TableReaderCore::TableReaderCore(const std::string& name, const TableShape& shap
     : name_(name), shape_(shape) {
   mapping_.openReadOnly(tableObject(name));
   const TableFixed expected = expectedHeader(shape);
-  mapping_.lockWait(kInitLockByte, false);
+  mapping_.lockWait(initLockByte, false);
   std::string why;
   if (mapping_.objectSize() < expected.totalSize()) {
     why = "segment smaller than its layout";
@@ -369,7 +369,7 @@ TableReaderCore::TableReaderCore(const std::string& name, const TableShape& shap
       slots_ = SlotArrays(*header);
     }
   }
-  mapping_.unlock(kInitLockByte);
+  mapping_.unlock(initLockByte);
   if (!why.empty()) reportCorruption(name, why);
 }
 
@@ -400,16 +400,16 @@ void TableReaderCore::forEach(
   const TableHeader& header = *header_;
   std::vector<U8> image(header.f.slotSize);
   std::vector<U8> entries;  // complete slot images of the walk, delivered once it held
-  for (U32 attempt = 0; attempt < kMaxAttempts; ++attempt) {
+  for (U32 attempt = 0; attempt < maxReadAttempts; ++attempt) {
     const U32 generation = header.active.load(std::memory_order_acquire);
     entries.clear();
     for (U32 index = 0; index < header.f.slotCount; ++index) {
       U32 tries = 0;
-      while (!readSlot(header, generation & 1, index, image.data()) && ++tries < kMaxAttempts) {
+      while (!readSlot(header, generation & 1, index, image.data()) && ++tries < maxReadAttempts) {
       }
       const auto* head = reinterpret_cast<const SlotHead*>(image.data());
-      if (tries == kMaxAttempts || head->state() != kLive) continue;
-      if (head->sealed != seal(kLive, header.f.checksum(image.data()))) {
+      if (tries == maxReadAttempts || head->state() != slotLive) continue;
+      if (head->sealed != seal(slotLive, header.f.checksum(image.data()))) {
         reportCorruption(name_, "entry in slot " + std::to_string(index) + " fails its check");
         continue;
       }
@@ -463,21 +463,21 @@ TableInfo tableInfo(const std::string& name) {
   if (info.bytes < sizeof(TableHeader)) return info;
   const auto* header = static_cast<const TableHeader*>(mapping.map(sizeof(TableHeader)));
   const TableFixed& fixed = header->f;
-  info.valid = fixed.magic == kMagic && fixed.layoutVersion == kLayoutVersion &&
+  info.valid = fixed.magic == tableMagic && fixed.layoutVersion == tableLayoutVersion &&
                fixed.headerCheck == fixed.fixedFieldsCheck();
   if (!info.valid) return info;
   info.keySize = fixed.keySize;
   info.valueSize = fixed.valueSize;
   info.capacity = fixed.capacity;
   info.size = header->size.load();
-  if (mapping.lockedExclusively(kWriterLockByte)) info.writerPid = header->writerPid;
+  if (mapping.lockedExclusively(writerLockByte)) info.writerPid = header->writerPid;
   return info;
 }
 
 bool removeTable(const std::string& name) {
   const bool removed = shm_unlink(("/" + tableObject(name)).c_str()) == 0;
   shm_unlink(("/" + registryObject(name)).c_str());
-  for (U32 slot = 0; slot < kMaxWatchers; ++slot) unlink(wakeSocketPath(name, slot).c_str());
+  for (U32 slot = 0; slot < maxWatchers; ++slot) unlink(wakeSocketPath(name, slot).c_str());
   return removed;
 }
 

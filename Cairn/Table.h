@@ -148,12 +148,12 @@ class TableReaderCore {
 };
 
 template <class T>
-constexpr bool kStorable =
+constexpr bool storable =
     std::is_trivially_copyable_v<T>&& std::has_unique_object_representations_v<T>;
 
 template <class Key, class Value>
 TableShape tableShape(U32 capacity) {
-  static_assert(kStorable<Key> && kStorable<Value>,
+  static_assert(storable<Key> && storable<Value>,
                 "table keys and values are trivially copyable with no padding bytes");
   return TableShape{sizeof(Key), sizeof(Value), capacity};
 }

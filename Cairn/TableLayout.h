@@ -37,11 +37,11 @@ using Mox::U32;
 using Mox::U64;
 using Mox::U8;
 
-constexpr U64 kMagic = 0x314e524941434b4bULL;  // "KKCAIRN1"
-constexpr U32 kLayoutVersion = 2;
-constexpr U32 kMaxAttempts = 1u << 20;
+constexpr U64 tableMagic = 0x314e524941434b4bULL;  // "KKCAIRN1"
+constexpr U32 tableLayoutVersion = 2;
+constexpr U32 maxReadAttempts = 1u << 20;
 
-enum SlotState : U32 { kEmpty = 0, kLive = 1, kTombstone = 2 };
+enum SlotState : U32 { slotEmpty = 0, slotLive = 1, slotTombstone = 2 };
 
 constexpr U64 align(U64 value, U64 to) {
   return (value + to - 1) / to * to;
@@ -152,13 +152,13 @@ struct SlotHead {
   U32 sealed;                // the checksum's upper 30 bits, the state in the low 2 bits
   U32 state() const { return sealed & 3; }
 };
-constexpr U32 kSlotHeadSize = sizeof(SlotHead);
-static_assert(kSlotHeadSize == 8);
+constexpr U32 slotHeadSize = sizeof(SlotHead);
+static_assert(slotHeadSize == 8);
 
 // A 64-byte cache line holds a whole number of slots of up to 64 bytes (arrays are
 // 64-aligned), so a look-up's first probe touches one line.
 constexpr U32 slotSizeFor(U64 keySize, U64 valueSize) {
-  const U64 size = align(kSlotHeadSize + align(keySize, 8) + valueSize, 8);
+  const U64 size = align(slotHeadSize + align(keySize, 8) + valueSize, 8);
   return static_cast<U32>(size <= 16 ? size : size <= 32 ? 32 : size <= 64 ? 64 : size);
 }
 
@@ -195,8 +195,8 @@ struct TableFixed {
   U32 headerCheck;
   U32 reserved;
 
-  U32 keyOffset() const { return kSlotHeadSize; }
-  U32 valueOffset() const { return kSlotHeadSize + static_cast<U32>(align(keySize, 8)); }
+  U32 keyOffset() const { return slotHeadSize; }
+  U32 valueOffset() const { return slotHeadSize + static_cast<U32>(align(keySize, 8)); }
   U64 journalOffset() const { return 128; }
   U64 ringOffset() const { return journalOffset() + align(sizeof(JournalHead) + slotSize, 64); }
   U64 arrayOffset(U32 array) const {
@@ -284,14 +284,14 @@ Probe examineJournaled(const TableHeader& header, U32 array, U32 index, const vo
                                             const std::atomic<U32>* version, U32 expected) {
   const SlotHead* head = reinterpret_cast<const SlotHead*>(slot);
   const U32 state = head->state();
-  if (state == kEmpty) return Probe::absent;
-  if (state != kLive || !sameBytes(slot + kSlotHeadSize, key, keySize)) return Probe::next;
-  copyBytes(value, slot + kSlotHeadSize + align(keySize, 8), valueSize);
+  if (state == slotEmpty) return Probe::absent;
+  if (state != slotLive || !sameBytes(slot + slotHeadSize, key, keySize)) return Probe::next;
+  copyBytes(value, slot + slotHeadSize + align(keySize, 8), valueSize);
   const U32 sealed = head->sealed;
   std::atomic_thread_fence(std::memory_order_acquire);
   if (version && version->load(std::memory_order_relaxed) != expected) return Probe::retry;
-  const U32 sum = entryChecksum(kLive, key, keySize, value, valueSize);
-  return sealed == seal(kLive, sum) ? Probe::found : Probe::damaged;
+  const U32 sum = entryChecksum(slotLive, key, keySize, value, valueSize);
+  return sealed == seal(slotLive, sum) ? Probe::found : Probe::damaged;
 }
 
 // Out of line, so the look-up inlined into readers stays small.
@@ -322,7 +322,7 @@ struct SlotArrays {
   const U32 slotSize = slotSizeFor(keySize, valueSize);
   const U32 home = homeSlot(key, keySize, table.shift);
   U64 examined = 0;
-  for (U32 attempt = 0; attempt < kMaxAttempts; ++attempt) {
+  for (U32 attempt = 0; attempt < maxReadAttempts; ++attempt) {
     const U32 generation = header.active.load(std::memory_order_acquire);
     const U8* slots = table.arrays[generation & 1];
     Probe probe = Probe::absent;

@@ -21,9 +21,9 @@ struct WakeRegistry {
   };
   std::atomic<U32> generation;  // bumped whenever a slot is claimed or freed
   U32 reserved;
-  Slot slots[kMaxWatchers];
+  Slot slots[maxWatchers];
 };
-static_assert(sizeof(WakeRegistry) == 8 + 8 * kMaxWatchers);
+static_assert(sizeof(WakeRegistry) == 8 + 8 * maxWatchers);
 static_assert(std::atomic<U32>::is_always_lock_free);
 
 namespace {
@@ -73,7 +73,7 @@ WakeSender::~WakeSender() {
 void WakeSender::refresh() {
   generation_ = registry_->generation.load(std::memory_order_acquire);
   targets_.clear();
-  for (U32 slot = 0; slot < kMaxWatchers; ++slot) {
+  for (U32 slot = 0; slot < maxWatchers; ++slot) {
     if (registry_->slots[slot].pid.load(std::memory_order_relaxed) == 0) continue;
     targets_.push_back({slot, socketAddress(wakeSocketPath(table_, slot))});
   }
@@ -95,12 +95,12 @@ void WakeSender::wake() {
 WakeReceiver::WakeReceiver(const std::string& table, const Access& access) {
   registry_ = mapRegistry(mapping_, table, access);
   const U32 self = static_cast<U32>(getpid());
-  for (slot_ = 0; slot_ < kMaxWatchers; ++slot_) {
+  for (slot_ = 0; slot_ < maxWatchers; ++slot_) {
     std::atomic<U32>& pid = registry_->slots[slot_].pid;
     U32 holder = pid.load();
     if ((holder == 0 || processGone(holder)) && pid.compare_exchange_strong(holder, self)) break;
   }
-  if (slot_ == kMaxWatchers) throw Mox::Exception("table " + table + ": too many watching readers");
+  if (slot_ == maxWatchers) throw Mox::Exception("table " + table + ": too many watching readers");
   path_ = wakeSocketPath(table, slot_);
   const sockaddr_un address = socketAddress(path_);
   try {
@@ -109,8 +109,8 @@ WakeReceiver::WakeReceiver(const std::string& table, const Access& access) {
     if (bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
       throw Mox::ErrnoException(errno, "bind(" + path_ + ")");
     }
-    const mode_t mode = access.group == Access::kNoGroup ? 0600 : 0660;
-    if (access.group != Access::kNoGroup && chown(path_.c_str(), -1, access.group) != 0) {
+    const mode_t mode = access.group == Access::noGroup ? 0600 : 0660;
+    if (access.group != Access::noGroup && chown(path_.c_str(), -1, access.group) != 0) {
       throw Mox::ErrnoException(errno, "chown(" + path_ + ")");
     }
     if (chmod(path_.c_str(), mode) != 0) throw Mox::ErrnoException(errno, "chmod(" + path_ + ")");

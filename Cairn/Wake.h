@@ -70,6 +70,6 @@ class WakeReceiver {
 
 std::string registryObject(const std::string& table);
 std::string wakeSocketPath(const std::string& table, U32 slot);
-constexpr U32 kMaxWatchers = 64;
+constexpr U32 maxWatchers = 64;
 
 }  // namespace Cairn

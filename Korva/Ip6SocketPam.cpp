@@ -9,7 +9,7 @@ namespace {
 Mox::TraceHandle trace("Ip6SocketPam");
 
 // Two messages keep their IPv4 wording: operators search logs for them as they are.
-constexpr IpOptionStep kReceiveSteps[] = {
+constexpr IpOptionStep receiveSteps[] = {
     {IpSocketOptions::ipPktInfo, IPPROTO_IPV6, IPV6_RECVPKTINFO, "setsockopt(IPV6_RECVPKTINFO)"},
     {IpSocketOptions::ipFreeBind, IPPROTO_IPV6, IPV6_FREEBIND, "setsockopt(IPV6_FREEBIND)"},
     {IpSocketOptions::ipMulticastLoop, IPPROTO_IPV6, IPV6_MULTICAST_LOOP,
@@ -23,17 +23,17 @@ constexpr IpOptionStep kReceiveSteps[] = {
     {IpSocketOptions::ipRouterAlert, IPPROTO_IPV6, IPV6_ROUTER_ALERT,
      "setsockopt(IPV6_ROUTER_ALERT)", false, -1},
 };
-constexpr int kHopLimitOptions[] = {IPV6_UNICAST_HOPS, IPV6_MULTICAST_HOPS};
+constexpr int hopLimitOptions[] = {IPV6_UNICAST_HOPS, IPV6_MULTICAST_HOPS};
 
 const IpSocketFamily ipv6Family{
     AF_INET6,
     "Ip6SocketPam",
     trace,
-    kReceiveSteps,
+    receiveSteps,
     {IpSocketOptions::ipTransparent, IPPROTO_IPV6, IPV6_TRANSPARENT,
      "setsockopt(IPV6_TRANSPARENT)"},
     {IpSocketOptions::none, IPPROTO_IPV6, IPV6_TCLASS, "setsockopt(IPV6_TCLASS)"},
-    kHopLimitOptions,
+    hopLimitOptions,
     "setsockopt(IPV6_UNICAST/MULTICAST_HOP)",
 };
 

@@ -10,7 +10,7 @@ namespace {
 
 Mox::TraceHandle trace("IpSocketPam");
 
-constexpr IpOptionStep kReceiveSteps[] = {
+constexpr IpOptionStep receiveSteps[] = {
     {IpSocketOptions::ipPktInfo, IPPROTO_IP, IP_PKTINFO, "setsockopt(IP_PKTINFO)"},
     {IpSocketOptions::ipFreeBind, IPPROTO_IP, IP_FREEBIND, "setsockopt(IP_FREEBIND)"},
     {IpSocketOptions::ipMulticastLoop, IPPROTO_IP, IP_MULTICAST_LOOP,
@@ -22,22 +22,22 @@ constexpr IpOptionStep kReceiveSteps[] = {
     {IpSocketOptions::ipRecvTTL, IPPROTO_IP, IP_RECVTTL, "setsockopt(IP_RECVTTL)"},
     {IpSocketOptions::ipRouterAlert, IPPROTO_IP, IP_ROUTER_ALERT, "setsockopt(IP_ROUTER_ALERT)"},
 };
-constexpr int kTtlOptions[] = {IP_TTL};
+constexpr int ttlOptions[] = {IP_TTL};
 
 const IpSocketFamily ipv4Family{
     AF_INET,
     "IpSocketPam",
     trace,
-    kReceiveSteps,
+    receiveSteps,
     {IpSocketOptions::ipTransparent, IPPROTO_IP, IP_TRANSPARENT, "setsockopt(IP_TRANSPARENT)"},
     {IpSocketOptions::none, IPPROTO_IP, IP_TOS, "setsockopt(IP_TOS)"},
-    kTtlOptions,
+    ttlOptions,
     "setsockopt(IP_TTL)",
 };
 
 // Router Alert (RFC 2113) as the socket takes it: type and length; the kernel pads the
 // option to four bytes with zeros, its value 0.
-constexpr unsigned char kRouterAlert[] = {0x94, 0x04};
+constexpr unsigned char routerAlertOption[] = {0x94, 0x04};
 
 }  // namespace
 
@@ -74,8 +74,8 @@ void IpSocketPam::doConfigureHeader(int fd, bool live) {
 
 void IpSocketPam::setIpPktOptions(int fd) {
   const bool routerAlert = ipPktOption(IpPktOption::ipPktRouterAlert);
-  if (setsockopt(fd, IPPROTO_IP, IP_OPTIONS, kRouterAlert, routerAlert ? sizeof kRouterAlert : 0) !=
-      0) {
+  if (setsockopt(fd, IPPROTO_IP, IP_OPTIONS, routerAlertOption,
+                 routerAlert ? sizeof routerAlertOption : 0) != 0) {
     MOX_TRACE(trace, 0, name() << ": Error while setting socket option " << errno);
   }
 }

@@ -12,7 +12,7 @@ U16 SimpleTcpPduPam::getPduSize() {
   MOX_ASSERT(pkt);
   // Received PDUs sit in one piece of the shared buffer: its data is all of it.
   const Pkt::SharedBuffer& buffer = *pkt->sharedBuffer();
-  if (buffer.dataBytes() < kHeaderBytes) return kHeaderBytes;
+  if (buffer.dataBytes() < headerBytes) return headerBytes;
   const U8* header = buffer.data();
   return U16(header[2] << 8 | header[3]);
 }

@@ -10,7 +10,7 @@ namespace Korva {
 
 class SimpleTcpPduPam : public TcpPduPam {
  public:
-  static constexpr U16 kHeaderBytes = 20;
+  static constexpr U16 headerBytes = 20;
 
   // 20 while the header is incomplete, then the header's length field.
   U16 getPduSize() override;

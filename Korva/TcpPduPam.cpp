@@ -23,7 +23,7 @@ using Result = TcpPduPamReadReturn::Result;
 
 // PDUs a level-triggered reader delivers per readiness report before it lets the loop
 // serve others; an edge-triggered one reads until the socket is empty, as it must.
-constexpr int kPdusPerTurn = 64;
+constexpr int pdusPerTurn = 64;
 
 TcpPduPamReadReturn readResult(Result result) {
   TcpPduPamReadReturn read;
@@ -46,14 +46,14 @@ struct KeepaliveStep {
   const char* failure;
 };
 
-constexpr KeepaliveStep kKeepalive{SOL_SOCKET, SO_KEEPALIVE,
-                                   "setsockopt() error while setting SO_KEEPALIVE: %s"};
-constexpr KeepaliveStep kKeepIdle{IPPROTO_TCP, TCP_KEEPIDLE,
-                                  "setsockopt() error while setting TCP_KEEPIDLE: %s"};
-constexpr KeepaliveStep kKeepInterval{IPPROTO_TCP, TCP_KEEPINTVL,
-                                      "setsockopt() error while setting TCP_KEEPINTVL: %s"};
-constexpr KeepaliveStep kKeepCount{IPPROTO_TCP, TCP_KEEPCNT,
-                                   "setsockopt() error while setting TCP_KEEPCNT: %s"};
+constexpr KeepaliveStep keepaliveStep{SOL_SOCKET, SO_KEEPALIVE,
+                                      "setsockopt() error while setting SO_KEEPALIVE: %s"};
+constexpr KeepaliveStep keepIdleStep{IPPROTO_TCP, TCP_KEEPIDLE,
+                                     "setsockopt() error while setting TCP_KEEPIDLE: %s"};
+constexpr KeepaliveStep keepIntervalStep{IPPROTO_TCP, TCP_KEEPINTVL,
+                                         "setsockopt() error while setting TCP_KEEPINTVL: %s"};
+constexpr KeepaliveStep keepCountStep{IPPROTO_TCP, TCP_KEEPCNT,
+                                      "setsockopt() error while setting TCP_KEEPCNT: %s"};
 
 size_t piecesBytes(const iovec* iov, size_t count) {
   size_t total = 0;
@@ -133,10 +133,10 @@ void TcpPduPam::handleKeepaliveOptions() {
   if (sd == -1) return;
   const TcpKeepaliveOptions& opts = keepaliveOpts();
   const bool on = opts.idleTime() != 0 && opts.probeInterval() != 0 && opts.probeCount() != 0;
-  const std::pair<KeepaliveStep, int> steps[] = {{kKeepalive, on ? 1 : 0},
-                                                 {kKeepIdle, int(opts.idleTime())},
-                                                 {kKeepInterval, int(opts.probeInterval())},
-                                                 {kKeepCount, int(opts.probeCount())}};
+  const std::pair<KeepaliveStep, int> steps[] = {{keepaliveStep, on ? 1 : 0},
+                                                 {keepIdleStep, int(opts.idleTime())},
+                                                 {keepIntervalStep, int(opts.probeInterval())},
+                                                 {keepCountStep, int(opts.probeCount())}};
   for (const auto& [step, value] : std::span(steps, on ? 4 : 1)) {
     if (setsockopt(sd, step.level, step.option, &value, sizeof value) == 0) continue;
     char reason[160];
@@ -244,7 +244,7 @@ void TcpPduPam::readNextPdu() {
       if (fd()->levelTriggered()) fd()->notifyOnReadableIs(false);
       break;
     }
-    if (fd()->levelTriggered() && ++delivered == kPdusPerTurn) break;
+    if (fd()->levelTriggered() && ++delivered == pdusPerTurn) break;
   }
   reading_ = false;
 }

@@ -25,8 +25,8 @@
 namespace KorvaTool {
 
 std::string framedPdu(const std::string& body) {
-  const size_t total = Korva::SimpleTcpPduPam::kHeaderBytes + body.size();
-  std::string pdu(Korva::SimpleTcpPduPam::kHeaderBytes, '\0');
+  const size_t total = Korva::SimpleTcpPduPam::headerBytes + body.size();
+  std::string pdu(Korva::SimpleTcpPduPam::headerBytes, '\0');
   pdu[2] = char(total >> 8);
   pdu[3] = char(total & 0xff);
   return pdu + body;
@@ -46,8 +46,8 @@ std::string describePdu(const Korva::Pkt& pdu) {
     std::snprintf(hex, sizeof hex, " %02x", unsigned(Mox::U8(bytes[i])));
     text += hex;
   }
-  std::string body = bytes.size() > Korva::SimpleTcpPduPam::kHeaderBytes
-                         ? bytes.substr(Korva::SimpleTcpPduPam::kHeaderBytes)
+  std::string body = bytes.size() > Korva::SimpleTcpPduPam::headerBytes
+                         ? bytes.substr(Korva::SimpleTcpPduPam::headerBytes)
                          : "";
   for (char& c : body) {
     if (c < 0x20 || c > 0x7e) c = '.';
@@ -62,7 +62,7 @@ using Korva::IpGenAddr;
 using Korva::Port;
 using Mox::Ptr;
 
-constexpr Mox::U16 kMaxBody = 9600 - Korva::SimpleTcpPduPam::kHeaderBytes;
+constexpr Mox::U16 maxBody = 9600 - Korva::SimpleTcpPduPam::headerBytes;
 
 volatile sig_atomic_t stopRequested = 0;
 
@@ -198,8 +198,8 @@ class LineClient : public Korva::TcpClientStatus::Notifiee, public Korva::TcpPdu
     done_ = true;
   }
   void lineIs(const std::string& line) {
-    if (line.size() > kMaxBody) {
-      std::printf("line of %zu bytes skipped: a PDU holds at most %u\n", line.size(), kMaxBody);
+    if (line.size() > maxBody) {
+      std::printf("line of %zu bytes skipped: a PDU holds at most %u\n", line.size(), maxBody);
       return;
     }
     pending_.push_back(line);
