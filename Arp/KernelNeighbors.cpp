@@ -68,6 +68,53 @@ const T* body(const nlmsghdr& message, const U8** attributes, size_t* length) {
 
 }  // namespace
 
+size_t forEachNetlinkMessage(const nlmsghdr* data, size_t length,
+                             const std::function<void(const nlmsghdr&)>& fn) {
+  size_t left = length;
+  for (const nlmsghdr* message = data; NLMSG_OK(message, left);) {
+    fn(*message);
+    // A last message without its padding ends the datagram (NLMSG_NEXT would step past it).
+    const size_t step = NLMSG_ALIGN(message->nlmsg_len);
+    if (step >= left) return 0;
+    left -= step;
+    message = reinterpret_cast<const nlmsghdr*>(reinterpret_cast<const U8*>(message) + step);
+  }
+  return left;
+}
+
+std::optional<NeighborMessage> parseNeighbor(const nlmsghdr& message) {
+  const U8* attributes;
+  size_t length;
+  const auto* header = body<ndmsg>(message, &attributes, &length);
+  if (!header) return std::nullopt;
+  NeighborMessage neighbor;
+  neighbor.type = message.nlmsg_type;
+  neighbor.family = header->ndm_family;
+  neighbor.ifindex = header->ndm_ifindex;
+  neighbor.state = header->ndm_state;
+  neighbor.flags = header->ndm_flags;
+  if (neighbor.family != AF_INET && neighbor.family != AF_INET6) return neighbor;
+  const size_t addrSize = neighbor.family == AF_INET ? 4 : 16;
+  forEachAttribute(attributes, length, [&](U16 type, const U8* payload, size_t size) {
+    if (type == NDA_DST && size == addrSize) {
+      if (addrSize == 4) {
+        U32 word;
+        std::memcpy(&word, payload, 4);
+        neighbor.addr = Korva::IpGenAddr(Korva::IpAddr(word));
+      } else {
+        U32 words[4];
+        std::memcpy(words, payload, 16);
+        neighbor.addr = Korva::IpGenAddr(Korva::Ip6Addr::fromWords(
+            ntohl(words[0]), ntohl(words[1]), ntohl(words[2]), ntohl(words[3])));
+      }
+    }
+    if (type == NDA_LLADDR && size == Korva::EthAddr::byteCount) {
+      neighbor.ethAddr = Korva::EthAddr::fromBuffer(payload);
+    }
+  });
+  return neighbor;
+}
+
 class KernelNeighbors::Reactor : public Mox::FileDescriptor::Notifiee {
  public:
   explicit Reactor(KernelNeighbors& publisher) : publisher_(publisher) {}
@@ -142,12 +189,10 @@ void KernelNeighbors::handleDatagram(const void* data, size_t length) {
     if (length > buffer_.size() * sizeof(nlmsghdr)) return static_cast<void>(++malformed_);
     data = std::memcpy(buffer_.data(), data, length);
   }
-  size_t left = length;
-  for (auto* message = static_cast<const nlmsghdr*>(data); NLMSG_OK(message, left);
-       message = NLMSG_NEXT(message, left)) {
-    handle(*message);
+  const auto* messages = static_cast<const nlmsghdr*>(data);
+  if (forEachNetlinkMessage(messages, length, [&](const nlmsghdr& message) { handle(message); })) {
+    ++malformed_;
   }
-  if (left) ++malformed_;
 }
 
 void KernelNeighbors::handle(const nlmsghdr& message) {
@@ -219,43 +264,19 @@ void KernelNeighbors::handleLink(const nlmsghdr& message) {
 }
 
 void KernelNeighbors::handleNeighbor(const nlmsghdr& message) {
-  const U8* attributes;
-  size_t length;
-  const auto* neighbor = body<ndmsg>(message, &attributes, &length);
+  const std::optional<NeighborMessage> neighbor = parseNeighbor(message);
   if (!neighbor) return static_cast<void>(++malformed_);
-  if (neighbor->ndm_family != AF_INET && neighbor->ndm_family != AF_INET6) return;
-  if (neighbor->ndm_flags & NTF_PROXY) return;
-  const size_t addrSize = neighbor->ndm_family == AF_INET ? 4 : 16;
-  Korva::IpGenAddr addr;
-  bool hasAddr = false, hasEth = false;
-  Korva::EthAddr ethAddr;
-  forEachAttribute(attributes, length, [&](U16 type, const U8* payload, size_t size) {
-    if (type == NDA_DST && size == addrSize) {
-      hasAddr = true;
-      if (addrSize == 4) {
-        U32 word;
-        std::memcpy(&word, payload, 4);
-        addr = Korva::IpGenAddr(Korva::IpAddr(word));
-      } else {
-        U32 words[4];
-        std::memcpy(words, payload, 16);
-        addr = Korva::IpGenAddr(Korva::Ip6Addr::fromWords(ntohl(words[0]), ntohl(words[1]),
-                                                          ntohl(words[2]), ntohl(words[3])));
-      }
-    }
-    if (type == NDA_LLADDR && size == Korva::EthAddr::byteCount) {
-      hasEth = true;
-      ethAddr = Korva::EthAddr::fromBuffer(payload);
-    }
-  });
-  if (!hasAddr) return static_cast<void>(++malformed_);
+  if (neighbor->family != AF_INET && neighbor->family != AF_INET6) return;
+  if (neighbor->flags & NTF_PROXY) return;
+  if (!neighbor->addr) return static_cast<void>(++malformed_);
+  const Korva::IpGenAddr& addr = *neighbor->addr;
   if (addr.isMulticast() || addr.isUnspecified()) return;
-  const Neighbor key{neighbor->ndm_ifindex, addr};
+  const Neighbor key{neighbor->ifindex, addr};
   // NUD_NONE is no bit but the state without any.
   const bool unusable =
-      neighbor->ndm_state == NUD_NONE || (neighbor->ndm_state & (NUD_INCOMPLETE | NUD_FAILED));
-  if (message.nlmsg_type == RTM_DELNEIGH || !hasEth || unusable) return withdraw(key);
-  publish(key, ethAddr, neighbor->ndm_state & NUD_PERMANENT);
+      neighbor->state == NUD_NONE || (neighbor->state & (NUD_INCOMPLETE | NUD_FAILED));
+  if (neighbor->type == RTM_DELNEIGH || !neighbor->ethAddr || unusable) return withdraw(key);
+  publish(key, *neighbor->ethAddr, neighbor->state & NUD_PERMANENT);
 }
 
 bool KernelNeighbors::keyOf(int ifindex, const Korva::IpGenAddr& addr, Table::ArpKey* key) {

@@ -20,8 +20,10 @@
 
 #include <linux/netlink.h>
 
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -29,6 +31,25 @@
 #include <vector>
 
 namespace Arp {
+
+// One neighbour message (RTM_NEWNEIGH or RTM_DELNEIGH) as the kernel's bytes hold it.
+struct NeighborMessage {
+  Mox::U16 type = 0;
+  Mox::U8 family = 0;
+  int ifindex = 0;
+  Mox::U16 state = 0;
+  Mox::U8 flags = 0;
+  // Only for IPv4 and IPv6, from a destination attribute of the family's size.
+  std::optional<Korva::IpGenAddr> addr;
+  std::optional<Korva::EthAddr> ethAddr;
+};
+
+// Calls fn for each whole message in one datagram (`data` aligned for its headers) and
+// returns how many bytes at the end form no whole message.
+size_t forEachNetlinkMessage(const nlmsghdr* data, size_t length,
+                             const std::function<void(const nlmsghdr&)>& fn);
+// Decodes a neighbour message; none when it is too short for its fixed header.
+std::optional<NeighborMessage> parseNeighbor(const nlmsghdr& message);
 
 class KernelNeighbors {
  public:

@@ -162,7 +162,10 @@ void IpPam::attachFilter(int fd) {
   }
   std::vector<sock_filter> program;
   program.reserve(rxFilterSize());
-  for (const auto& [index, insn] : rxFilterColl()) {
+  for (const auto& entry : rxFilterColl()) {
+    // Named copies: the trace's lambda cannot capture structured bindings under clang 14.
+    const auto index = entry.first;
+    const auto& insn = entry.second;
     MOX_TRACE(f.trace, 3,
               name() << ": Filter[" << unsigned(index) << "] is " << insn.code()
                      << " jt: " << unsigned(insn.jt()) << " jf: " << unsigned(insn.jf())

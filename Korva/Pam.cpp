@@ -8,10 +8,7 @@ void Pam::doGetRxPkt() {
 }
 
 Mox::Ptr<Pkt> Pam::rxPkt() {
-  doGetRxPkt();
-  Mox::Ptr<Pkt> pkt = rxPktHolder();
-  rxPktHolderIs(nullptr);
-  return pkt;
+  return rxPktOf(*this);
 }
 
 Pam::RxMessage::RxMessage(U32 bytes) : capacity(bytes) {

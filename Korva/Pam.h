@@ -20,6 +20,15 @@ class Pam : public PamBase {
  protected:
   explicit Pam(const Mox::Name& name) : PamBase(name) {}
 
+  // rxPkt() on `pam`: a final class passes itself, so that the calls bind at compile time.
+  template <class P>
+  static Mox::Ptr<Pkt> rxPktOf(P& pam) {
+    pam.doGetRxPkt();
+    Mox::Ptr<Pkt> pkt = pam.rxPktHolder();
+    pam.rxPktHolderIs(nullptr);
+    return pkt;
+  }
+
   // Reads at most one packet into rxPktHolder; every concrete Pam overrides it (this one
   // aborts).
   virtual void doGetRxPkt();

@@ -9,21 +9,15 @@ namespace {
 Mox::TraceHandle trace("PamConnector");
 
 // Delivery waits one tick of 1/1024 s, so a burst of sends is announced together.
-constexpr double kDeliveryDelay = 0.0009765625;
+constexpr double deliveryDelay = 0.0009765625;
 
 }  // namespace
 
 PamConnectorPam::PamConnectorPam(const Mox::Name& name, PamConnector* connector)
     : PamConnectorPamBase(name), connector_(connector) {}
 
-void PamConnectorPam::doGetRxPkt() {
-  Mox::Ptr<Pkt> pkt = inputQueueDeq();
-  if (!pkt) return;
-  if (connector_ && connector_->vlanOffloadEn()) maybeOffloadAnyVlanTag(*pkt);
-  rxPktHolderIs(pkt);
-}
-
-void PamConnectorPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
+// Flattened: the generated accessors it calls once per packet inline into one body.
+[[gnu::flatten]] void PamConnectorPam::txPktIs(const Mox::Ptr<Pkt>& pkt) {
   if (!pkt || !otherEnd_ || !connector_) return;
   PamConnectorPam& receiver = *otherEnd_;
   if (receiver.inputQueueSize() > receiver.maxBuffer()) {
@@ -92,7 +86,7 @@ void PamConnector::pamDelAll() {
 
 void PamConnector::doScheduleEvent() {
   MOX_ASSERT(initialized());
-  if (!clock_->armed()) clock_->minimumTimeIs(Mox::now() + kDeliveryDelay);
+  if (!clock_->armed()) clock_->minimumTimeIs(Mox::now() + deliveryDelay);
 }
 
 void PamConnector::handleClock() {

@@ -21,9 +21,14 @@ namespace Korva {
 
 class PamConnector;
 
-class PamConnectorPam : public PamConnectorPamBase {
+// Final: the connector makes its ends itself, and a final class lets each packet's
+// accessor calls bind, and inline, at compile time.
+class PamConnectorPam final : public PamConnectorPamBase {
  public:
   PamConnectorPam(const Mox::Name& name, PamConnector* connector);
+
+  // Pam::rxPkt(), bound at compile time.
+  Mox::Ptr<Pkt> rxPkt() { return rxPktOf(*this); }
 
   PamConnector* connector() const noexcept { return connector_; }
   void connectorIs(PamConnector* connector) noexcept { connector_ = connector; }
@@ -34,6 +39,8 @@ class PamConnectorPam : public PamConnectorPamBase {
   void txPktIs(const Mox::Ptr<Pkt>& pkt) override;
 
  protected:
+  // Pam::rxPktOf calls it.
+  friend class Pam;
   // Takes the oldest queued packet, its VLAN tag offloaded when the connector says so.
   void doGetRxPkt() override;
 
@@ -92,5 +99,13 @@ class PamConnector : public Mox::PtrInterface {
 
 Mox::Ptr<PamConnector> PamConnectorIs(Mox::Ptr<Mox::ActivityConfig> activity,
                                       Mox::Ptr<Mox::Clock> clock);
+
+// Here rather than in the source, so that a reader's rxPkt() inlines the whole receive.
+inline void PamConnectorPam::doGetRxPkt() {
+  Mox::Ptr<Pkt> pkt = inputQueueDeq();
+  if (!pkt) return;
+  if (connector_ && connector_->vlanOffloadEn()) maybeOffloadAnyVlanTag(*pkt);
+  rxPktHolderIs(pkt);
+}
 
 }  // namespace Korva

@@ -14,7 +14,7 @@ namespace {
 Mox::TraceHandle trace("PamMuxDemux");
 
 // The most one source is read in one go before the loop gets a turn.
-constexpr double kBurstBudgetSeconds = 1.0;
+constexpr double burstBudgetSeconds = 1.0;
 
 // Copies the packet's bytes into one buffer of its own, keeping its separate VLAN tag.
 void flatten(Pkt& pkt) {
@@ -92,7 +92,7 @@ void PamMuxDemux::MoxManyPamSm::handleReadableMany() {
   MOX_ASSERT(me->onePam());
   Pam& source = *pam();
   Pam& dest = *me->onePam();
-  const Mox::TimeBudget budget(kBurstBudgetSeconds);
+  const Mox::TimeBudget budget(burstBudgetSeconds);
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(
         trace, 8,
@@ -155,7 +155,7 @@ bool PamMuxDemux::filterManyPamInboundPacket(const Mox::Ptr<Pkt>&, U32) {
 
 U32 PamMuxDemux::decapsulate(const Mox::Ptr<Pkt>&) {
   MOX_ASSERT_TEXT(false, "0 && \"Need to implement decapsulate in a derived class\"");
-  return kInvalidKey;
+  return invalidKey;
 }
 
 void PamMuxDemux::manyPamIs(U32 key, const Mox::Ptr<Pam>& pam) {
@@ -190,7 +190,7 @@ void PamMuxDemux::pamDeferredEnq(U32 key) {
 }
 
 U32 PamMuxDemux::pamDeferredDeq() {
-  if (pamDeferred_.empty()) return kOnePamKey;
+  if (pamDeferred_.empty()) return onePamKey;
   const U32 key = pamDeferred_.front();
   pamDeferred_.pop_front();
   return key;
@@ -225,14 +225,14 @@ void PamMuxDemux::clockDel() {
 void PamMuxDemux::handleReadableOne() {
   if (mode_ == Mode::mux || !onePam_) return;
   Pam& source = *onePam_;
-  const Mox::TimeBudget budget(kBurstBudgetSeconds);
+  const Mox::TimeBudget budget(burstBudgetSeconds);
   while (Mox::Ptr<Pkt> pkt = source.rxPkt()) {
     MOX_TRACE(trace, 8, "Pkt from single source " << source.name() << ". Size: " << pkt->bytes());
     if (mode_ == Mode::disabled) {
       MOX_TRACE(trace, 7,
                 "Discarding Pkt from " << source.name() << ". Size: " << pkt->bytes()
                                        << " since mode is disabled.");
-    } else if (const U32 key = decapsulate(pkt); key == kInvalidKey) {
+    } else if (const U32 key = decapsulate(pkt); key == invalidKey) {
       MOX_TRACE(trace, 6, "Invalid packet");
     } else if (Pam* output = manyPamFind(key)) {
       MOX_TRACE(trace, 8,
@@ -243,7 +243,7 @@ void PamMuxDemux::handleReadableOne() {
     }
     if (budget.usedUp()) {
       MOX_TRACE(trace, 5, "Packet processing exceeds 1 second. Reschedule.");
-      defer(kOnePamKey);
+      defer(onePamKey);
       return;
     }
   }
@@ -262,7 +262,7 @@ void PamMuxDemux::handleTime() {
   MOX_TRACE(trace, 9, "void Korva::PamMuxDemux::handleTime()");
   clock_->minimumTimeIs(Mox::kNever);
   const U32 key = pamDeferredDeq();
-  if (key == kOnePamKey) {
+  if (key == onePamKey) {
     handleReadableOne();
   } else if (MoxManyPamSm* reactor = manyPamSm(key)) {
     reactor->handleReadableMany();
@@ -277,12 +277,12 @@ Mox::Ptr<PamMuxDemux> PamMuxDemuxIs(Mox::Ptr<Pam> onePam) {
 }
 
 void PamKeyMuxDemux::doEncapsulate(const Mox::Ptr<Pkt>& pkt, U32 key) {
-  if (pkt->privateHeadBytes() + kHeaderBytes > Pkt::privateHeadAreaBytes) {
+  if (pkt->privateHeadBytes() + headerBytes > Pkt::privateHeadAreaBytes) {
     // No room left in front: one flat copy makes room in the packet's own buffer.
     flatten(*pkt);
   }
-  U8* header = pkt->newPrivateHeadData(kHeaderBytes);
-  for (U32 i = 0; i < kHeaderBytes; ++i) header[i] = U8(key >> (8 * (kHeaderBytes - 1 - i)));
+  U8* header = pkt->newPrivateHeadData(headerBytes);
+  for (U32 i = 0; i < headerBytes; ++i) header[i] = U8(key >> (8 * (headerBytes - 1 - i)));
 }
 
 U32 PamKeyMuxDemux::decapsulate(const Mox::Ptr<Pkt>& pkt) {
@@ -290,14 +290,14 @@ U32 PamKeyMuxDemux::decapsulate(const Mox::Ptr<Pkt>& pkt) {
   // runs per packet). Encapsulated here and looped back in process, it sits in the private
   // head, perhaps only partly: the bytes are made flat first.
   if (pkt->privateHeadBytes() != 0 || pkt->iovecCount() == 0 ||
-      pkt->iovecs()->iov_len < kHeaderBytes) {
-    if (pkt->bytes() < kHeaderBytes) return kInvalidKey;
+      pkt->iovecs()->iov_len < headerBytes) {
+    if (pkt->bytes() < headerBytes) return invalidKey;
     flatten(*pkt);
   }
   const U8* header = static_cast<const U8*>(pkt->iovecs()->iov_base);
   U32 key = 0;
-  for (U32 i = 0; i < kHeaderBytes; ++i) key = (key << 8) | header[i];
-  pkt->delSharedHeadData(kHeaderBytes);
+  for (U32 i = 0; i < headerBytes; ++i) key = (key << 8) | header[i];
+  pkt->delSharedHeadData(headerBytes);
   return key;
 }
 

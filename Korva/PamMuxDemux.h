@@ -31,10 +31,10 @@ class PamMuxDemux : public Mox::PtrInterface {
  public:
   enum class Mode : U8 { disabled = 0, mux = 1, demux = 2, both = 3 };
   // The key of the one Pam in pamDeferred, and what decapsulate says of an invalid packet.
-  static constexpr U32 kOnePamKey = 0xFFFFFFFF;
-  static constexpr U32 kInvalidKey = 0xFFFFFFFF;
+  static constexpr U32 onePamKey = 0xFFFFFFFF;
+  static constexpr U32 invalidKey = 0xFFFFFFFF;
   // Twice the deferred queue's length must stay below this, unless changed.
-  static constexpr U32 kDefaultPamDeferredBound = 256;
+  static constexpr U32 defaultPamDeferredBound = 256;
 
   // Reads the one Pam whenever its readableCount changes.
   class MoxOnePam : public Pam::Notifiee {
@@ -93,7 +93,7 @@ class PamMuxDemux : public Mox::PtrInterface {
   // True drops the packet; the base keeps every packet.
   virtual bool filterManyPamInboundPacket(const Mox::Ptr<Pkt>& pkt, U32 key);
   // The key of a packet read from the one Pam (leaving what the key's Pam should get), or
-  // kInvalidKey. The base aborts: every multiplexer must say how keys are carried.
+  // invalidKey. The base aborts: every multiplexer must say how keys are carried.
   virtual U32 decapsulate(const Mox::Ptr<Pkt>& pkt);
 
   virtual void manyPamIs(U32 key, const Mox::Ptr<Pam>& pam);
@@ -101,7 +101,7 @@ class PamMuxDemux : public Mox::PtrInterface {
   virtual void manyPamSmIs(U32 key, const Mox::Ptr<Pam>& pam);
   virtual void manyPamSmDel(U32 key);
   virtual void pamDeferredEnq(U32 key);
-  // The oldest deferred key. An empty queue yields kOnePamKey: a clock turn with nothing
+  // The oldest deferred key. An empty queue yields onePamKey: a clock turn with nothing
   // deferred then only polls the one Pam, which finds nothing or reads what is waiting,
   // and never resumes a many-side Pam nobody deferred.
   virtual U32 pamDeferredDeq();
@@ -132,7 +132,7 @@ class PamMuxDemux : public Mox::PtrInterface {
   std::vector<std::pair<U32, Pam*>> manyPamIndex_;
   std::map<U32, std::unique_ptr<MoxManyPamSm>> manyPamSm_;
   std::deque<U32> pamDeferred_;
-  U32 pamDeferredBound_ = kDefaultPamDeferredBound;
+  U32 pamDeferredBound_ = defaultPamDeferredBound;
   Mode mode_ = Mode::disabled;
   Mox::Ptr<Mox::Clock> clock_;
   std::unique_ptr<MoxClock> clockReactor_;
@@ -143,11 +143,11 @@ Mox::Ptr<PamMuxDemux> PamMuxDemuxIs(Mox::Ptr<Pam> onePam);
 
 // A multiplexer that carries the key in a 4-byte header, big-endian, in front of each
 // packet on the one Pam. A packet shorter than the header, or whose header holds
-// kInvalidKey, is invalid. The header is added in the packet's private head area, so a
+// invalidKey, is invalid. The header is added in the packet's private head area, so a
 // buffer shared with other packets is never written.
 class PamKeyMuxDemux : public PamMuxDemux {
  public:
-  static constexpr U32 kHeaderBytes = 4;
+  static constexpr U32 headerBytes = 4;
 
   using PamMuxDemux::PamMuxDemux;
   void doEncapsulate(const Mox::Ptr<Pkt>& pkt, U32 key) override;

@@ -195,7 +195,10 @@ int TcpSmBase::applySocketOptions(int fd) {
     }
   }
   if (options.optionMd5Auth()) {
-    for (const auto& [prefix, md5AuthOptionKey] : config.md5AuthColl()) {
+    for (const auto& entry : config.md5AuthColl()) {
+      // Named copies: the trace's lambda cannot capture structured bindings under clang 14.
+      const auto& prefix = entry.first;
+      const auto& md5AuthOptionKey = entry.second;
       MOX_ASSERT_TEXT("" != md5AuthOptionKey, "\"\" != md5AuthOptionKey");
       MOX_TRACE(trace, 5, "Set Md5Auth: sd=" << fd << " key " << prefix);
       if (const int result = setSockMd5AuthOption(fd, prefix, md5AuthOptionKey)) {

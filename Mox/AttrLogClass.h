@@ -129,7 +129,8 @@ class AttrLogClass {
   void emit(const Entity& entity, U32 handle, U16 id, AttrLogReader& key, AttrLogSink& sink) const;
   // Applies one set, del or child record to `entity` through its ordinary mutators, so
   // that its notifiees hear it as a local change. Raises AttrLogError (or the value's
-  // own exception, for a value out of its bounds) on bytes that do not fit.
+  // own exception, for a value out of its bounds) on bytes that do not fit, the key and
+  // value having to be read whole; a record that raises leaves the entity as it was.
   void apply(Entity& entity, U16 id, AttrLogOp op, AttrLogReader& key, AttrLogReader& value,
              AttrLogMirror& mirror) const;
   // Calls fn(key, child) for each entry of collection `id` (child: nullptr but for children).
@@ -304,7 +305,9 @@ template <class V, class Set>
 void attrLogApplyScalar(AttrLogOp op, AttrLogReader& value, Set set) {
   if constexpr (AttrLoggable<V>) {
     if (op != AttrLogOp::set) throw AttrLogError("a scalar takes only set records");
-    set(attrLogGet<V>(value));
+    const V v = attrLogGet<V>(value);
+    value.finish();  // a record is applied whole or not at all
+    set(v);
   }
 }
 
@@ -312,10 +315,14 @@ template <class K, class V, class Set, class Del>
 void attrLogApplyEntry(AttrLogOp op, AttrLogReader& key, AttrLogReader& value, Set set, Del del) {
   if constexpr (AttrLoggable<K> && AttrLoggable<V>) {
     const K k = attrLogGet<K>(key);
+    key.finish();
     if (op == AttrLogOp::del) {
+      value.finish();
       del(k);
     } else if (op == AttrLogOp::set) {
-      set(k, attrLogGet<V>(value));
+      const V v = attrLogGet<V>(value);
+      value.finish();
+      set(k, v);
     } else {
       throw AttrLogError("a collection of values takes only set and del records");
     }
@@ -327,11 +334,24 @@ void attrLogApplyChild(AttrLogOp op, AttrLogReader& key, AttrLogReader& value,
                        AttrLogMirror& mirror, Get get, New make, Del del) {
   if constexpr (AttrLoggable<K>) {
     const K k = attrLogGet<K>(key);
+    key.finish();
     if (op == AttrLogOp::del) {
+      value.finish();
       mirror.childGone(get(k).get());
       del(k);
     } else if (op == AttrLogOp::child) {
-      mirror.childIs(*make(k), value);
+      const bool existed = static_cast<bool>(get(k));
+      try {
+        mirror.childIs(*make(k), value);
+        value.finish();
+      } catch (...) {
+        // The child made for a record that does not fit goes again.
+        if (!existed) {
+          mirror.childGone(get(k).get());
+          del(k);
+        }
+        throw;
+      }
     } else {
       throw AttrLogError("a collection of entities takes only child and del records");
     }

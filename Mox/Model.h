@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <compare>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <iosfwd>
 #include <limits>  // for model defaults such as an infinite time
@@ -77,11 +76,74 @@ struct QueueMetadata {
   friend bool operator==(const QueueMetadata&, const QueueMetadata&) = default;
 };
 
-// A queue attribute's entries: (sequence, entry) pairs in sequence order. A deque rather
-// than a tree: entries come in at the back and leave at the front, with no allocation of
-// their own.
+// A queue attribute's entries: (sequence, entry) pairs in sequence order, oldest first.
+// Entries come in at the back and leave at the front, so they sit in the slots
+// [head, tail) of one vector: taking the oldest entry moves it out and steps `head`, and
+// both indexes start over at the first slot when the queue empties. Slots are reused, not
+// freed (a queue keeps room for its longest run), and the live part moves down to the first
+// slot when the vector is full and that part is no longer than what lies before it. A queue
+// in steady use thus allocates nothing, and an entry costs a store and an index step.
 template <class V>
-using QueueEntries = std::deque<std::pair<U32, V>>;
+class QueueEntries {
+ public:
+  using value_type = std::pair<U32, V>;
+  using iterator = typename std::vector<value_type>::iterator;
+  using const_iterator = typename std::vector<value_type>::const_iterator;
+
+  iterator begin() noexcept { return at(head_); }
+  iterator end() noexcept { return at(tail_); }
+  const_iterator begin() const noexcept { return at(head_); }
+  const_iterator end() const noexcept { return at(tail_); }
+  bool empty() const noexcept { return head_ == tail_; }
+  size_t size() const noexcept { return tail_ - head_; }
+  value_type& front() noexcept { return slots_[head_]; }
+  const value_type& front() const noexcept { return slots_[head_]; }
+  value_type& operator[](size_t offset) noexcept { return slots_[head_ + offset]; }
+  const value_type& operator[](size_t offset) const noexcept { return slots_[head_ + offset]; }
+
+  template <class... Args>
+  void emplace_back(Args&&... args) {
+    if (tail_ == slots_.size() && head_ >= size()) moveDown();
+    if (tail_ < slots_.size()) {
+      slots_[tail_] = value_type(std::forward<Args>(args)...);
+    } else {
+      slots_.emplace_back(std::forward<Args>(args)...);
+    }
+    ++tail_;
+  }
+  template <class... Args>
+  iterator emplace(const_iterator position, Args&&... args) {
+    ++tail_;
+    return slots_.emplace(position, std::forward<Args>(args)...);
+  }
+  // Moves the oldest entry out.
+  value_type takeFront() {
+    value_type entry = std::move(slots_[head_++]);
+    if (empty()) head_ = tail_ = 0;
+    return entry;
+  }
+  iterator erase(const_iterator position) {
+    const iterator removed = at(static_cast<size_t>(position - slots_.cbegin()));
+    std::move(removed + 1, end(), removed);
+    slots_[--tail_] = value_type();
+    if (!empty()) return removed;
+    head_ = tail_ = 0;
+    return end();
+  }
+
+ private:
+  iterator at(size_t slot) noexcept { return slots_.begin() + std::ptrdiff_t(slot); }
+  const_iterator at(size_t slot) const noexcept { return slots_.begin() + std::ptrdiff_t(slot); }
+  void moveDown() {
+    std::move(begin(), end(), slots_.begin());
+    tail_ -= head_;
+    head_ = 0;
+  }
+
+  std::vector<value_type> slots_;
+  size_t head_ = 0;  // the oldest entry's slot
+  size_t tail_ = 0;  // the slot after the newest entry
+};
 
 template <class V>
 void queueHeadUpdate(const QueueEntries<V>& entries, QueueMetadata* metadata) {

@@ -35,7 +35,7 @@ class BurstPam : public Korva::SimpleTestPam {
   void doGetRxPkt() override {
     if (remaining_ == 0) return;
     const Ptr<Korva::Pkt>& pkt = pkts_[--remaining_ % kKeys];
-    if (pkt->bytes() == kPayloadBytes) pkt->newSharedHeadData(Korva::PamKeyMuxDemux::kHeaderBytes);
+    if (pkt->bytes() == kPayloadBytes) pkt->newSharedHeadData(Korva::PamKeyMuxDemux::headerBytes);
     rxPktHolderIs(pkt);
   }
 
@@ -71,7 +71,7 @@ void BM_Ratio(benchmark::State& state) {
           const U8* header = pkt->frontData();
           const U32 key =
               U32(header[0]) << 24 | U32(header[1]) << 16 | U32(header[2]) << 8 | header[3];
-          pkt->delSharedHeadData(Korva::PamKeyMuxDemux::kHeaderBytes);
+          pkt->delSharedHeadData(Korva::PamKeyMuxDemux::headerBytes);
           if (key < kKeys) outputs[key]->txPktIs(pkt);
         }
       });

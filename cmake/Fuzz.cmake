@@ -11,3 +11,5 @@ foreach(source ${fuzz_sources})
   set_target_properties(fuzz_${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
   add_dependencies(fuzz-targets fuzz_${name})
 endforeach()
+# The attribute-log target publishes and mirrors the test tree of tests/AttrLog.
+korva_add_test_models(fuzz_AttrLogStream ${CMAKE_SOURCE_DIR}/tests/AttrLog)

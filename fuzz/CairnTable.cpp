@@ -128,8 +128,11 @@ void checkReader(const Shape& table, bool damaged) {
   }
   Mox::U64 cursor = 0;
   std::vector<U8> keys;
-  reader.changesSince(cursor, keys);
-  require(keys.size() % table.shape.keySize == 0, "the change ring yields part of a key", input);
+  std::vector<bool> notified;
+  reader.changesSince(cursor, keys, notified);
+  require(keys.size() % table.shape.keySize == 0 &&
+              notified.size() == keys.size() / table.shape.keySize,
+          "the change ring yields part of a key", input);
   if (damaged) return;
   require(reader.valid() && reader.size() == table.entries.size() &&
               std::equal(walked.begin(), walked.end(), table.entries.begin(), table.entries.end()),

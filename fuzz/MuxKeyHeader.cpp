@@ -42,8 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(pkt->stringValue() == whole, "the packet holds the input", input);
 
   const U32 key = mux->decapsulate(pkt);
-  if (length < Korva::PamKeyMuxDemux::kHeaderBytes) {
-    require(key == Korva::PamMuxDemux::kInvalidKey && pkt->stringValue() == whole,
+  if (length < Korva::PamKeyMuxDemux::headerBytes) {
+    require(key == Korva::PamMuxDemux::invalidKey && pkt->stringValue() == whole,
             "a short packet is not invalid and unchanged", input);
     return 0;
   }

@@ -178,5 +178,19 @@ TEST_F(KernelNeighborsTest, DamagedMessagesAreCountedNeverTrusted) {
   EXPECT_FALSE(present(true, "Ethernet1", "10.0.0.7"));
 }
 
+// A last message without its padding ends the walk: nothing past the datagram is read as
+// another message.
+TEST(KernelNeighborsWalk, AnUnpaddedLastMessageEndsTheDatagram) {
+  std::vector<nlmsghdr> buffer(3);
+  buffer[0].nlmsg_len = NLMSG_HDRLEN + 1;
+  buffer[1].nlmsg_len = NLMSG_HDRLEN;  // just past the datagram's end
+  for (size_t length : {size_t(NLMSG_HDRLEN + 1), size_t(NLMSG_HDRLEN + 3)}) {
+    int messages = 0;
+    EXPECT_EQ(forEachNetlinkMessage(buffer.data(), length, [&](const nlmsghdr&) { ++messages; }),
+              0u);
+    EXPECT_EQ(messages, 1) << length;
+  }
+}
+
 }  // namespace
 }  // namespace Arp

@@ -55,26 +55,6 @@ class Publisher {
   pid_t pid_ = -1;
 };
 
-// Every line of a tree as its mount or a local walk prints it: path, attribute, key, value.
-void dump(const Mox::Entity& entity, const std::string& path, std::vector<std::string>* out) {
-  const Mox::AttrLogClass* cls = entity.attrLogClass();
-  if (!cls) return;
-  Mox::AttrLogTextSink text;
-  cls->snapshot(entity, 0, text);
-  for (const auto& line : text.lines) {
-    const std::string where =
-        path + "/" + cls->attr(line.attr)->name + (line.key ? "[" + *line.key + "]" : "");
-    out->push_back(where + (line.value ? " = " + *line.value : ""));
-    if (line.child) dump(*line.child, where, out);
-  }
-}
-
-std::vector<std::string> dump(const Mox::Entity& root) {
-  std::vector<std::string> lines;
-  dump(root, "", &lines);
-  return lines;
-}
-
 // Records every hook of a tree, attaching itself to children as they come.
 class Hooks {
  public:
@@ -260,6 +240,20 @@ std::string setRecord(Mox::U16 attr, const std::string& key, const std::string& 
   return bytes;
 }
 
+std::string childRecord(Mox::U16 attr, const std::string& key, Mox::U32 handle,
+                        const std::string& type) {
+  std::string bytes;
+  Mox::AttrLogRecordWriter record(&bytes);
+  Mox::AttrLogWriter& out = record.begin(Mox::AttrLogOp::child, 1, attr);
+  attrLogWrite(out, key);
+  record.endKey();
+  out.integer(handle);
+  attrLogWrite(out, type);
+  record.end();
+  record.flush();
+  return bytes;
+}
+
 TEST(AttrLog, DamagedBytesDropTheConnectionAndKeepTheState) {
   struct Damage {
     const char* what;
@@ -281,6 +275,11 @@ TEST(AttrLog, DamagedBytesDropTheConnectionAndKeepTheState) {
       {"unknown handle", goodStart() + setRecord(0, "", "\0\0\0\1"s).replace(5, 4, "\0\0\0\7"s),
        "unknown entity handle 7"},
       {"too long", goodStart() + "\x7f\0\0\0"s, "a record of 2130706432 bytes"},
+      // Whole records or nothing: neither the value read nor the child made stays.
+      {"bytes after the value", goodStart() + setRecord(0, "", "\0\0\0\1\0"s),
+       "AttrLogTest::Root attribute count: 1 bytes left over"},
+      {"child of another type", goodStart() + childRecord(3, "b1", 9, "AttrLogTest::Leaf"),
+       "AttrLogTest::Root attribute branch: child type AttrLogTest::Leaf is not the mirror's"},
   };
   for (const Damage& damage : cases) {
     SCOPED_TRACE(damage.what);
@@ -297,6 +296,7 @@ TEST(AttrLog, DamagedBytesDropTheConnectionAndKeepTheState) {
     const auto* root = static_cast<Root*>(mount->root().get());
     EXPECT_EQ(root->count(), damage.keptCount);
     EXPECT_EQ(root->limit(), Weight());
+    EXPECT_EQ(root->branchSize(), 0u);
   }
 }
 

@@ -1,18 +1,23 @@
 #pragma once
 // Random changes to the test tree (models/AttrLogTest/Tree.mox), the same for a seed in
 // every process: the publishing program makes them, the test replays them on a tree of its
-// own to know what the mirror must hold.
+// own to know what the mirror must hold. And the text of a tree, to compare two.
 
 #include <AttrLogTest/Tree.mox.h>
 
+#include <functional>
 #include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace AttrLogTest {
 
 class RandomTree {
  public:
-  explicit RandomTree(unsigned seed) : rng_(seed) {}
+  explicit RandomTree(unsigned seed) : next_(std::mt19937(seed)) {}
+  // Choices taken from another source (a fuzzer's bytes).
+  explicit RandomTree(std::function<unsigned()> next) : next_(std::move(next)) {}
 
   // One random change somewhere in the tree: a scalar, an entry, a child made or deleted.
   void change(Root& root) {
@@ -58,13 +63,34 @@ class RandomTree {
   }
 
  private:
-  unsigned pick(unsigned n) { return static_cast<unsigned>(rng_() % n); }
+  unsigned pick(unsigned n) { return next_() % n; }
   Pair pair() {
     return Pair(Korva::IpAddr::fromHostOrder(pick(1000)),
                 Korva::EthAddr(0, 0, static_cast<Mox::U16>(pick(1000))));
   }
 
-  std::mt19937 rng_;
+  std::function<unsigned()> next_;
 };
+
+// Every line of a tree as its mount or a local walk prints it: path, attribute, key, value.
+inline void dump(const Mox::Entity& entity, const std::string& path,
+                 std::vector<std::string>* out) {
+  const Mox::AttrLogClass* cls = entity.attrLogClass();
+  if (!cls) return;
+  Mox::AttrLogTextSink text;
+  cls->snapshot(entity, 0, text);
+  for (const auto& line : text.lines) {
+    const std::string where =
+        path + "/" + cls->attr(line.attr)->name + (line.key ? "[" + *line.key + "]" : "");
+    out->push_back(where + (line.value ? " = " + *line.value : ""));
+    if (line.child) dump(*line.child, where, out);
+  }
+}
+
+inline std::vector<std::string> dump(const Mox::Entity& root) {
+  std::vector<std::string> lines;
+  dump(root, "", &lines);
+  return lines;
+}
 
 }  // namespace AttrLogTest

@@ -49,7 +49,7 @@ class ByteKeyMux : public PamMuxDemux {
  public:
   using PamMuxDemux::PamMuxDemux;
   U32 decapsulate(const Ptr<Korva::Pkt>& pkt) override {
-    return pkt->empty() ? kInvalidKey : pkt->rawByte(0);
+    return pkt->empty() ? invalidKey : pkt->rawByte(0);
   }
   void doEncapsulate(const Ptr<Korva::Pkt>&, U32 key) override { encapsulated.push_back(key); }
   bool filterManyPamInboundPacket(const Ptr<Korva::Pkt>&, U32 key) override { return key == 9; }
@@ -79,7 +79,7 @@ TEST(PamMuxDemux, LongBurstsAreDeferredAndResumedOnePerTurnOldestFirst) {
   one->readableCountInc(1);   // two reads: 1.25 s > 1 s
   many->readableCountInc(1);  // two more
   EXPECT_EQ(Mox::now(), time.start() + 2.5);
-  EXPECT_EQ(mux->pamDeferred(), (std::deque<U32>{PamMuxDemux::kOnePamKey, 1}));
+  EXPECT_EQ(mux->pamDeferred(), (std::deque<U32>{PamMuxDemux::onePamKey, 1}));
   EXPECT_EQ(mux->clock()->minimumTime(), 0.0);
 
   // Each turn resumes exactly the oldest source, which defers itself again behind the other.
@@ -111,13 +111,13 @@ TEST(PamMuxDemux, DeferredQueueIsBoundedAndVanishedKeysAreReported) {
   EXPECT_FALSE(trace.capture.contains("pamDeferred queue is too long"));
   one->readableCountInc(1);
   EXPECT_TRUE(trace.capture.contains("pamDeferred queue is too long"));
-  EXPECT_EQ(mux->pamDeferred(), (std::deque<U32>{2, PamMuxDemux::kOnePamKey}));
+  EXPECT_EQ(mux->pamDeferred(), (std::deque<U32>{2, PamMuxDemux::onePamKey}));
 
   mux->manyPamSmDel(2);
   ASSERT_TRUE(Mox::runOnce());
   EXPECT_TRUE(trace.capture.contains("pamKey 2 not found"));
   EXPECT_EQ(many->repeatRxPktCnt(), 99u);
-  EXPECT_EQ(mux->pamDeferred(), (std::deque<U32>{PamMuxDemux::kOnePamKey}));
+  EXPECT_EQ(mux->pamDeferred(), (std::deque<U32>{PamMuxDemux::onePamKey}));
 }
 
 TEST(PamMuxDemux, ModesChooseTheDirections) {
@@ -222,7 +222,7 @@ TEST(PamKeyMuxDemux, KeyHeaderRoundTripsAndShortPacketsAreInvalid) {
   std::mt19937 random(15);
   for (int i = 0; i < 200; ++i) {
     const U32 key = random() % 2 ? U32(random()) : U32(i);
-    if (key == PamMuxDemux::kInvalidKey) continue;
+    if (key == PamMuxDemux::invalidKey) continue;
     const std::string payload(random() % 100, char('a' + i % 26));
     Ptr<Korva::Pkt> pkt = packetOf(payload);
     pkt->newSeparateVlanTag(0x6123, 0x8100);
@@ -240,7 +240,7 @@ TEST(PamKeyMuxDemux, KeyHeaderRoundTripsAndShortPacketsAreInvalid) {
   for (const std::string& bad : {std::string(), std::string("\x00\x01\x02", 3),
                                  std::string("\xff\xff\xff\xff"
                                              "data")}) {
-    EXPECT_EQ(mux->decapsulate(packetOf(bad)), PamMuxDemux::kInvalidKey);
+    EXPECT_EQ(mux->decapsulate(packetOf(bad)), PamMuxDemux::invalidKey);
   }
 }
 

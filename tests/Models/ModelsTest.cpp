@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <random>
 #include <set>
 #include <sstream>
@@ -195,6 +196,42 @@ TEST_F(ModelsNotify, QueueIsFirstInFirstOutBySequence) {
   EXPECT_EQ(recorder_.take(),
             (Events{"pending 1", "pending 2", "pending 3", "pending 1", "pending 2", "pending 9",
                     "pending 10", "pending 3", "pending 9", "pending 10"}));
+}
+
+// Random queue work against a map of sequences: the queue reuses and moves its slots, which
+// must never show in its order, its entries or its metadata.
+TEST(ModelsQueue, MatchesAMapOfSequencesUnderRandomWork) {
+  Mox::Ptr<Counters> counters = countersFactory("q");
+  std::map<Mox::U32, std::string> expected;
+  Mox::U32 tail = 1;
+  std::mt19937 random(7);
+  for (int step = 0; step < 20000; ++step) {
+    const Mox::U32 choice = random() % 20;
+    const std::string label = std::to_string(step);
+    if (choice < 9) {
+      EXPECT_EQ(counters->pendingEnq(entryOf(0, label)), tail);
+      expected[tail++] = label;
+    } else if (choice < 18) {
+      const Entry taken = counters->pendingDeq();
+      EXPECT_EQ(taken.label().value(), expected.empty() ? "" : expected.begin()->second);
+      if (!expected.empty()) expected.erase(expected.begin());
+    } else if (choice < 19) {
+      const Mox::U32 key = tail - 1 - random() % std::min<Mox::U32>(tail, 8);
+      counters->pendingDel(key);
+      expected.erase(key);
+    } else {
+      const Mox::U32 key = tail - random() % std::min<Mox::U32>(tail, 8);
+      counters->pendingIs(key, entryOf(0, label));
+      expected[key] = label;
+      tail = std::max(tail, key + 1);
+    }
+    std::map<Mox::U32, std::string> actual;
+    for (const auto& [key, entry] : counters->pendingColl()) actual[key] = entry.label().value();
+    ASSERT_EQ(actual, expected) << "step " << step;
+    ASSERT_EQ(counters->pendingSize(), expected.size());
+    const Mox::U32 head = expected.empty() ? tail : expected.begin()->first;
+    ASSERT_EQ(counters->pendingMetadata(), (Mox::QueueMetadata{head, tail}));
+  }
 }
 
 class LeafWatcher : public Dir::Notifiee {

@@ -59,6 +59,18 @@ class Writer:
         return "\n".join(out) + "\n"
 
 
+class InlineWriter:
+    """Writes definitions into the header instead, each function marked inline."""
+
+    def __init__(self, header):
+        self.header = header
+
+    def __call__(self, text=""):
+        for line in text.split("\n") if text else [""]:
+            opens = line and not line[0].isspace() and line != "}" and line.endswith("{")
+            self.header(f"inline {line}" if opens else line)
+
+
 class Emitter:
     def __init__(self, model, header_include):
         self.model = model
@@ -647,6 +659,7 @@ class Emitter:
         h("};")
         h()
         self.notifiee(e)
+        self.define_attrs(e, [a for a in e.attrs if a.inline], InlineWriter(h))
         if e.factory:
             if e.handwritten:
                 h(f"// Makes a {e.name}; {e.name} befriends it.")
@@ -676,8 +689,7 @@ class Emitter:
         c()
         if e.handwritten:
             self.define_notifier(e)
-        for a in e.attrs:
-            getattr(self, f"define_{a.kind}")(e, a)
+        self.define_attrs(e, [a for a in e.attrs if not a.inline], c)
         if e.factory:
             names = ", ".join(a.name for a in e.args)
             c(f"Mox::Ptr<{e.name}> {e.factory}({ctor_args}) {{")
@@ -736,9 +748,11 @@ class Emitter:
         c(" private:")
         c("  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }")
         c()
-        c("  const Mox::U32 handle_;")
+        # An entity without attributes of its own writes nothing (clang warns of the fields).
+        unused = "" if e.attrs else "[[maybe_unused]] "
+        c(f"  {unused}const Mox::U32 handle_;")
         c("  const Mox::U16 first_;")
-        c("  Mox::AttrLogSink& sink_;")
+        c(f"  {unused}Mox::AttrLogSink& sink_;")
         c("};")
         c()
         c(f"class {cls} final : public Mox::AttrLogClass {{")
@@ -842,6 +856,17 @@ class Emitter:
         c(f"[[maybe_unused]] static const bool k{n}AttrLogRegistered =")
         c(f"    Mox::attrLogClassRegister({n}::attrLog());")
         c()
+
+    def define_attrs(self, e, attrs, writer):
+        """The accessors of `attrs`, written by `writer` (the source, or the header for
+        attributes marked inline, so that calls bound at compile time can inline them)."""
+        source = self.c
+        self.c = writer
+        try:
+            for a in attrs:
+                getattr(self, f"define_{a.kind}")(e, a)
+        finally:
+            self.c = source
 
     def storage(self, a):
         t = self.cxx(a.type)
@@ -1195,17 +1220,16 @@ class Emitter:
         c()
         c(f"Mox::U32 {e.cls}::{a.name}Enq({pv} value) {{")
         c(f"  const Mox::U32 key = {meta}.tail++;")
-        c("  // Sequences grow, so the entry goes last.")
+        c("  // Sequences grow, so the entry goes last; the head stays, as an empty queue's head")
+        c("  // is the tail.")
         c(f"  {m}.emplace_back(key, value);")
-        c(f"  {head}")
         c(f"  {self.notify(a, 'key')}")
         c("  return key;")
         c("}")
         c()
         c(f"{t} {e.cls}::{a.name}Deq() {{")
         c(f"  if ({m}.empty()) return {t}();")
-        c(f"  auto removed = std::move({m}.front());")
-        c(f"  {m}.pop_front();")
+        c(f"  auto removed = {m}.takeFront();")
         c(f"  {head}")
         c(f"  {self.notify(a, 'removed.first')}")
         c("  return std::move(removed.second);")
@@ -1235,8 +1259,7 @@ class Emitter:
         c()
         c(f"void {e.cls}::{a.name}DelAll() {{")
         c(f"  while (!{m}.empty()) {{")
-        c(f"    auto removed = std::move({m}.front());")
-        c(f"    {m}.pop_front();")
+        c(f"    auto removed = {m}.takeFront();")
         c(f"    {head}")
         c(f"    {self.notify(a, 'removed.first')}")
         c("  }")

@@ -53,6 +53,7 @@ class Attr:
     key_member: Optional[str] = None  # the value's attribute that is its key
     counter: bool = False
     virtual: bool = False
+    inline: bool = False           # accessors defined in the header
     handler: Optional[str] = None  # member the setters call after a real change
     min: Optional[Bound] = None
     max: Optional[Bound] = None
@@ -377,7 +378,7 @@ class Parser:
         words = (m.group(4) or "").split()
         while words:
             word = words.pop(0)
-            if word in ("counter", "virtual", "named"):
+            if word in ("counter", "virtual", "named", "inline"):
                 setattr(attr, word, True)
             elif word in ("array", "queue"):
                 if not attr.key:
@@ -411,6 +412,8 @@ class Parser:
             self.error(number, "min and max belong to integer attributes")
         if attr.handler and attr.kind != "scalar":
             self.error(number, "handlers belong to scalar attributes")
+        if attr.inline and (attr.kind not in ("scalar", "queue") or attr.min or attr.max):
+            self.error(number, "'inline' belongs to unbounded scalars and queues")
         if attr.default and attr.kind != "scalar":
             self.error(number, "collections start empty and take no default")
         return attr

@@ -26,9 +26,9 @@ class LeafAttrLogWatch final : public Leaf::Notifiee {
  private:
   Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
 
-  const Mox::U32 handle_;
+  [[maybe_unused]] const Mox::U32 handle_;
   const Mox::U16 first_;
-  Mox::AttrLogSink& sink_;
+  [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
 class LeafAttrLog final : public Mox::AttrLogClass {
@@ -113,9 +113,9 @@ class KeyedLeafAttrLogWatch final : public KeyedLeaf::Notifiee {
  private:
   Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
 
-  const Mox::U32 handle_;
+  [[maybe_unused]] const Mox::U32 handle_;
   const Mox::U16 first_;
-  Mox::AttrLogSink& sink_;
+  [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
 class KeyedLeafAttrLog final : public Mox::AttrLogClass {
@@ -359,17 +359,16 @@ Values::Part Status::pending(Mox::U32 sequence) const {
 
 Mox::U32 Status::pendingEnq(const Values::Part& value) {
   const Mox::U32 key = pendingMetadata_.tail++;
-  // Sequences grow, so the entry goes last.
+  // Sequences grow, so the entry goes last; the head stays, as an empty queue's head
+  // is the tail.
   pending_.emplace_back(key, value);
-  Mox::queueHeadUpdate(pending_, &pendingMetadata_);
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(key); });
   return key;
 }
 
 Values::Part Status::pendingDeq() {
   if (pending_.empty()) return Values::Part();
-  auto removed = std::move(pending_.front());
-  pending_.pop_front();
+  auto removed = pending_.takeFront();
   Mox::queueHeadUpdate(pending_, &pendingMetadata_);
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(removed.first); });
   return std::move(removed.second);
@@ -399,8 +398,7 @@ void Status::pendingDel(Mox::U32 key) {
 
 void Status::pendingDelAll() {
   while (!pending_.empty()) {
-    auto removed = std::move(pending_.front());
-    pending_.pop_front();
+    auto removed = pending_.takeFront();
     Mox::queueHeadUpdate(pending_, &pendingMetadata_);
     notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPending(removed.first); });
   }
@@ -803,9 +801,9 @@ class BareAttrLogWatch final : public Bare::Notifiee {
  private:
   Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
 
-  const Mox::U32 handle_;
+  [[maybe_unused]] const Mox::U32 handle_;
   const Mox::U16 first_;
-  Mox::AttrLogSink& sink_;
+  [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
 class BareAttrLog final : public Mox::AttrLogClass {
@@ -946,6 +944,112 @@ void MachineBase::speedDel() {
 Mox::Ptr<Machine> machineFactory(const Mox::Name& name) {
   return Mox::Ptr<Machine>(new Machine(name));
 }
+
+Hot::Hot(const Mox::Name& name) : Mox::Entity(name) {}
+
+Mox::Ptr<Hot> hotFactory(const Mox::Name& name) {
+  return Mox::Ptr<Hot>(new Hot(name));
+}
+
+namespace {
+
+// Writes each change of one Hot to an attribute-log sink.
+class HotAttrLogWatch final : public Hot::Notifiee {
+ public:
+  HotAttrLogWatch(Hot* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+      : handle_(handle), first_(first), sink_(sink) {
+    notifierIs(entity);
+  }
+
+  void onHits() override { sink_.scalar(handle_, id(0), notifier()->hits()); }
+  void onBacklog(Mox::U32 key) override {
+    sink_.entry(handle_, id(1), notifier()->backlogColl(), key);
+  }
+
+ private:
+  Mox::U16 id(Mox::U16 local) const { return static_cast<Mox::U16>(first_ + local); }
+
+  const Mox::U32 handle_;
+  const Mox::U16 first_;
+  Mox::AttrLogSink& sink_;
+};
+
+class HotAttrLog final : public Mox::AttrLogClass {
+ public:
+  HotAttrLog()
+      : AttrLogClass("Golden::Hot", nullptr,
+                     {{"hits", Mox::AttrLogKind::scalar, Mox::AttrLoggable<Mox::U32>},
+                      {"backlog", Mox::AttrLogKind::queue, Mox::AttrLoggable<Values::Part> && Mox::AttrLoggable<Mox::U32>}}) {}
+
+  Mox::Ptr<Mox::Entity> make(const Mox::Name& name) const override {
+    return hotFactory(name);
+  }
+
+ protected:
+  // Parameters and `e` go unused in a class without attributes of some kind.
+  void snapshotOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle,
+                   [[maybe_unused]] Mox::U16 first,
+                   [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Hot&>(entity);
+    sink.scalar(handle, first + 0, e.hits());
+    sink.entries<Mox::U32>(handle, first + 1, e.backlogColl());
+  }
+
+  void emitOwn(const Mox::Entity& entity, [[maybe_unused]] Mox::U32 handle, Mox::U16 first,
+               Mox::U16 local, [[maybe_unused]] Mox::AttrLogReader& key,
+               [[maybe_unused]] Mox::AttrLogSink& sink) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Hot&>(entity);
+    [[maybe_unused]] const Mox::U16 id = static_cast<Mox::U16>(first + local);
+    switch (local) {
+      case 0: return sink.scalar(handle, id, e.hits());
+      case 1:
+        return Mox::attrLogKeyed<Mox::U32>(
+            key, [&](const auto& k) { sink.entry(handle, id, e.backlogColl(), k); });
+    }
+  }
+
+  void applyOwn(Mox::Entity& entity, Mox::U16 local, [[maybe_unused]] Mox::AttrLogOp op,
+                [[maybe_unused]] Mox::AttrLogReader& key,
+                [[maybe_unused]] Mox::AttrLogReader& value,
+                [[maybe_unused]] Mox::AttrLogMirror& mirror) const override {
+    [[maybe_unused]] auto& e = static_cast<Hot&>(entity);
+    switch (local) {
+      case 0:
+        return Mox::attrLogApplyScalar<Mox::U32>(
+            op, value, [&](const auto& v) { e.hitsIs(v); });
+      case 1:
+        return Mox::attrLogApplyEntry<Mox::U32, Values::Part>(
+            op, key, value, [&](const auto& k, const auto& v) { e.backlogIs(k, v); },
+            [&](const auto& k) { e.backlogDel(k); });
+    }
+  }
+
+  void forEachEntryOwn(const Mox::Entity& entity, Mox::U16 local,
+                       [[maybe_unused]] const EntryFn& fn) const override {
+    [[maybe_unused]] const auto& e = static_cast<const Hot&>(entity);
+    switch (local) {
+      case 1: return Mox::attrLogEntries<Mox::U32>(e.backlogColl(), fn);
+    }
+  }
+
+  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
+                                                      Mox::U16 first,
+                                                      Mox::AttrLogSink& sink) const override {
+    return std::make_unique<HotAttrLogWatch>(static_cast<Hot*>(&entity), handle, first, sink);
+  }
+};
+
+}  // namespace
+
+const Mox::AttrLogClass& Hot::attrLog() {
+  static const HotAttrLog cls;
+  return cls;
+}
+
+const Mox::AttrLogClass* Hot::attrLogClass() const noexcept { return &attrLog(); }
+
+[[maybe_unused]] static const bool kHotAttrLogRegistered =
+    Mox::attrLogClassRegister(Hot::attrLog());
 
 Quiet::Quiet() : Mox::Entity("Quiet") {}
 

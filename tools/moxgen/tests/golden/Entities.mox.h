@@ -378,6 +378,144 @@ std::ostream& operator<<(std::ostream& os, MachineBase::State value);
 void attrLogWrite(Mox::AttrLogWriter& out, MachineBase::State value);
 void attrLogRead(Mox::AttrLogReader& in, MachineBase::State* value);
 
+// Accessors defined in the header, for callers that bind them at compile time.
+class Hot : public Mox::Entity {
+ public:
+  class Notifiee;
+
+  using BacklogMetadata = Mox::QueueMetadata;
+
+  Mox::U32 hits() const { return hits_; }
+  virtual void hitsIs(Mox::U32 hits);
+  virtual void hitsInc(Mox::U32 delta = 1);
+  // Back to the default value.
+  virtual void hitsDel();
+
+  // A first-in first-out queue keyed by sequence numbers that grow by one per entry.
+  Values::Part backlog(Mox::U32 sequence) const;
+  // (sequence, entry) pairs, oldest first.
+  const Mox::QueueEntries<Values::Part>& backlogColl() const { return backlog_; }
+  size_t backlogSize() const { return backlog_.size(); }
+  const BacklogMetadata& backlogMetadata() const { return backlogMetadata_; }
+  // Appends the entry and returns its sequence.
+  Mox::U32 backlogEnq(const Values::Part& value);
+  // Removes and returns the oldest entry; the default value when empty.
+  Values::Part backlogDeq();
+  void backlogIs(Mox::U32 key, const Values::Part& value);
+  void backlogDel(Mox::U32 key);
+  void backlogDelAll();
+  void backlogNotify(Mox::U32 key) const;
+
+  // How the attribute log streams this class (see Mox/AttrLogClass.h).
+  static const Mox::AttrLogClass& attrLog();
+  const Mox::AttrLogClass* attrLogClass() const noexcept override;
+
+ protected:
+  explicit Hot(const Mox::Name& name);
+
+ private:
+  friend Mox::Ptr<Hot> hotFactory(const Mox::Name& name);
+
+  Mox::U32 hits_{};
+  Mox::QueueEntries<Values::Part> backlog_;
+  BacklogMetadata backlogMetadata_;
+};
+
+// Watches one Hot; each hook runs after a real change of its attribute.
+class Hot::Notifiee : public Mox::Entity::NotifieeBase {
+ public:
+  // Deeper than the base's: Hot hooks reach only notifiees attached by notifierIs.
+  static constexpr Mox::U8 kLevel = Mox::Entity::NotifieeBase::kLevel + 1;
+
+  Hot* notifier() const {
+    return static_cast<Hot*>(const_cast<Mox::Entity*>(notifierBase()));
+  }
+  // Starts watching `notifier` (nullptr: none), leaving the one watched before.
+  void notifierIs(Hot* notifier) { notifierBaseIs(notifier, kLevel); }
+
+  virtual void onHits() {}
+  virtual void onBacklog(Mox::U32) {}
+
+ protected:
+  Notifiee() = default;
+};
+
+inline void Hot::hitsIs(Mox::U32 hits) {
+  if (hits_ == hits) return;
+  hits_ = hits;
+  notify<Notifiee>([](Notifiee& notifiee) { notifiee.onHits(); });
+}
+
+inline void Hot::hitsInc(Mox::U32 delta) {
+  if (delta == 0) return;
+  hits_ += delta;
+  notify<Notifiee>([](Notifiee& notifiee) { notifiee.onHits(); });
+}
+
+inline void Hot::hitsDel() {
+  if (hits_ == Mox::U32()) return;
+  hits_ = Mox::U32();
+  notify<Notifiee>([](Notifiee& notifiee) { notifiee.onHits(); });
+}
+
+inline Values::Part Hot::backlog(Mox::U32 sequence) const {
+  auto entry = Mox::queueFind(backlog_, sequence);
+  return entry == backlog_.end() ? Values::Part() : entry->second;
+}
+
+inline Mox::U32 Hot::backlogEnq(const Values::Part& value) {
+  const Mox::U32 key = backlogMetadata_.tail++;
+  // Sequences grow, so the entry goes last; the head stays, as an empty queue's head
+  // is the tail.
+  backlog_.emplace_back(key, value);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onBacklog(key); });
+  return key;
+}
+
+inline Values::Part Hot::backlogDeq() {
+  if (backlog_.empty()) return Values::Part();
+  auto removed = backlog_.takeFront();
+  Mox::queueHeadUpdate(backlog_, &backlogMetadata_);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onBacklog(removed.first); });
+  return std::move(removed.second);
+}
+
+inline void Hot::backlogIs(Mox::U32 key, const Values::Part& value) {
+  auto entry = Mox::queuePosition(backlog_, key);
+  if (entry != backlog_.end() && entry->first == key) {
+    if (entry->second == value) return;
+    entry->second = value;
+  } else {
+    backlog_.emplace(entry, key, value);
+  }
+  if (key >= backlogMetadata_.tail) backlogMetadata_.tail = key + 1;
+  Mox::queueHeadUpdate(backlog_, &backlogMetadata_);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onBacklog(key); });
+}
+
+inline void Hot::backlogDel(Mox::U32 key) {
+  auto entry = Mox::queueFind(backlog_, key);
+  if (entry == backlog_.end()) return;
+  auto removed = std::move(*entry);
+  backlog_.erase(entry);
+  Mox::queueHeadUpdate(backlog_, &backlogMetadata_);
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onBacklog(removed.first); });
+}
+
+inline void Hot::backlogDelAll() {
+  while (!backlog_.empty()) {
+    auto removed = backlog_.takeFront();
+    Mox::queueHeadUpdate(backlog_, &backlogMetadata_);
+    notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onBacklog(removed.first); });
+  }
+}
+
+inline void Hot::backlogNotify(Mox::U32 key) const {
+  notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onBacklog(key); });
+}
+
+Mox::Ptr<Hot> hotFactory(const Mox::Name& name);
+
 // Changes stay inside the process: never streamed.
 class Quiet : public Mox::Entity {
  public:
