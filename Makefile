@@ -13,9 +13,6 @@ SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1 \
 # another thread, packets outliving their thread, the shared-memory tables, and the
 # pressure cases (a sender thread, workers of a deleted namespace).
 THREADED_TESTS = ^(NetnsUtils|DeferClose|Activity|PktLifetime|IntfNameOrder|Cairn|Pressure)
-# Sanitizer builds optimise less: they compile much faster on CI's two cores, and the
-# sanitizers' reports need no more.
-SANITIZER_OPT = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1"
 I386_BUILD  ?= $(BUILD)/i386
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
@@ -52,7 +49,7 @@ check-clang: deps
 # The whole suite and the demo under AddressSanitizer and UndefinedBehaviorSanitizer. The
 # install tests build agents without the sanitizers, which cannot link these libraries.
 check-asan: deps
-	cmake -S . -B $(ASAN_BUILD) -G Ninja -DKORVA_BUILD_BENCH=OFF $(SANITIZER_OPT) \
+	cmake -S . -B $(ASAN_BUILD) -G Ninja -DKORVA_BUILD_BENCH=OFF \
 	  -DCMAKE_CXX_FLAGS="-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer" \
 	  $(CMAKE_FLAGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
@@ -61,7 +58,7 @@ check-asan: deps
 
 # The threaded tests under ThreadSanitizer.
 check-tsan: deps
-	cmake -S . -B $(TSAN_BUILD) -G Ninja -DKORVA_BUILD_BENCH=OFF $(SANITIZER_OPT) \
+	cmake -S . -B $(TSAN_BUILD) -G Ninja -DKORVA_BUILD_BENCH=OFF \
 	  -DCMAKE_CXX_FLAGS="-fsanitize=thread -fno-omit-frame-pointer" $(CMAKE_FLAGS)
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_Korva test_Mox test_Cairn
 	cd $(TSAN_BUILD) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS) --timeout 600 \
@@ -72,7 +69,7 @@ check-tsan: deps
 # Built by clang with warnings as errors, the tool included, so it is also CI's clang build.
 fuzz: deps
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DKORVA_BUILD_FUZZ=ON \
-	  -DKORVA_BUILD_TESTS=OFF -DKORVA_BUILD_BENCH=OFF $(SANITIZER_OPT) \
+	  -DKORVA_BUILD_TESTS=OFF -DKORVA_BUILD_BENCH=OFF \
 	  -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -Werror" \
 	  $(CMAKE_FLAGS)
 	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz-targets korva
