@@ -166,7 +166,7 @@ void AttrLogMount::hello(AttrLogReader& in) {
   }
   handles_.clear();
   handleOf_.clear();
-  lastHandle_ = 0;
+  lastNode_ = nullptr;
   handles_[kAttrLogRootHandle] = {root_, "", {}};
   handleOf_[root_.get()] = kAttrLogRootHandle;
   seen_.clear();
@@ -207,7 +207,7 @@ void AttrLogMount::change(AttrLogOp op, AttrLogReader& in) {
 AttrLogMount::MirrorNode& AttrLogMount::node(U32 handle) {
   // Changes come in runs on one entity: the last one found is kept (a node does not move
   // while the map grows, and forget() drops the one kept when it goes).
-  if (handle != lastHandle_) {
+  if (!lastNode_ || handle != lastHandle_) {
     auto found = handles_.find(handle);
     if (found == handles_.end()) {
       throw AttrLogError("unknown entity handle " + std::to_string(handle));
@@ -295,7 +295,7 @@ void AttrLogMount::forget(U32 handle) {
   auto node = handles_.find(handle);
   if (node == handles_.end()) return;
   for (U32 child : node->second.children) forget(child);
-  if (handle == lastHandle_) lastHandle_ = 0;
+  if (handle == lastHandle_) lastNode_ = nullptr;
   handleOf_.erase(node->second.entity.get());
   handles_.erase(node);
 }

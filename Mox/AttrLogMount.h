@@ -118,7 +118,9 @@ class AttrLogMount : public Entity, private AttrLogMirror {
   std::unordered_map<const Entity*, U32> handleOf_;
   // Collection entries the snapshot of the current connection named.
   std::set<std::tuple<const Entity*, U16, std::string>> seen_;
-  U32 lastHandle_ = 0;  // 0: none (handles start at the root's, 1)
+  // The node found last, for handle lastHandle_; null when none is kept. A damaged record
+  // may name any handle, 0 included, so the handle alone cannot say "none".
+  U32 lastHandle_ = 0;
   MirrorNode* lastNode_ = nullptr;
   U32 currentHandle_ = 0;  // of the record being applied
   U16 currentAttr_ = 0;
