@@ -21,7 +21,6 @@ using Korva::Ip6Prefix;
 using KorvaTest::expectPredicate;
 using KorvaTest::failureText;
 using KorvaTest::parseFailure;
-using Mox::U32;
 
 Ip6Addr ip6(std::string_view text) {
   return Ip6Addr(text);
@@ -44,17 +43,6 @@ in6_addr toIn6(const Ip6Addr& a) {
 }
 
 // --- parse ---
-
-TEST(Ip6AddrParse, CompressedFullAndDottedForms) {
-  const std::pair<const char*, Ip6Addr> cases[] = {
-      {"1:2:3:4:5:6:7:8", Ip6Addr(1, 2, 3, 4, 5, 6, 7, 8)},
-      {"0000:0000:0000:0000:0000:0000:0000:0001", Korva::ip6AddrLoopback},
-      {"FE80::AbCd", Ip6Addr(0xfe80, 0, 0, 0, 0, 0, 0, 0xabcd)},
-      {"1:2:3:4:5:6:255.255.255.255", Ip6Addr(1, 2, 3, 4, 5, 6, 0xffff, 0xffff)},
-      {"64:ff9b::001.002.003.004", Ip6Addr(0x64, 0xff9b, 0, 0, 0, 0, 0x0102, 0x0304)},
-  };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(ip6(text), expected) << text;
-}
 
 TEST(Ip6AddrParse, SequenceLeavesTheRestToTheCaller) {
   const std::string text = "2001:db8::1/64 rest";
@@ -88,8 +76,9 @@ bool edgeGapWithEightColons(std::string_view text) {
 
 // Our reader against glibc's. Where glibc accepts, we read the same address unless seven
 // groups sit beside a "::" at either end; where only we accept, the dotted tail must have a
-// number written with leading zeros.
+// number written with leading zeros, which are read as decimal.
 TEST(Ip6AddrParse, AgreesWithInetPton) {
+  EXPECT_EQ(ip6("64:ff9b::001.002.003.010"), Ip6Addr(0x64, 0xff9b, 0, 0, 0, 0, 0x0102, 0x030a));
   std::mt19937 rng(12);
   const std::string alphabet = "0123456789abcdefABCDEF::::::.../ g";
   std::vector<std::string> inputs = {
@@ -149,13 +138,6 @@ TEST(Ip6AddrWithMaskParse, SlashIsOptionalAndFullMasksRoundTrip) {
 
 // --- print ---
 
-TEST(Ip6AddrPrint, StreamsAndNeverADottedTail) {
-  EXPECT_EQ(ip6("::ffff:10.1.2.3").stringValue(), "::ffff:a01:203");
-  std::ostringstream os;
-  os << ip6("2001:db8::1") << ' ' << Ip6AddrWithMask("2001:db8::/32");
-  EXPECT_EQ(os.str(), "2001:db8::1 2001:db8::/32");
-}
-
 // glibc prints the same text except that it writes IPv4-mapped and -compatible addresses
 // with a dotted tail, which this type never does.
 TEST(Ip6AddrPrint, AgreesWithInetNtop) {
@@ -186,6 +168,9 @@ TEST(Ip6AddrWithFullMaskPrint, PrefixOrMaskForm) {
   EXPECT_EQ(text("ffff:ffff:ffff:ffff::"), "2001:db8::1/64");
   EXPECT_EQ(text("ffff:0:ffff::"), "2001:db8::1/ffff:0:ffff::");
   EXPECT_EQ(text("::"), "2001:db8::1/0");
+  std::ostringstream os;
+  os << ip6("2001:db8::1") << ' ' << Ip6AddrWithMask("2001:db8::/32");
+  EXPECT_EQ(os.str(), "2001:db8::1 2001:db8::/32");
 }
 
 // --- order ---
@@ -214,13 +199,10 @@ TEST(Ip6PrefixOrder, MoreSpecificFirst) {
 
 // --- hash ---
 
-TEST(Ip6AddrHash, ChainedMixOverHostWords) {
-  EXPECT_EQ(ip6("2001:db8::ff00:42:8329").hash(),
-            0x13500e91u);  // worked out apart from the library
-}
-
-TEST(Ip6AddrWithFullMaskHash, Murmur3OverTheTwoHashes) {
-  // Worked out apart from the library: murmur3 (seed 0) over 0x13500e91, 0xaced0ca5.
+// Known answers, worked out apart from the library: a chained mix over the host-order words,
+// and for the masked form murmur3 (seed 0) over the two hashes 0x13500e91, 0xaced0ca5.
+TEST(Ip6AddrHash, KnownAnswers) {
+  EXPECT_EQ(ip6("2001:db8::ff00:42:8329").hash(), 0x13500e91u);
   EXPECT_EQ(Ip6AddrWithFullMask(ip6("2001:db8::ff00:42:8329"), ip6("ffff:ffff:ffff:ffff::")).hash(),
             0xd1b658dau);
 }
@@ -263,16 +245,6 @@ TEST(Ip6AddrPredicates, DerivedAddresses) {
   EXPECT_EQ(ip6("1:2:3:4::").longestCommonPrefix(ip6("1:2:3:5::")), 63u);
 }
 
-TEST(Ip6AddrPredicates, WellKnownConstants) {
-  const std::pair<Ip6Addr, const char*> constants[] = {
-      {Korva::ip6AddrAllNodes, "ff02::1"},     {Korva::ip6AddrAllRouters, "ff02::2"},
-      {Korva::ip6AddrAllHosts, "ff02::3"},     {Korva::ip6AddrVrrp, "ff02::12"},
-      {Korva::ip6AddrPimRouters, "ff02::d"},   {Korva::ip6AddrMld, "ff02::16"},
-      {Korva::ip6AddrLinkLocalBase, "ff02::"}, {Korva::ip6AddrLoopback, "::1"}};
-  for (const auto& [value, text] : constants) EXPECT_EQ(value.stringValue(), text);
-  EXPECT_EQ(Korva::ip6LinkLocalPrefix.stringValue(), "fe80::/10");
-}
-
 TEST(Ip6AddrPredicates, IndexedAccessInHostOrder) {
   Ip6Addr a = ip6("0102:0304:0506:0708:090a:0b0c:0d0e:0f10");
   for (unsigned i = 0; i < 16; ++i) EXPECT_EQ(a.u8(i), i + 1);
@@ -290,6 +262,16 @@ TEST(Ip6AddrPredicates, IndexedAccessInHostOrder) {
   EXPECT_EQ(a, ip6("::1:1122:0:d0e:f00"));
   a.u64Del(1);
   a.u32Del(1);
+  EXPECT_EQ(a, Ip6Addr());
+  // One past each width's last index is refused, and nothing changes.
+  EXPECT_EQ(failureText([&] { a.u8(16); }), "Ip6Addr::u8: index out of range");
+  EXPECT_EQ(failureText([&] { a.u8Is(16, 1); }), "Ip6Addr::u8Is: index out of range");
+  EXPECT_EQ(failureText([&] { a.u16(8); }), "Ip6Addr::u16: index out of range");
+  EXPECT_EQ(failureText([&] { a.u16Is(8, 1); }), "Ip6Addr::u16Is: index out of range");
+  EXPECT_EQ(failureText([&] { a.u32(4); }), "Ip6Addr::u32: index out of range");
+  EXPECT_EQ(failureText([&] { a.u32Is(4, 1); }), "Ip6Addr::u32Is: index out of range");
+  EXPECT_EQ(failureText([&] { a.u64(2); }), "Ip6Addr::u64: index out of range");
+  EXPECT_EQ(failureText([&] { a.u64Is(2, 1); }), "Ip6Addr::u64Is: index out of range");
   EXPECT_EQ(a, Ip6Addr());
 }
 
@@ -372,19 +354,6 @@ TEST(Ip6AddrFailures, ReaderTexts) {
       {"::1/64", "Ip6Addr: unexpected trailing characters"},
   };
   for (const auto& [text, message] : cases) EXPECT_EQ(parseFailure(text, before), message) << text;
-}
-
-TEST(Ip6AddrFailures, IndexTexts) {
-  Ip6Addr a;
-  EXPECT_EQ(failureText([&] { a.u8(16); }), "Ip6Addr::u8: index out of range");
-  EXPECT_EQ(failureText([&] { a.u8Is(16, 1); }), "Ip6Addr::u8Is: index out of range");
-  EXPECT_EQ(failureText([&] { a.u16(8); }), "Ip6Addr::u16: index out of range");
-  EXPECT_EQ(failureText([&] { a.u16Is(8, 1); }), "Ip6Addr::u16Is: index out of range");
-  EXPECT_EQ(failureText([&] { a.u32(4); }), "Ip6Addr::u32: index out of range");
-  EXPECT_EQ(failureText([&] { a.u32Is(4, 1); }), "Ip6Addr::u32Is: index out of range");
-  EXPECT_EQ(failureText([&] { a.u64(2); }), "Ip6Addr::u64: index out of range");
-  EXPECT_EQ(failureText([&] { a.u64Is(2, 1); }), "Ip6Addr::u64Is: index out of range");
-  EXPECT_EQ(a, Ip6Addr());
 }
 
 TEST(Ip6AddrFailures, MaskTexts) {

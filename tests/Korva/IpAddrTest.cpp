@@ -30,20 +30,14 @@ Prefix prefix(std::string_view text) {
 
 // --- parse ---
 
-TEST(IpAddrParse, StoresOctetsInNetworkOrder) {
-  const IpAddr a = ip("10.1.2.3");
+// Leading zeros, which glibc refuses, are decimal; the bytes are kept in network order.
+TEST(IpAddrParse, LeadingZerosAreDecimal) {
+  const IpAddr a = ip("010.001.2.0000000255");
   unsigned char bytes[4];
   a.copyToBuffer(bytes);
-  EXPECT_EQ(std::string(bytes, bytes + 4), "\x0a\x01\x02\x03");
-  EXPECT_EQ(a.value(), 0x0a010203u);
-  EXPECT_EQ(a, IpAddr(10, 1, 2, 3));
-  EXPECT_EQ(a, IpAddr::fromHostOrder(0x0a010203));
-}
-
-TEST(IpAddrParse, LeadingZerosAreDecimal) {
-  EXPECT_EQ(ip("001.002.003.004"), IpAddr(1, 2, 3, 4));
-  EXPECT_EQ(ip("010.0.0.0"), IpAddr(10, 0, 0, 0));
-  EXPECT_EQ(ip("0000000001.2.3.0000000255"), IpAddr(1, 2, 3, 255));
+  EXPECT_EQ(std::string(bytes, bytes + 4), "\x0a\x01\x02\xff");
+  EXPECT_EQ(a.value(), 0x0a0102ffu);
+  EXPECT_EQ(a, IpAddr::fromHostOrder(0x0a0102ff));
 }
 
 TEST(IpAddrParse, SequenceStopsAfterFourthOctetOrLeavesTheIteratorAlone) {
