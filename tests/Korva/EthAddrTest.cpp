@@ -1,4 +1,5 @@
 #include <Korva/EthAddr.h>
+#include <Korva/Ethernet.h>
 
 #include <gtest/gtest.h>
 #include <netinet/ether.h>
@@ -21,8 +22,6 @@ EthAddr randomEthAddr(std::mt19937_64& rng) {
   for (int i = 0; i < 6; ++i) bytes[i] = static_cast<unsigned char>(bits >> (8 * i));
   return EthAddr::fromBuffer(bytes);
 }
-
-// --- parse ---
 
 TEST(EthAddrParse, SeparatorsCaseAndDigitCounts) {
   const std::pair<const char*, EthAddr> cases[] = {
@@ -68,8 +67,6 @@ TEST(EthAddrParse, AgreesWithGlibcEtherAtonAndNtoa) {
   }
 }
 
-// --- print ---
-
 TEST(EthAddrPrint, ColonFormIsPaddedAndDottedForm) {
   EthAddr addr(0x0a1b, 0x2c3d, 0x4e5f);
   EXPECT_EQ(addr.displayString(), "0a1b.2c3d.4e5f");
@@ -78,8 +75,6 @@ TEST(EthAddrPrint, ColonFormIsPaddedAndDottedForm) {
   EXPECT_EQ(os.str(), "0a:1b:2c:3d:4e:5f");
   EXPECT_EQ(EthAddr(0x0001, 0x0203, 0x0405).stringValue(), "00:01:02:03:04:05");
 }
-
-// --- accessors ---
 
 TEST(EthAddrAccess, WordsAndBytesShareWireOrder) {
   EthAddr addr(0x0011, 0x2233, 0x4455);
@@ -105,8 +100,6 @@ TEST(EthAddrAccess, IpMulticastGroupsMapToTheirLow23Bits) {
   EXPECT_EQ(ipMcastMacAddr(IpAddr("224.255.255.255")), EthAddr("01:00:5e:7f:ff:ff"));
 }
 
-// --- predicates ---
-
 TEST(EthAddrPredicates, BroadcastUnicastMulticast) {
   const char *broadcast = "ff:ff:ff:ff:ff:ff", *group = "01:00:5e:00:00:01",
              *ip6Group = "33:33:00:00:00:01", *station = "00:11:22:33:44:55";
@@ -115,8 +108,6 @@ TEST(EthAddrPredicates, BroadcastUnicastMulticast) {
   KorvaTest::expectPredicate<EthAddr>(&EthAddr::isMulticast, {group, ip6Group}, {broadcast});
   KorvaTest::expectPredicate<EthAddr>(&EthAddr::isIp6Multicast, {ip6Group}, {group});
 }
-
-// --- order ---
 
 // The relations all follow from <=>, so it alone is checked.
 TEST(EthAddrOrder, FollowsTheBytesInWireOrder) {
@@ -131,8 +122,6 @@ TEST(EthAddrOrder, FollowsTheBytesInWireOrder) {
   }
 }
 
-// --- hash ---
-
 TEST(EthAddrHash, FoldsTheWordsThenMixes) {
   // Known values, worked out apart from the library.
   EXPECT_EQ(EthAddr("00:11:22:33:44:55").hash(), 0x5f36b40fu);
@@ -140,8 +129,6 @@ TEST(EthAddrHash, FoldsTheWordsThenMixes) {
   EXPECT_EQ(EthAddr().hash(), 0xcaa3caa3u);
   EXPECT_EQ(std::hash<EthAddr>()(EthAddr(1, 2, 3)), EthAddr(1, 2, 3).hash());
 }
-
-// --- failures ---
 
 TEST(EthAddrFailures, MalformedTextsAndValueIsKept) {
   for (const char* text :
@@ -160,8 +147,6 @@ TEST(EthAddrFailures, IndexesOutOfRange) {
   EXPECT_EQ(failureText([&] { addr.word(3); }), "EthAddr::word: index out of range");
   EXPECT_EQ(failureText([&] { addr.wordDel(3); }), "EthAddr::word: index out of range");
 }
-
-// --- Eui64 ---
 
 TEST(Eui64, ParsesAndPrintsEightBytes) {
   Eui64 id("00:11:22:33:44:55:66:77");
@@ -198,6 +183,41 @@ TEST(Eui64, FailuresKeepTheValue) {
   EXPECT_EQ(KorvaTest::parseFailure("00:11:22:33:44:55:66:77:88", before), "Invalid Eui64");
   EXPECT_EQ(KorvaTest::parseFailure("0011.2233.4455.6677 ", before), "Invalid Eui64");
   EXPECT_EQ(failureText([&] { before.byte(8); }), "Eui64::byte: index out of range");
+}
+
+TEST(EthTypeLookup, NumbersAndNamesBothWays) {
+  const std::pair<const char*, U16> table[] = {
+      {"ethTypeUnknown", 0x0000}, {"ethTypeIp", 0x0800},          {"ethTypeArpIp", 0x0806},
+      {"ethTypeDot1Q", 0x8100},   {"ethTypeQinQ", 0x9100},        {"ethTypeIp6", 0x86DD},
+      {"ethTypePtp", 0x88F7},     {"ethTypeMpls", 0x8847},        {"ethTypeDot1ah", 0x88E7},
+      {"ethTypeDot1ad", 0x88A8},  {"ethTypeLoopProtect", 0x88B7}, {"ethTypeCfm", 0x8902},
+      {"ethTypeVelora", 0xD28B}};
+  for (auto [name, number] : table) {
+    EthType byNumber = EthTypeInstance(number);
+    EXPECT_EQ(static_cast<U16>(byNumber), number) << name;
+    EXPECT_EQ(EthTypeInstance(name), byNumber) << name;
+    EXPECT_EQ(valueToStrep(byNumber), name);
+  }
+  std::ostringstream os;
+  os << EthType::ethTypeIp6 << ' ' << static_cast<EthType>(0x1234);
+  EXPECT_EQ(os.str(), "ethTypeIp6 0x1234");
+  EXPECT_EQ(failureText([] { (void)EthTypeInstance(U16(0x1234)); }), "Invalid EthType <0x1234>");
+  EXPECT_EQ(failureText([] { (void)EthTypeInstance("ethTypeIpx"); }),
+            "Invalid EthType <ethTypeIpx>");
+}
+
+TEST(EthTypeText, SequenceReadsANameOrLeavesAllAlone) {
+  const std::string text = "ethTypeMpls, next";
+  Mox::TextIter it = text.data();
+  EthType value = EthType::ethTypeUnknown;
+  sequenceToValue(it, text.data() + text.size(), &value);
+  EXPECT_EQ(value, EthType::ethTypeMpls);
+  EXPECT_EQ(std::string(it), ", next");
+  const std::string bad = "ethTypeIp4";
+  it = bad.data();
+  EXPECT_THROW(sequenceToValue(it, bad.data() + bad.size(), &value), Mox::RangeException);
+  EXPECT_EQ(value, EthType::ethTypeMpls);
+  EXPECT_EQ(it, bad.data());
 }
 
 }  // namespace

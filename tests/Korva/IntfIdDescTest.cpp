@@ -19,8 +19,6 @@ using Korva::U64;
 using Korva::U8;
 using KorvaTest::failureText;
 
-// --- model values ---
-
 TEST(IntfIdDescValues, KeysAndShortPrefixRefuseOutOfRange) {
   EXPECT_EQ(failureText([] { Korva::IntfIdPartKey(4); }),
             "IntfIdPartKey::value < IntfIdPartKey::min or > IntfIdPartKey::max not allowed");
@@ -43,8 +41,6 @@ TEST(IntfIdDescValues, PartTextRoundTrips) {
   EXPECT_EQ(read, part);
   EXPECT_EQ(it, text.data() + text.size());
 }
-
-// --- field access ---
 
 class IntfIdDescTest : public ::testing::Test {
  protected:
@@ -79,8 +75,6 @@ TEST_F(IntfIdDescTest, TypeIdReplacementDropsTheUpperWord) {
   EXPECT_EQ(GenericIntfId::typeIdIs(vlan, 100).upper(), 0xFFFFFFFFu);
   EXPECT_THROW(IntfId(U64(99) << 25).stringValue(), Mox::RangeException);  // no such layout
 }
-
-// --- plugins ---
 
 TEST_F(IntfIdDescTest, ExternalPluginTypeWorks) {
   const auto* loader = Korva::IntfIdDescPluginLoader::DefaultPluginLoader();
@@ -118,8 +112,6 @@ TEST_F(IntfIdDescTest, StandardTypesAndShortNames) {
   }
   EXPECT_EQ(typeIds.size(), std::size(names));
 }
-
-// --- registration ---
 
 // Registers test types in test mode and removes them again, so later tests in the same
 // process see the standard set.

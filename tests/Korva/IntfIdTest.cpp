@@ -23,8 +23,6 @@ class IntfIdTest : public ::testing::Test {
   Korva::IntfIdMgr* mgr = nullptr;
 };
 
-// --- null value and parse ---
-
 TEST_F(IntfIdTest, EmptyNameIsNullAndFalse) {
   EXPECT_EQ(IntfId("").value(), 0x00000000FFFFFFFFull);
   EXPECT_EQ(IntfId(""), IntfId());
@@ -71,8 +69,6 @@ TEST_F(IntfIdTest, SubInterfaceZeroAndLeadingZerosAreAccepted) {
   for (const auto& [name, printed] : cases) EXPECT_EQ(IntfId(name).stringValue(), printed);
 }
 
-// --- print / parse round trip over every registered layout ---
-
 // A random identifier of a layout, in the form the parser produces: the first `count`
 // parts set, the rest zero; parts that may not be zero are not.
 IntfId randomId(const Korva::IntfIdTrie::Layout& layout, unsigned index, std::mt19937_64& rng) {
@@ -118,8 +114,6 @@ TEST_F(IntfIdTest, PrintThenParseGivesTheSameIdForEveryLayout) {
   }
 }
 
-// --- serialised form ---
-
 TEST_F(IntfIdTest, SerialisedFormIsTheQuotedLongName) {
   const IntfId id("Ethernet3/1.100");
   EXPECT_EQ(Korva::valueToStrep(id), "'Ethernet3/1.100'");
@@ -146,8 +140,6 @@ TEST_F(IntfIdTest, DeserialisingBadTextKeepsValueAndPosition) {
     EXPECT_EQ(value, IntfId("Loopback3")) << text;
   }
 }
-
-// --- order and hash ---
 
 TEST_F(IntfIdTest, OrderIsUnsignedOverTheWholeValue) {
   EXPECT_LT(IntfId(0x00000001FFFFFFFFull), IntfId(0x0000000200000000ull));  // upper word first

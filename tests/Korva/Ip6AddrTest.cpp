@@ -42,8 +42,6 @@ in6_addr toIn6(const Ip6Addr& a) {
   return raw;
 }
 
-// --- parse ---
-
 TEST(Ip6AddrParse, SequenceLeavesTheRestToTheCaller) {
   const std::string text = "2001:db8::1/64 rest";
   Mox::TextIter it = text.data();
@@ -136,8 +134,6 @@ TEST(Ip6AddrWithMaskParse, SlashIsOptionalAndFullMasksRoundTrip) {
   }
 }
 
-// --- print ---
-
 // glibc prints the same text except that it writes IPv4-mapped and -compatible addresses
 // with a dotted tail, which this type never does.
 TEST(Ip6AddrPrint, AgreesWithInetNtop) {
@@ -173,8 +169,6 @@ TEST(Ip6AddrWithFullMaskPrint, PrefixOrMaskForm) {
   EXPECT_EQ(os.str(), "2001:db8::1 2001:db8::/32");
 }
 
-// --- order ---
-
 // The relations all follow from <=>, so it alone is checked.
 TEST(Ip6AddrOrder, BytesAsABigEndianNumber) {
   std::mt19937 rng(15);
@@ -197,8 +191,6 @@ TEST(Ip6PrefixOrder, MoreSpecificFirst) {
             Ip6AddrWithFullMask(ip6("1::1"), ip6("::")));
 }
 
-// --- hash ---
-
 // Known answers, worked out apart from the library: a chained mix over the host-order words,
 // and for the masked form murmur3 (seed 0) over the two hashes 0x13500e91, 0xaced0ca5.
 TEST(Ip6AddrHash, KnownAnswers) {
@@ -206,8 +198,6 @@ TEST(Ip6AddrHash, KnownAnswers) {
   EXPECT_EQ(Ip6AddrWithFullMask(ip6("2001:db8::ff00:42:8329"), ip6("ffff:ffff:ffff:ffff::")).hash(),
             0xd1b658dau);
 }
-
-// --- predicates ---
 
 TEST(Ip6AddrPredicates, Classes) {
   using A = Ip6Addr;
@@ -327,8 +317,6 @@ TEST(Ip6SmallTypes, PrefixLenRange) {
   EXPECT_THROW(Mox::valueFromText<Korva::Ip6PrefixLen>("200", "bad"), Mox::RangeException);
   EXPECT_EQ(Mox::valueFromText<Korva::Ip6AddrU8Key>("3", "bad"), Korva::Ip6AddrU8Key(3));
 }
-
-// --- failures ---
 
 TEST(Ip6AddrFailures, ReaderTexts) {
   const Ip6Addr before = ip6("9::9");

@@ -28,8 +28,6 @@ Prefix prefix(std::string_view text) {
   return Prefix(text);
 }
 
-// --- parse ---
-
 // Leading zeros, which glibc refuses, are decimal; the bytes are kept in network order.
 TEST(IpAddrParse, LeadingZerosAreDecimal) {
   const IpAddr a = ip("010.001.2.0000000255");
@@ -138,8 +136,6 @@ TEST(IpAddrWithFullMaskParse, GenericFormBothWays) {
   }
 }
 
-// --- print ---
-
 TEST(IpAddrPrint, AgreesWithInetNtop) {
   std::mt19937 rng(4);
   for (int i = 0; i < 100000; ++i) {
@@ -166,8 +162,6 @@ TEST(IpAddrWithFullMaskPrint, PrefixFormForContiguousMasks) {
   }
 }
 
-// --- order ---
-
 // The relations all follow from <=>, so it alone is checked.
 TEST(IpAddrOrder, AgreesWithHostNumbers) {
   std::mt19937 rng(5);
@@ -192,8 +186,6 @@ TEST(IpAddrWithMaskOrder, AddressThenLength) {
   EXPECT_LT(IpAddrWithFullMask(ip("1.0.0.0"), 7), IpAddrWithFullMask(ip("1.0.0.1"), 6));
 }
 
-// --- hash ---
-
 TEST(IpAddrHash, MixOfTheStoredWord) {
   // The stored word read as a host integer: on this little-endian host 1.2.3.4 is 0x04030201.
   // Known values, worked out apart from the library.
@@ -201,8 +193,6 @@ TEST(IpAddrHash, MixOfTheStoredWord) {
   EXPECT_EQ(IpAddr().hash(), 0xcaa3caa3u);
   EXPECT_EQ(prefix("10.0.0.0/8").hash(), 0xc13c560au);
 }
-
-// --- predicates ---
 
 TEST(IpAddrPredicates, Classes) {
   using A = IpAddr;
@@ -251,8 +241,6 @@ TEST(PrefixPredicates, ConstructorCheckKeepsTheNullLength) {
   EXPECT_EQ(parseFailure<Prefix>("10.0.0.0/4294967295"),
             "Invalid Prefix - non-zero after prefixlen");
 }
-
-// --- failures ---
 
 TEST(IpAddrFailures, InvalidTexts) {
   const IpAddr before(9, 9, 9, 9);

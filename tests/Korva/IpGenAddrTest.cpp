@@ -20,8 +20,6 @@ IpGenAddr gen(std::string_view text) {
   return IpGenAddr(text);
 }
 
-// --- parse ---
-
 TEST(IpGenAddrParse, FamilyFromText) {
   EXPECT_EQ(gen("1.2.3.4"), IpGenAddr(IpAddr(1, 2, 3, 4)));
   EXPECT_EQ(gen("::ffff:1.2.3.4"), IpGenAddr(Ip6Addr(0, 0, 0, 0, 0, 0xffff, 0x102, 0x304)));
@@ -56,8 +54,6 @@ TEST(AddressFamilyText, EnumeratorNames) {
   EXPECT_THROW(Mox::valueFromText<AddressFamily>("ipv5", "bad"), Mox::RangeException);
 }
 
-// --- print ---
-
 TEST(IpGenAddrPrint, TextAndBytesPerFamily) {
   EXPECT_EQ(IpGenAddr().stringValue(), "::");
   EXPECT_EQ(IpGenAddr(AddressFamily::ipv4).stringValue(), "0.0.0.0");
@@ -71,8 +67,6 @@ TEST(IpGenAddrPrint, TextAndBytesPerFamily) {
   // The IPv4 word sits in the first four bytes of the area, the rest zero.
   EXPECT_EQ(v4.privateV6Addr(), Ip6Addr(0x0a01, 0x0203, 0, 0, 0, 0, 0, 0));
 }
-
-// --- order ---
 
 TEST(IpGenAddrOrder, FamilyFirst) {
   EXPECT_LT(gen("255.255.255.255"), gen("::"));
@@ -94,15 +88,11 @@ TEST(IpGenAddrOrder, SortKeyPutsIpv4AfterMostIpv6) {
   EXPECT_LT(gen("0.0.0.0").sortKey(), gen("ffff:ffff:1::").sortKey());
 }
 
-// --- hash ---
-
 TEST(IpGenAddrHash, FamilyHashes) {
   EXPECT_EQ(gen("1.2.3.4").hash(), IpAddr(1, 2, 3, 4).hash());
   EXPECT_EQ(gen("2001:db8::1").hash(), Ip6Addr("2001:db8::1").hash());
   EXPECT_EQ(IpGenAddr().hash(), 0u);
 }
-
-// --- predicates ---
 
 TEST(IpGenAddrPredicates, DelegateToTheFamily) {
   using A = IpGenAddr;
@@ -132,8 +122,6 @@ TEST(IpGenAddrPredicates, SettingAViewSetsTheFamily) {
   a.v4AddrIs(IpAddr());
   EXPECT_TRUE(a.isAddrZero());
 }
-
-// --- failures ---
 
 TEST(IpGenAddrFailures, Texts) {
   const IpGenAddr before = gen("9.9.9.9");

@@ -32,8 +32,6 @@ IpGenAddr gen(std::string_view text) {
   return IpGenAddr(text);
 }
 
-// --- parse ---
-
 TEST(IpGenPrefixParse, FamilyFromTextAndSlashOptional) {
   EXPECT_EQ(prefix("10.1.1.1"), IpGenPrefix(IpAddr(10, 1, 1, 1), 32));
   EXPECT_EQ(prefix("10.1.1.0/24"), IpGenPrefix(IpAddr(10, 1, 1, 0), 24));
@@ -85,8 +83,6 @@ TEST(IpGenPrefixBaseParse, GenericForm) {
             "Invalid IpGenPrefixBase");
 }
 
-// --- order ---
-
 TEST(IpGenPrefixOrder, FamilyThenMoreSpecificFirst) {
   EXPECT_EQ(
       KorvaTest::sortedTexts<IpGenPrefix>({"2001:db8::/32", "10.0.0.0/8", "::/0", "10.1.0.0/16",
@@ -116,8 +112,6 @@ TEST(IpGenAddrWithMaskOrder, AddressThenLength) {
   EXPECT_LT(IpGenAddrWithMask("1::1/64"), IpGenAddrWithMask("1::/48"));
 }
 
-// --- hash ---
-
 // Known values of the mix of the address hash and the length, worked out apart from the library.
 TEST(IpGenPrefixHash, MixOfAddressAndLengthAndSortKey) {
   EXPECT_EQ(prefix("10.0.0.0/8").hash(), 0xc13c560au);
@@ -129,8 +123,6 @@ TEST(IpGenPrefixHash, MixOfAddressAndLengthAndSortKey) {
   EXPECT_EQ(prefix("2001:db8:1:2::/64").sortKey(), 0x20010db800010002u);
   EXPECT_EQ(IpGenPrefixBase().sortKey(), 0u);
 }
-
-// --- predicates ---
 
 TEST(IpGenPrefixPredicates, ContainsAndOverlapsWithinTheFamily) {
   const IpGenPrefix ten = prefix("10.0.0.0/8");
@@ -179,8 +171,6 @@ TEST(IpGenPrefixPredicates, ConstructorsAndConversions) {
             "Prefix::validAsPrefix != true not allowed");
 }
 
-// --- collections ---
-
 TEST(IpGenPrefixSetOps, InsertOverwriteDelete) {
   Korva::IpGenPrefixSet set;
   EXPECT_TRUE(set.prefixIs(prefix("10.0.0.0/8"), true));
@@ -226,8 +216,6 @@ TEST(IpGenPrefixCollNotify, PerKeyAndOnlyOnChange) {
   coll->prefixSetIs(prefix("10.0.0.0/8"), true);
   EXPECT_EQ(recorder.keys.size(), 2u);
 }
-
-// --- failures ---
 
 // Every prefix-like reader over random and mangled texts: a failure leaves the value alone,
 // and whatever is accepted prints as a text that reads back to the same value.

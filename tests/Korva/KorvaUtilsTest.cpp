@@ -27,8 +27,6 @@ struct Case {
   const char* out;
 };
 
-// --- converters: every row of each table ---
-
 TEST(IntfNameConverters, LongToKernelEveryRow) {
   const Case cases[] = {
       {"Ethernet3/1", "et3_1"},
@@ -100,8 +98,6 @@ TEST(IntfNameConverters, NoMatchingWordThrowsEachConvertersMessage) {
             "Unable to convert short if name to VEX if name");
 }
 
-// --- lenient parse ---
-
 TEST(IntfNameLenientParse, AcceptsEveryFormAndPassesTheLastFailureOn) {
   KorvaTest::intfIdMgr();
   for (const char* name : {"Ethernet3/1", "et3_1", "Et3/1"}) {
@@ -117,8 +113,6 @@ TEST(IntfNameLenientParse, AcceptsEveryFormAndPassesTheLastFailureOn) {
   EXPECT_EQ(failureText([] { Korva::stringToVexIntf("Vl0"); }),
             "Invalid IntfId, zero not valid <Vlan0>");
 }
-
-// --- natural order ---
 
 class IntfNameOrder : public ::testing::Test {
  protected:

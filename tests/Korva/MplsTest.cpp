@@ -32,8 +32,6 @@ MplsLabelOperation push(const std::vector<U32>& labels, bool entropyLabel = fals
 const char* const labelRangeText =
     "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed";
 
-// --- labels ---
-
 TEST(MplsLabel, RangeAndPrettyTexts) {
   EXPECT_EQ(MplsLabel().value(), MplsLabel::null);
   EXPECT_EQ(failureText([] { MplsLabel(0x800001); }), labelRangeText);
@@ -66,8 +64,6 @@ TEST(MplsLabel, ParseRoundTripsAndFailuresKeepTheValue) {
     EXPECT_EQ(KorvaTest::parseFailure(text, MplsLabel(16)), message) << text;
   }
 }
-
-// --- stack rules ---
 
 struct StackCase {
   char op;  // 'a'ppend, 'p'repend or 'e'xtend
@@ -136,8 +132,6 @@ TEST(MplsStackResultDeathTest, UnknownErrorFailsTheAssertion) {
                "\"handle any new result types\"\" failed");
 }
 
-// --- accessors ---
-
 TEST(MplsStackAccess, IndexesAndSizes) {
   BoundedMplsLabelStack stack;
   EXPECT_EQ(failureText([&] { stack.labelIs(6, MplsLabel(1)); }),
@@ -162,8 +156,6 @@ TEST(MplsStackRules, PrependComparesLabelZeroEvenOnAClearedStack) {
   EXPECT_EQ(stack.prepend(MplsLabel(2)).stackError(), Error::LABEL_IGNORED);
   EXPECT_EQ(stack.stackSize(), 0u);
 }
-
-// --- comparisons, hash and text ---
 
 TEST(MplsStackValue, SlotsAboveTheSizeCarryNoMeaning) {
   BoundedMplsLabelStack a = stackOf({16, 17});
@@ -210,8 +202,6 @@ TEST(MplsOperationValue, TextRoundTripsAndOrder) {
   EXPECT_NE(push({16}).hash(), push({16}, true).hash());
 }
 
-// --- implicit nulls of a push ---
-
 TEST(MplsOperationImplicitNull, PushDropsThemPopAndSwapEmptyTheStack) {
   MplsLabelOperation operation = push({3, 16, 3, 17, 3});
   operation.removeImplicitNullForPush();
@@ -227,8 +217,6 @@ TEST(MplsOperationImplicitNull, PushDropsThemPopAndSwapEmptyTheStack) {
     EXPECT_EQ(other.boundedLabelStack().label(1), MplsLabel(MplsLabel::null));
   }
 }
-
-// --- smush ---
 
 // The inner push goes below the outer one; flags the outer push cannot take over are
 // reported, and a refused stack is left alone while the flags still move.

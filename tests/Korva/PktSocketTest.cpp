@@ -27,8 +27,6 @@ using SocketTest::expectErrnoFailure;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-// --- Protocol: text ---
-
 TEST(ProtocolText, BoundariesRoundTrip) {
   for (U16 number : {0, 1, 9, 10, 0x0800, 0xFFFE, 0xFFFF}) {
     const Protocol printed{number};
@@ -60,8 +58,6 @@ TEST(ProtocolText, SequenceReadsAPrefixOrNothing) {
   EXPECT_EQ(*it, 'x');
   EXPECT_EQ(value.value(), 89);
 }
-
-// --- PktSocket over a UDP socket on loopback ---
 
 // A bound UDP socket owned by a PktSocket, and a plain peer socket bound beside it.
 class UdpPktSocket : public ::testing::Test {

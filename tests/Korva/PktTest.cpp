@@ -30,8 +30,6 @@ PktPtr shallowCopy(const PktPtr& pkt) {
   return Korva::globalPktManager()->newShallowCopy(pkt);
 }
 
-// --- head and tail room ---
-
 TEST(PktHeadRoom, NewPktIsAllHeadRoomAndPrependingNeverMovesThePayload) {
   EXPECT_EQ(Korva::globalPktManager()->name(), "Pkt::Manager");
   PktPtr pkt = newPkt();
@@ -94,8 +92,6 @@ TEST(PktHeadRoom, TailGrowthKeepsDataAndLeavesHeadRoom) {
   EXPECT_EQ(pkt->sharedBuffer()->tailRoom(), 4u);
 }
 
-// --- bytes ---
-
 TEST(PktBytes, RawBytesAndScatterEntries) {
   std::string frame("\x01\x02\x03\x00\xff\x00", 6);
   PktPtr pkt = pktWith(frame);
@@ -107,8 +103,6 @@ TEST(PktBytes, RawBytesAndScatterEntries) {
   EXPECT_EQ(KorvaTest::failureText([&] { pkt->iov(0); }), "no such iovec");
   EXPECT_EQ(KorvaTest::failureText([&] { pkt->iov(2); }), "no such iovec");
 }
-
-// --- shallow copies and the private head ---
 
 TEST(PktShallowCopy, SharesTheBufferWithoutCopying) {
   PktPtr source = pktWith("shared bytes");
@@ -146,8 +140,6 @@ TEST(PktShallowCopy, PrivateHeadPrependsWithoutTouchingTheSharedBuffer) {
   EXPECT_EQ(copy->stringValue(), "bod");
   EXPECT_EQ(copy->privateHeadBytes(), 0u);
 }
-
-// --- the separate VLAN tag ---
 
 // Addresses 01..0c, then the EtherType of IPv4.
 const std::string frame("\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x08\x00", 14);
@@ -187,8 +179,6 @@ TEST(PktLifetime, PacketsOutliveTheThreadThatMadeThem) {
   maker.join();
   EXPECT_EQ(survivor->stringValue(), "from another thread");
 }
-
-// --- assertions ---
 
 TEST(PktDeathTest, Assertions) {
   PktPtr pkt = newPkt();
