@@ -1,6 +1,8 @@
 #include <Korva/Checksum.h>
+#include <Korva/Crc32.h>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <cstring>
 #include <random>
@@ -70,15 +72,19 @@ TEST(Checksum, LargeBuffersCrossEveryInternalBlock) {
   }
 }
 
-TEST(Checksum, ChecksummedDataSumsToZeroAndAnOddByteIsPadded) {
-  U8 bytes[10] = {0x45, 0x00, 0x12, 0x34, 0xFF, 0xFF, 0, 0, 0x80, 0x01};
-  Korva::IpChecksum sum = Korva::ipChecksumCalc(bytes, sizeof bytes, 0);
-  std::memcpy(bytes + 6, &sum, 2);
-  EXPECT_EQ(Korva::ipChecksumCalc(bytes, sizeof bytes, 0).value(), 0);
-  EXPECT_EQ(Korva::ipChksum(bytes, sizeof bytes), 0);
-  const U8 odd[] = {1, 2, 3}, even[] = {1, 2, 3, 0};
-  EXPECT_EQ(Korva::ipChecksumCalc(odd, 3, 0).value(), U16(~(0x0102 + 0x0300)));
-  EXPECT_EQ(Korva::ipChksum(odd, 3), Korva::ipChksum(even, 4));
+// Every length, any alignment, and continued from a random split, as zlib's crc32 does.
+TEST(Crc32, MatchesZlibForEveryLengthAlignmentAndSplit) {
+  std::mt19937 rng(0x04C11DB7);
+  std::vector<U8> storage = randomBytes(rng, 4096 + 64);
+  EXPECT_EQ(Korva::Crc32::crc(nullptr, 0), 0u);
+  for (U32 len = 0; len <= 4096; ++len) {
+    const U8* p = storage.data() + rng() % 64;
+    const U32 expected = U32(crc32(0, p, len));
+    ASSERT_EQ(Korva::Crc32::crc(p, len), expected) << "len " << len;
+    const U32 split = rng() % (len + 1);
+    ASSERT_EQ(Korva::Crc32::crc(p + split, len - split, Korva::Crc32::crc(p, split)), expected)
+        << "len " << len << " split " << split;
+  }
 }
 
 TEST(ChecksumDeathTest, OddChunkLengthAborts) {
