@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "BoundedRun.h"
+#include "SocketTestUtil.h"
 
 #include <string>
 #include <vector>
@@ -15,12 +16,7 @@ namespace {
 using Korva::PamConnector;
 using Korva::PamConnectorPam;
 using Mox::Ptr;
-
-Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
-  Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
-  pkt->stringValueIs(bytes);
-  return pkt;
-}
+using SocketTest::packetOf;
 
 Ptr<PamConnector> newConnector() {
   return Korva::PamConnectorIs(Mox::ActivityConfig::current(), Mox::make<Mox::Clock>("connector"));

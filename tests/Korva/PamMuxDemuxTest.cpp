@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "BoundedRun.h"
+#include "SocketTestUtil.h"
 
 #include <map>
 #include <random>
@@ -20,12 +21,7 @@ using Mode = Korva::PamMuxDemux::Mode;
 using Mox::Ptr;
 using Mox::U32;
 using Mox::U8;
-
-Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
-  Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
-  pkt->stringValueIs(bytes);
-  return pkt;
-}
+using SocketTest::packetOf;
 
 // A source whose every read takes `step` seconds of virtual time.
 class SlowPam : public Korva::SimpleTestPam {

@@ -9,12 +9,15 @@
 
 #include <gtest/gtest.h>
 
+#include "SocketTestUtil.h"
+
 #include <string>
 #include <vector>
 
 namespace {
 
 using Mox::Ptr;
+using SocketTest::packetOf;
 
 // A Pam over one datagram socket: the smallest concrete Pam.
 class SocketTestPam : public Korva::Pam {
@@ -33,53 +36,13 @@ class SocketTestPam : public Korva::Pam {
   Korva::PamFd pamFd;
 };
 
-// Records every hook of a Pam in order.
+// Records the readiness hooks of a Pam in order.
 struct Recorder : Korva::Pam::Notifiee {
   explicit Recorder(Korva::Pam* pam) { notifierIs(pam); }
   void onReadableCount() override { events.push_back("readable"); }
   void onWritableCount() override { events.push_back("writable"); }
-  void onTxDrops() override { events.push_back("txDrops"); }
-  void onSavedPacket(Mox::U16 index) override { events.push_back("saved" + std::to_string(index)); }
-  void onSavedPacketRx(Mox::U16 index) override {
-    events.push_back("savedRx" + std::to_string(index));
-  }
   std::vector<std::string> events;
 };
-
-Ptr<Korva::Pkt> packetOf(const std::string& bytes) {
-  Ptr<Korva::Pkt> pkt = Korva::globalPktManager()->newPkt();
-  pkt->stringValueIs(bytes);
-  return pkt;
-}
-
-TEST(Pam, CountersNotifyOnlyOnRealChange) {
-  Ptr<Korva::SimpleTestPam> pam = Korva::simpleTestPamFactory();
-  Recorder recorder(pam.get());
-  pam->readableCountInc(0);
-  pam->txDropsIs(0);
-  EXPECT_TRUE(recorder.events.empty());
-  pam->readableCountInc(2);
-  pam->txDropsIs(5);
-  pam->txDropsIs(5);
-  EXPECT_EQ(recorder.events, (std::vector<std::string>{"readable", "txDrops"}));
-  EXPECT_EQ(pam->readableCount(), 2u);
-}
-
-TEST(Pam, SavedPacketsNotifyByIndex) {
-  Ptr<Korva::SimpleTestPam> pam = Korva::simpleTestPamFactory();
-  Recorder recorder(pam.get());
-  pam->savedPacketIs(65535, packetOf("x"));
-  pam->savedPacketRxIs(3, true);
-  pam->savedPacketDel(7);  // absent: nobody hears of it
-  pam->savedPacketDel(65535);
-  EXPECT_EQ(recorder.events, (std::vector<std::string>{"saved65535", "savedRx3", "saved65535"}));
-}
-
-TEST(Pam, RxPktOfNothingIsEmptyAndLeavesTheHolderEmpty) {
-  Ptr<Korva::SimpleTestPam> pam = Korva::simpleTestPamFactory();
-  EXPECT_FALSE(pam->rxPkt());
-  EXPECT_FALSE(pam->rxPktHolder());
-}
 
 TEST(PamDeathTest, BaseReceiveHookAborts) {
   struct BarePam : Korva::Pam {
@@ -155,17 +118,6 @@ TEST(ReqResponsePamFdSmDeathTest, NeedsARequestResponsePam) {
   Ptr<Korva::ReqResponsePamFdSm> fdSm =
       Korva::ReqResponsePamFdSmIs(Mox::ActivityConfig::current(), nullptr, pam.get());
   EXPECT_DEATH(fdSm->handleWritable(), "Assertion \"reqResponsePam\" failed");
-}
-
-TEST(SimpleTestPam, RepeatsItsPacketAsOftenAsAsked) {
-  Ptr<Korva::SimpleTestPam> pam = Korva::simpleTestPamFactory();
-  Ptr<Korva::Pkt> pkt = packetOf("canned");
-  pam->repeatRxPktIs(pkt);
-  pam->repeatRxPktCntIs(2);
-  EXPECT_EQ(pam->rxPkt(), pkt);
-  EXPECT_EQ(pam->rxPkt(), pkt);
-  EXPECT_FALSE(pam->rxPkt());
-  EXPECT_EQ(pam->repeatRxPktCnt(), 0u);
 }
 
 TEST(SimpleTestPam, CountsSentPacketsPerInterface) {
