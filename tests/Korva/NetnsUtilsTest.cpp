@@ -6,7 +6,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/sockios.h>
-#include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -16,7 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -54,69 +52,45 @@ Mox::U64 socketNsInode(int fd) {
   return inode;
 }
 
-bool haveNamespacePrivileges() {
-  // Creating a namespace is the privilege every test here needs; try it for real.
-  const std::string probe = "korva-probe-" + std::to_string(getpid());
-  if (netNsAdd(probe) < 0) return false;
-  netNsDelete(probe);
-  return true;
-}
-
-// A uniquely named namespace, removed in every outcome.
-class ScopedNs {
- public:
-  ScopedNs() : name_("korva-test-" + std::to_string(getpid()) + "-" + std::to_string(next_++)) {}
-  ~ScopedNs() { netNsDelete(name_); }
-  const std::string& name() const { return name_; }
-
- private:
-  static inline std::atomic<int> next_{0};
-  std::string name_;
-};
-
+// A namespace made by netNsAdd (SocketTest::ScopedNs) for each test, traces on.
 class NetnsUtils : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!haveNamespacePrivileges()) {
-      GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
-    }
+    ownInode_ = threadNsInode();
+    ns_ = std::make_unique<SocketTest::ScopedNs>("nu");
+    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
     Mox::traceConfigIs("NetnsUtils/0-9");
   }
   void TearDown() override { Mox::traceConfigIs(""); }
+  const std::string& name() const { return ns_->name(); }
+
+  Mox::U64 ownInode_ = 0;
+  std::unique_ptr<SocketTest::ScopedNs> ns_;
 };
 
-TEST_F(NetnsUtils, AddMakesANamedNamespaceThatIpNetnsUses) {
-  ScopedNs ns;
-  const Mox::U64 before = threadNsInode();
-  ASSERT_EQ(netNsAdd(ns.name()), 0);
-  EXPECT_EQ(threadNsInode(), before) << "the caller must be back in its own namespace";
-  EXPECT_TRUE(Korva::netNsExists(ns.name()));
-  EXPECT_NE(netNsInode(ns.name()), before);
+TEST_F(NetnsUtils, AddMakesANamedNamespaceThatIpNetnsUsesAndRefusesItsNameAgain) {
+  EXPECT_EQ(threadNsInode(), ownInode_) << "the caller must be back in its own namespace";
+  EXPECT_TRUE(Korva::netNsExists(name()));
+  const Mox::U64 inode = netNsInode(name());
+  EXPECT_NE(inode, ownInode_);
   // The loopback device of the new namespace is up, and `ip` sees the same namespace.
-  const std::string command = "ip netns exec " + ns.name() + " ip -o link show lo | grep -q UP";
+  const std::string command = "ip netns exec " + name() + " ip -o link show lo | grep -q UP";
   EXPECT_EQ(std::system(command.c_str()), 0);
-}
-
-TEST_F(NetnsUtils, AddOfAnExistingNameFailsAndKeepsIt) {
-  ScopedNs ns;
-  ASSERT_EQ(netNsAdd(ns.name()), 0);
-  const Mox::U64 inode = netNsInode(ns.name());
-  EXPECT_EQ(netNsAdd(ns.name()), -1);
+  EXPECT_EQ(netNsAdd(name()), -1);
   EXPECT_EQ(errno, EEXIST);
-  EXPECT_EQ(netNsInode(ns.name()), inode);
+  EXPECT_EQ(netNsInode(name()), inode);
 }
 
 TEST_F(NetnsUtils, AddEvenIfPresentReplacesTheNamespace) {
-  ScopedNs ns;
-  ASSERT_EQ(netNsAdd(ns.name()), 0);
-  const Mox::U64 first = netNsInode(ns.name());
-  int oldSocket = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
+  const std::string& ns = name();
+  const Mox::U64 first = netNsInode(ns);
+  int oldSocket = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns);
   ASSERT_GE(oldSocket, 0);
-  ASSERT_EQ(Korva::netNsAddEvenIfPresent(ns.name()), 0);
-  const Mox::U64 second = netNsInode(ns.name());
+  ASSERT_EQ(Korva::netNsAddEvenIfPresent(ns), 0);
+  const Mox::U64 second = netNsInode(ns);
   EXPECT_NE(first, second);
   // Sockets made after the replacement live in the new namespace, not the cached old one.
-  int newSocket = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
+  int newSocket = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns);
   ASSERT_GE(newSocket, 0);
   EXPECT_EQ(socketNsInode(oldSocket), first);
   EXPECT_EQ(socketNsInode(newSocket), second);
@@ -124,36 +98,41 @@ TEST_F(NetnsUtils, AddEvenIfPresentReplacesTheNamespace) {
   close(newSocket);
 }
 
-TEST_F(NetnsUtils, DeleteOfAMissingNameFailsWithTrace) {
+// Every call names a missing namespace in its trace and fails with -1, errno kept.
+TEST_F(NetnsUtils, AMissingNamespaceFailsEachCallWithItsTrace) {
+  const char* missing = "korva-test-missing";
   Mox::TraceCapture capture;
-  EXPECT_EQ(netNsDelete("korva-test-never-made"), -1);
-  EXPECT_TRUE(capture.contains("Tried to delete a ns that didn't exist: korva-test-never-made"));
-  EXPECT_FALSE(Korva::netNsExists("korva-test-never-made"));
-  EXPECT_TRUE(capture.contains("stat failed for /var/run/netns/korva-test-never-made : "));
+  EXPECT_EQ(netNsDelete(missing), -1);
+  EXPECT_TRUE(capture.contains("Tried to delete a ns that didn't exist: korva-test-missing"));
+  EXPECT_FALSE(Korva::netNsExists(missing));
+  EXPECT_TRUE(capture.contains("stat failed for /var/run/netns/korva-test-missing : "));
+  EXPECT_EQ(Korva::setns_by_name(missing), -1);
+  EXPECT_TRUE(capture.contains("Cannot setns to korva-test-missing : "));
+  EXPECT_EQ(Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing), -1);
+  EXPECT_EQ(errno, ENOENT);
+  bool valid = true;
+  EXPECT_EQ(Korva::validateNetNs(std::string(missing), &valid), -1);
+  EXPECT_FALSE(valid);
+  EXPECT_EQ(Korva::moveIntfNetNs("kvtNone", missing, name()), -1);
 }
 
 TEST_F(NetnsUtils, SocketAtOpensInTheNamedNamespaceWithoutMovingTheCaller) {
-  ScopedNs ns;
-  ASSERT_EQ(netNsAdd(ns.name()), 0);
-  const Mox::U64 own = threadNsInode();
   for (int i = 0; i < 3; ++i) {
-    int fd = Korva::socketAt(AF_INET6, SOCK_DGRAM, 0, ns.name());
+    int fd = Korva::socketAt(AF_INET6, SOCK_DGRAM, 0, name());
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(socketNsInode(fd), netNsInode(ns.name()));
-    EXPECT_EQ(threadNsInode(), own);
+    EXPECT_EQ(socketNsInode(fd), netNsInode(name()));
+    EXPECT_EQ(threadNsInode(), ownInode_);
     close(fd);
   }
   // The agent's own namespace, by its default name, needs no worker.
   const std::string agentNs = Korva::NamespaceName::defaultNamespace().value();
   EXPECT_EQ(agentNs, Korva::DEFAULT_NS);
-  int plain = Korva::socket_at(AF_INET, SOCK_STREAM, 0, agentNs);
-  ASSERT_GE(plain, 0);
-  EXPECT_EQ(socketNsInode(plain), own);
-  close(plain);
-  int unnamed = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, "");
-  ASSERT_GE(unnamed, 0);
-  EXPECT_EQ(socketNsInode(unnamed), own);
-  close(unnamed);
+  for (const std::string& own : {agentNs, std::string()}) {
+    int plain = Korva::socket_at(AF_INET, SOCK_STREAM, 0, own);
+    ASSERT_GE(plain, 0);
+    EXPECT_EQ(socketNsInode(plain), ownInode_);
+    close(plain);
+  }
 }
 
 // Whether any thread of this process is inside the namespace with that inode.
@@ -170,14 +149,12 @@ bool anyThreadIn(Mox::U64 inode) {
 }
 
 TEST_F(NetnsUtils, DeleteLetsTheNamespaceGo) {
-  ScopedNs ns;
-  ASSERT_EQ(netNsAdd(ns.name()), 0);
-  const Mox::U64 inode = netNsInode(ns.name());
-  int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
+  const Mox::U64 inode = netNsInode(name());
+  int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, name());
   ASSERT_GE(fd, 0);
   close(fd);
   EXPECT_TRUE(anyThreadIn(inode)) << "the socket worker lives there";
-  ASSERT_EQ(netNsDelete(ns.name()), 0);
+  ASSERT_EQ(netNsDelete(name()), 0);
   EXPECT_FALSE(anyThreadIn(inode)) << "no thread may keep a deleted namespace alive";
 }
 
@@ -185,36 +162,32 @@ TEST_F(NetnsUtils, WorkersEndWhenOthersDeleteTheirNamespaces) {
   const char* missing = "korva-test-missing";
   Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing);  // ends what earlier tests left parked
   const size_t baseline = SocketTest::threadCount();
-  std::vector<std::unique_ptr<ScopedNs>> spaces;
+  struct Names : std::vector<std::string> {
+    ~Names() {
+      for (const std::string& ns : *this) {
+        if (Korva::netNsExists(ns)) netNsDelete(ns);
+      }
+    }
+  } spaces;
   for (int i = 0; i < 60; ++i) {
-    const ScopedNs& ns = *spaces.emplace_back(std::make_unique<ScopedNs>());
-    ASSERT_EQ(std::system(("ip netns add " + ns.name()).c_str()), 0);
-    int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns.name());
+    const std::string& ns = spaces.emplace_back(name() + "-" + std::to_string(i));
+    ASSERT_EQ(std::system(("ip netns add " + ns).c_str()), 0);
+    int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns);
     ASSERT_GE(fd, 0);
     close(fd);
     ASSERT_LE(SocketTest::threadCount(), baseline + 8) << "parked workers are bounded";
   }
-  for (const auto& ns : spaces) {
-    ASSERT_EQ(std::system(("ip netns del " + ns->name()).c_str()), 0);
+  for (const std::string& ns : spaces) {
+    ASSERT_EQ(std::system(("ip netns del " + ns).c_str()), 0);
   }
   EXPECT_EQ(Korva::socketAt(AF_INET, SOCK_DGRAM, 0, missing), -1);
   EXPECT_EQ(SocketTest::threadCount(), baseline)
       << "one use ends the workers of deleted namespaces";
 }
 
-TEST_F(NetnsUtils, SocketAtAMissingNamespaceKeepsErrno) {
-  Mox::TraceCapture capture;
-  EXPECT_EQ(Korva::socketAt(AF_INET, SOCK_DGRAM, 0, "korva-test-missing"), -1);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_TRUE(capture.contains("korva-test-missing"));
-}
-
 TEST_F(NetnsUtils, ValidateTellsEnterableFromNot) {
-  ScopedNs ns;
-  ASSERT_EQ(netNsAdd(ns.name()), 0);
-  const Mox::U64 own = threadNsInode();
   bool valid = false;
-  EXPECT_EQ(Korva::validateNetNs(ns.name(), &valid), 0);
+  EXPECT_EQ(Korva::validateNetNs(name(), &valid), 0);
   EXPECT_TRUE(valid);
   int pipeFds[2];
   ASSERT_EQ(pipe(pipeFds), 0);
@@ -228,22 +201,12 @@ TEST_F(NetnsUtils, ValidateTellsEnterableFromNot) {
   ASSERT_EQ(fcntl(closedFd, F_GETFD), -1);
   EXPECT_EQ(Korva::validateNetNs(closedFd, &valid), 0);
   EXPECT_FALSE(valid);
-  EXPECT_EQ(threadNsInode(), own);
-  EXPECT_EQ(Korva::validateNetNs(std::string("korva-test-missing"), &valid), -1);
-  EXPECT_FALSE(valid);
-}
-
-TEST_F(NetnsUtils, SetNsByNameEntersAndReportsFailures) {
-  ScopedNs ns;
-  ASSERT_EQ(netNsAdd(ns.name()), 0);
+  EXPECT_EQ(threadNsInode(), ownInode_);
   std::thread visitor([&] {
-    EXPECT_EQ(Korva::setNsByName(ns.name()), 0);
-    EXPECT_EQ(threadNsInode(), netNsInode(ns.name()));
+    EXPECT_EQ(Korva::setNsByName(name()), 0);
+    EXPECT_EQ(threadNsInode(), netNsInode(name()));
   });
   visitor.join();
-  Mox::TraceCapture capture;
-  EXPECT_EQ(Korva::setns_by_name("korva-test-missing"), -1);
-  EXPECT_TRUE(capture.contains("Cannot setns to korva-test-missing : "));
 }
 
 // In a child of a death test: names what failed and ends the child when `ok` is false.
@@ -312,16 +275,12 @@ TEST_F(NetnsUtils, RemountMakesTheNamespaceDirectoryShared) {
 }
 
 TEST_F(NetnsUtils, MoveIntfCarriesAVethEndAcross) {
-  ScopedNs from, to;
-  ASSERT_EQ(netNsAdd(from.name()), 0);
-  ASSERT_EQ(netNsAdd(to.name()), 0);
-  const std::string add = "ip -n " + from.name() + " link add kvtA type veth peer name kvtB";
-  ASSERT_EQ(std::system(add.c_str()), 0);
-  ASSERT_EQ(Korva::move_intf_netns("kvtB", from.name(), to.name()), 0);
-  EXPECT_EQ(std::system(("ip -n " + to.name() + " link show kvtB >/dev/null").c_str()), 0);
-  EXPECT_NE(std::system(("ip -n " + from.name() + " link show kvtB >/dev/null 2>&1").c_str()), 0);
-  Mox::TraceCapture capture;
-  EXPECT_EQ(Korva::moveIntfNetNs("kvtNone", from.name(), to.name()), -1);
+  SocketTest::ScopedNs to("nu");
+  ASSERT_TRUE(ns_->ip("link add kvtA type veth peer name kvtB"));
+  ASSERT_EQ(Korva::move_intf_netns("kvtB", name(), to.name()), 0);
+  EXPECT_TRUE(to.ip("link show kvtB"));
+  EXPECT_FALSE(ns_->ip("link show kvtB"));
+  EXPECT_EQ(Korva::moveIntfNetNs("kvtNone", name(), to.name()), -1);
   EXPECT_EQ(errno, ENODEV);
 }
 
