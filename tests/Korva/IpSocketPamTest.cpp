@@ -1,3 +1,8 @@
+// The raw IP Pams against peers that are not our code: ping, ping -6, Python sockets, and
+// the kernel's own option read-back; a reader records each packet with what it carried.
+#include <Korva/Ip6Hdr.h>
+#include <Korva/Ip6HdrInclSocketPam.h>
+#include <Korva/Ip6SocketPam.h>
 #include <Korva/IpSocketPam.h>
 #include <Korva/UdpHdr.h>
 #include <Mox/Exception.h>
@@ -8,24 +13,136 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <functional>
+#include <initializer_list>
 #include <string>
+#include <type_traits>
+#include <vector>
 
-#include "IpPamTestUtil.h"
 #include "SocketTestUtil.h"
 
 namespace {
 
-using IpPamTest::Arrival;
-using IpPamTest::packetOf;
-using IpPamTest::Receiver;
-using IpPamTest::socketOption;
+using Korva::Ip6Addr;
 using Korva::IpAddr;
 using Korva::IpGenAddr;
 using Korva::IpSocketOptions;
 using Korva::ipSocketOptions;
 using Korva::IpSocketPam;
 using Mox::Ptr;
+using SocketTest::packetOf;
+
+struct Arrival {
+  std::string bytes;
+  Korva::IpGenAddr src;
+  Korva::IpGenAddr dst;
+  Mox::U32 ifIndex;
+  Mox::U8 ttl;
+  Mox::U8 tos;
+};
+
+// Reads every packet a Pam reports, as an agent's reactor does.
+struct Receiver : Korva::IpPam::Notifiee {
+  explicit Receiver(Korva::IpPam* pam) { notifierIs(pam); }
+  void onReadableCount() override {
+    Korva::IpPam& pam = *notifier();
+    while (Mox::Ptr<Korva::Pkt> pkt = pam.rxPkt()) {
+      arrivals.push_back({pkt->stringValue(), pam.rxSrcIpAddr(), pam.rxDstIpAddr(), pam.rxIfIndex(),
+                          pam.rxTTL(), pam.rxTOS()});
+    }
+  }
+  // Runs the loop until a packet that `wanted` accepts has come, at most 5 s; its index or -1.
+  int waitFor(const std::function<bool(const Arrival&)>& wanted) {
+    size_t seen = 0;
+    int found = -1;
+    Mox::runUntil(
+        [&] {
+          for (; found < 0 && seen < arrivals.size(); ++seen) {
+            if (wanted(arrivals[seen])) found = int(seen);
+          }
+          return found >= 0;
+        },
+        5.0);
+    return found;
+  }
+  std::vector<Arrival> arrivals;
+};
+
+int socketOption(const Korva::IpPam& pam, int level, int option) {
+  int value = -1;
+  socklen_t length = sizeof value;
+  getsockopt(pam.fileDesc()->descriptor(), level, option, &value, &length);
+  return value;
+}
+
+struct ExpectedOption {
+  int level, option, value;
+};
+
+void expectOptions(const Korva::IpPam& pam, std::initializer_list<ExpectedOption> table) {
+  for (const ExpectedOption& e : table) {
+    EXPECT_EQ(socketOption(pam, e.level, e.option), e.value) << "option " << e.option;
+  }
+}
+
+// A Python UDP socket bound to `address` and `port` ("AF_INET" or "AF_INET6") that prints
+// the first datagram it gets and its sender: an ordinary receiver, not our code.
+std::string udpReader(const std::string& family, const std::string& address, int port) {
+  return "import socket\n"
+         "s = socket.socket(socket." +
+         family +
+         ", socket.SOCK_DGRAM)\n"
+         "s.bind(('" +
+         address + "', " + std::to_string(port) +
+         "))\n"
+         "s.settimeout(5)\n"
+         "print('ready', flush=True)\n"
+         "data, peer = s.recvfrom(2048)\n"
+         "print(data.decode() + ' from ' + peer[0], flush=True)\n";
+}
+
+// A UDP datagram from port 40000 to `port` behind IPv4 or IPv6 and UDP headers we build,
+// checksums included.
+template <class Address>
+Ptr<Korva::Pkt> udpDatagram(const Address& src, const Address& dst, Mox::U16 port,
+                            const std::string& payload) {
+  constexpr bool v4 = std::is_same_v<Address, IpAddr>;
+  Ptr<Korva::Pkt> pkt = packetOf(payload);
+  auto* udp = new (pkt->newSharedHeadData(sizeof(Korva::UdpHdr))) Korva::UdpHdr;
+  udp->srcPort.valueIs(40000);
+  udp->dstPort.valueIs(port);
+  udp->len.valueIs(Mox::U16(pkt->bytes()));
+  auto view = [&] {
+    if constexpr (v4) {
+      return Korva::udpHdrWrapperFactory(pkt, 0);
+    } else {
+      return Korva::udpHdrWrapperIpv6Factory(pkt, 0);
+    }
+  }();
+  view->ipSrcIs(src);
+  view->ipDstIs(dst);
+  udp->checksum = view->computedChecksum();
+  if constexpr (v4) {
+    auto* ip = new (pkt->newSharedHeadData(sizeof(Korva::IpHdr))) Korva::IpHdr;
+    ip->versionIs(4);
+    ip->headerBytesIs(sizeof(Korva::IpHdr));
+    ip->totalLen.valueIs(Mox::U16(pkt->bytes()));
+    ip->ttl.valueIs(64);
+    ip->protocolNumIs(Korva::ipProtoUdp);
+    ip->srcAddrIs(src);
+    ip->dstAddrIs(dst);
+    ip->checksum = ip->computedChecksum();
+  } else {
+    auto* ip = new (pkt->newSharedHeadData(sizeof(Korva::Ip6Hdr))) Korva::Ip6Hdr;
+    ip->versionIs(6);
+    ip->payloadLen.valueIs(Mox::U16(pkt->bytes() - sizeof(Korva::Ip6Hdr)));
+    ip->nextHeader.valueIs(Korva::ipProtoUdp);
+    ip->hopLimit.valueIs(64);
+    ip->srcAddrIs(src);
+    ip->dstAddrIs(dst);
+  }
+  return pkt;
+}
 
 Ptr<IpSocketPam> newPam(const std::string& name, Korva::IpProtocolNumber protocol,
                         const std::string& ns) {
@@ -49,17 +166,6 @@ void admitEchoRequests(Korva::IpPam& pam) {
 Mox::U8 icmpType(const Arrival& arrival) {
   const size_t headerBytes = (Mox::U8(arrival.bytes[0]) & 0xf) * 4u;
   return Mox::U8(arrival.bytes.at(headerBytes));
-}
-
-// The value types' text forms are generated from the models and checked with them.
-TEST(IpPamValuesTest, OptionBitsAndModelDefaults) {
-  EXPECT_EQ(ipSocketOptions({IpSocketOptions::ipFreeBind, IpSocketOptions::ipPriority}), 0x1001u);
-  Ptr<Korva::IpPam> model =
-      Korva::ipPamFactory("model", Korva::ipProtoOspf, Korva::NamespaceName("blue"));
-  EXPECT_EQ(model->maxRxPktData(), 1500u);
-  EXPECT_EQ(model->protocol(), Korva::ipProtoOspf);
-  model->enabledIs(true);  // the bare model opens nothing
-  EXPECT_FALSE(model->fileDesc());
 }
 
 class IpSocketPamNetTest : public SocketTest::VethPairTest {};
@@ -128,23 +234,8 @@ TEST_F(IpSocketPamNetTest, RouterAlertIsOnTheWireUntilCleared) {
   EXPECT_EQ(socketOption(*included, IPPROTO_IP, IP_HDRINCL), 1);
 }
 
-// A UDP datagram whose IPv4 and UDP headers we build, checksums included.
-Ptr<Korva::Pkt> udpDatagram(IpAddr src, IpAddr dst, Mox::U16 port, const std::string& payload) {
-  Ptr<Korva::Pkt> pkt = IpPamTest::udpDatagram(src, dst, port, payload);
-  auto* ip = new (pkt->newSharedHeadData(sizeof(Korva::IpHdr))) Korva::IpHdr;
-  ip->versionIs(4);
-  ip->headerBytesIs(sizeof(Korva::IpHdr));
-  ip->totalLen.valueIs(Mox::U16(pkt->bytes()));
-  ip->ttl.valueIs(64);
-  ip->protocolNumIs(Korva::ipProtoUdp);
-  ip->srcAddrIs(src);
-  ip->dstAddrIs(dst);
-  ip->checksum = ip->computedChecksum();
-  return pkt;
-}
-
 TEST_F(IpSocketPamNetTest, OwnHeadersReachAnOrdinaryUdpSocket) {
-  SocketTest::PythonPeer reader(*right_, IpPamTest::udpReader("AF_INET", "10.77.0.2", 5001));
+  SocketTest::PythonPeer reader(*right_, udpReader("AF_INET", "10.77.0.2", 5001));
   ASSERT_EQ(reader.line(), "ready");
   Ptr<IpSocketPam> pam = newPam("udp", Korva::ipProtoUdp, left());
   pam->optionsIs(ipSocketOptions({IpSocketOptions::ipHdrIncl}));
@@ -190,32 +281,31 @@ TEST_F(IpSocketPamNetTest, OptionsReadBackAfterEnableAndAfterLiveChanges) {
   pam->rxBufIs(1 << 20);
   pam->priorityIs(5);
   pam->enabledIs(true);
-  IpPamTest::expectOptions(
-      *pam, {{IPPROTO_IP, IP_MULTICAST_LOOP, 0},
-             {IPPROTO_IP, IP_PKTINFO, 1},
-             {IPPROTO_IP, IP_RECVTTL, 1},
-             {IPPROTO_IP, IP_RECVTOS, 0},
-             {IPPROTO_IP, IP_TOS, 0xb8},
-             {IPPROTO_IP, IP_TTL, 9},
-             {SOL_SOCKET, SO_PRIORITY, 5},
-             {SOL_SOCKET, SO_RCVBUF, 2 << 20}});  // the kernel doubles what it is given
+  expectOptions(*pam, {{IPPROTO_IP, IP_MULTICAST_LOOP, 0},
+                       {IPPROTO_IP, IP_PKTINFO, 1},
+                       {IPPROTO_IP, IP_RECVTTL, 1},
+                       {IPPROTO_IP, IP_RECVTOS, 0},
+                       {IPPROTO_IP, IP_TOS, 0xb8},
+                       {IPPROTO_IP, IP_TTL, 9},
+                       {SOL_SOCKET, SO_PRIORITY, 5},
+                       {SOL_SOCKET, SO_RCVBUF, 2 << 20}});  // the kernel doubles what it is given
 
   pam->optionsIs(pam->options() ^
                  ipSocketOptions({IpSocketOptions::ipMulticastLoop, IpSocketOptions::ipRecvTOS,
                                   IpSocketOptions::ipPktInfo, IpSocketOptions::ipPriority}));
   pam->txTOSIs(Korva::IpDscp(0x20));
   pam->txTTLIs(Korva::IpTtl(17));
-  IpPamTest::expectOptions(*pam, {{IPPROTO_IP, IP_MULTICAST_LOOP, 1},
-                                  {IPPROTO_IP, IP_PKTINFO, 0},
-                                  {IPPROTO_IP, IP_RECVTOS, 1},
-                                  {IPPROTO_IP, IP_TOS, 0x20},
-                                  {IPPROTO_IP, IP_TTL, 17},
-                                  {SOL_SOCKET, SO_PRIORITY, 0}});
+  expectOptions(*pam, {{IPPROTO_IP, IP_MULTICAST_LOOP, 1},
+                       {IPPROTO_IP, IP_PKTINFO, 0},
+                       {IPPROTO_IP, IP_RECVTOS, 1},
+                       {IPPROTO_IP, IP_TOS, 0x20},
+                       {IPPROTO_IP, IP_TTL, 17},
+                       {SOL_SOCKET, SO_PRIORITY, 0}});
 }
 
 // --- set-up failures and the counting rules, in one namespace ---
 
-using IpSocketPamLocalTest = IpPamTest::NamespaceTest;
+using IpSocketPamLocalTest = SocketTest::NamespaceTest;
 
 TEST_F(IpSocketPamLocalTest, FailedSetUpNamesTheStepAndLeavesNothingOpen) {
   struct Case {
@@ -266,6 +356,93 @@ TEST_F(IpSocketPamLocalTest, AReadThatFindsNothingCountsOneReceiveError) {
 TEST(IpSocketPamDeathTest, SendingOnADisabledPamIsAnAssertion) {
   Ptr<IpSocketPam> pam = newPam("off", Korva::ipProtoIcmp, "");
   EXPECT_DEATH(pam->txPktIs(packetOf("x")), "Assertion \"enabled\\(\\)\" failed");
+}
+
+// --- IPv6 ---
+
+class Ip6SocketPamNetTest : public SocketTest::VethPairTest {};
+
+TEST_F(Ip6SocketPamNetTest, PingArrivesWithItsMetadata) {
+  Ptr<Korva::Ip6SocketPam> pam =
+      Korva::ip6SocketPamFactory("icmp6", Korva::ipProtoIcmpv6, Korva::NamespaceName(right()));
+  pam->optionsIs(ipSocketOptions(
+      {IpSocketOptions::ipPktInfo, IpSocketOptions::ipRecvTTL, IpSocketOptions::ipRecvTOS}));
+  pam->enabledIs(true);
+  Receiver receiver(pam.get());
+  // What counts is the request's arrival, not ping's verdict: the first one waits for
+  // neighbour discovery on a link that has just come up.
+  left_->exec("ping -6 -c 1 -W 5 -t 33 -Q 0x20 fd77::2");
+  // Neighbour discovery arrives on the same socket; the echo request is type 128.
+  const int request =
+      receiver.waitFor([](const Arrival& a) { return Mox::U8(a.bytes.at(0)) == 128; });
+  ASSERT_GE(request, 0);
+  const Arrival& arrival = receiver.arrivals[size_t(request)];
+  EXPECT_EQ(arrival.src, IpGenAddr(Ip6Addr("fd77::1")));
+  EXPECT_EQ(arrival.dst, IpGenAddr(Ip6Addr("fd77::2")));
+  EXPECT_EQ(arrival.ifIndex, rightIndex_);
+  EXPECT_EQ(arrival.ttl, 33);
+  EXPECT_EQ(arrival.tos, 0x20);
+}
+
+TEST_F(Ip6SocketPamNetTest, OptionsReadBackAfterEnableAndAfterLiveChanges) {
+  Ptr<Korva::Ip6SocketPam> pam = Korva::ip6SocketPamFactory("opts6", Korva::IpProtocolNumber(253),
+                                                            Korva::NamespaceName(left()));
+  pam->optionsIs(ipSocketOptions({IpSocketOptions::ipPktInfo, IpSocketOptions::ipPriority}));
+  pam->txTOSIs(Korva::IpDscp(0xb8));
+  pam->txTTLIs(Korva::IpTtl(9));
+  pam->priorityIs(3);
+  pam->enabledIs(true);
+  expectOptions(*pam, {{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0},
+                       {IPPROTO_IPV6, IPV6_RECVPKTINFO, 1},
+                       {IPPROTO_IPV6, IPV6_TCLASS, 0xb8},
+                       {IPPROTO_IPV6, IPV6_UNICAST_HOPS, 9},
+                       {IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 9},
+                       {SOL_SOCKET, SO_PRIORITY, 3}});
+  pam->optionsIs(pam->options() ^
+                 ipSocketOptions({IpSocketOptions::ipMulticastLoop, IpSocketOptions::ipRecvTTL}));
+  pam->txTOSIs(Korva::IpDscp(0x20));
+  pam->txTTLIs(Korva::IpTtl(200));
+  expectOptions(*pam, {{IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 1},
+                       {IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1},
+                       {IPPROTO_IPV6, IPV6_TCLASS, 0x20},
+                       {IPPROTO_IPV6, IPV6_UNICAST_HOPS, 200},
+                       {IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 200}});
+}
+
+TEST_F(Ip6SocketPamNetTest, HeaderIncludedPamSendsOurHeadersThroughItsTransmitPam) {
+  SocketTest::PythonPeer reader(*right_, udpReader("AF_INET6", "fd77::2", 5002));
+  ASSERT_EQ(reader.line(), "ready");
+  Ptr<Korva::Ip6HdrInclSocketPam> pam =
+      Korva::ip6HdrInclSocketPamFactory("udp6", Korva::ipProtoUdp, Korva::NamespaceName(left()));
+  ASSERT_TRUE(pam->txPam());
+  // Receive bits stay with the receiving socket; the sending one takes the rest.
+  pam->optionsIs(ipSocketOptions(
+      {IpSocketOptions::ipRecvTTL, IpSocketOptions::ipPktInfo, IpSocketOptions::ipMulticastLoop}));
+  pam->enabledIs(true);
+  EXPECT_TRUE(pam->txPam()->enabled());
+  EXPECT_EQ(pam->txPam()->options(), Mox::U32(IpSocketOptions::ipMulticastLoop));
+  pam->txPktIs(udpDatagram(Ip6Addr("fd77::1"), Ip6Addr("fd77::2"), 5002, "built by hand"));
+  EXPECT_EQ(reader.line(), "built by hand from fd77::1");
+  EXPECT_EQ(pam->txPktCount(), 1u);
+
+  pam->txPktIs(packetOf("short"));  // no room for an IPv6 header
+  EXPECT_EQ(pam->txErrors(), 1u);
+  pam->enabledIs(false);
+  EXPECT_FALSE(pam->txPam()->enabled());
+}
+
+using Ip6SocketPamLocalTest = SocketTest::NamespaceTest;
+
+TEST_F(Ip6SocketPamLocalTest, AFailedEnableClosesBothSockets) {
+  const int descriptors = SocketTest::openDescriptorCount();
+  Ptr<Korva::Ip6HdrInclSocketPam> pam = Korva::ip6HdrInclSocketPamFactory(
+      "nofilter", Korva::ipProtoIcmpv6, Korva::NamespaceName(ns_->name()));
+  pam->optionsIs(ipSocketOptions({IpSocketOptions::ipAttachFilter}));
+  SocketTest::expectErrnoFailure([&] { pam->enabledIs(true); }, EINVAL,
+                                 "SO_ATTACH_FILTER option must be supplied with a valid filter");
+  EXPECT_FALSE(pam->enabled());
+  EXPECT_FALSE(pam->txPam()->enabled());
+  EXPECT_EQ(SocketTest::openDescriptorCount(), descriptors);
 }
 
 }  // namespace

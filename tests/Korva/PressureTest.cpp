@@ -22,7 +22,6 @@
 #include <string>
 #include <thread>
 
-#include "IpPamTestUtil.h"
 #include "SocketTestUtil.h"
 
 namespace {
@@ -61,7 +60,7 @@ std::map<std::string, long long> udpCounters(const SocketTest::ScopedNs& ns) {
   return counters;
 }
 
-class Pressure : public IpPamTest::NamespaceTest {
+class Pressure : public SocketTest::NamespaceTest {
  protected:
   Ptr<UdpPam> server(const std::string& name) {
     Ptr<UdpPam> pam = Korva::udpPamFactory(name);
@@ -148,7 +147,7 @@ TEST_F(Pressure, AtThePacketLimitADatagramIsDroppedCountedAndTraced) {
   client->txPortIs(kPort);
   client->modeIs(Mode::client);
   // Made before the limit, which counts only packets made under it.
-  Ptr<Korva::Pkt> lost = IpPamTest::packetOf("lost"), kept = IpPamTest::packetOf("kept");
+  Ptr<Korva::Pkt> lost = SocketTest::packetOf("lost"), kept = SocketTest::packetOf("kept");
   Korva::Pkt::Manager* manager = Korva::globalPktManager();
   struct Unlimited {
     ~Unlimited() { Korva::globalPktManager()->pktLimitIs(0); }

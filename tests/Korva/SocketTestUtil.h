@@ -127,6 +127,18 @@ class VethPairTest : public ::testing::Test {
   unsigned rightIndex_ = 0;
 };
 
+// One throwaway namespace, its loopback up, for the tests that need no peer.
+class NamespaceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ns_ = std::make_unique<ScopedNs>("ns");
+    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
+    ASSERT_TRUE(ns_->ip("link set lo up"));
+    Mox::ActivityManagerConfig::current();  // the loop's own descriptors exist before counting
+  }
+  std::unique_ptr<ScopedNs> ns_;
+};
+
 // A Python program run inside a namespace: a peer that is not our code. The script comes
 // through the environment, so no shell quoting gets in its way. It should print "ready"
 // once its socket is open, and bound every wait of its own with a timeout.

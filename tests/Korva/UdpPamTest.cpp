@@ -249,14 +249,8 @@ INSTANTIATE_TEST_SUITE_P(Families, UdpPamFamilyTest, ::testing::Bool(),
 
 // --- one namespace, over loopback ---
 
-class UdpPamLoopbackTest : public ::testing::Test {
+class UdpPamLoopbackTest : public SocketTest::NamespaceTest {
  protected:
-  void SetUp() override {
-    ns_ = std::make_unique<SocketTest::ScopedNs>("udp");
-    if (!ns_->created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
-    ASSERT_TRUE(ns_->ip("link set lo up"));
-    Mox::ActivityManagerConfig::current();  // the loop's own descriptors exist before counting
-  }
   Ptr<UdpPam> server(const std::string& name, Mox::U16 port) {
     Ptr<UdpPam> pam = newPam(name, ns_->name(), false);
     pam->rxIpAddrIs(IpAddr(127, 0, 0, 1));
@@ -271,7 +265,6 @@ class UdpPamLoopbackTest : public ::testing::Test {
     pam->modeIs(Mode::client);
     return pam;
   }
-  std::unique_ptr<SocketTest::ScopedNs> ns_;
 };
 
 TEST_F(UdpPamLoopbackTest, RefusedSendsStillCountAndNoErrorIsCounted) {
