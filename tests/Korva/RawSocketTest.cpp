@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>

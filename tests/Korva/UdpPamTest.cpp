@@ -3,18 +3,12 @@
 #include <Mox/Exception.h>
 #include <Mox/Trace.h>
 
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <optional>
 #include <random>
 #include <string>
