@@ -62,6 +62,22 @@ struct Agent : UdpPamDtls::Notifiee {
   std::vector<std::string> received;
 };
 
+// The next datagram on `fd` and its sender, running the loop at most 5 s; empty if none came.
+std::string nextDatagram(int fd, Korva::SockAddr* from = nullptr) {
+  std::string datagram;
+  Mox::runUntil(
+      [&] {
+        char buffer[4096];
+        socklen_t length = sizeof(Korva::SockAddr);
+        const ssize_t n = recvfrom(fd, buffer, sizeof buffer, 0, from ? &from->base : nullptr,
+                                   from ? &length : nullptr);
+        if (n > 0) datagram.assign(buffer, size_t(n));
+        return n > 0;
+      },
+      5.0);
+  return datagram;
+}
+
 // A DTLS 1.2 client driven by hand over memory BIOs, so the test sees (and may change)
 // every datagram; they travel on a UDP socket of its own, connected to the server.
 class HandClient {
@@ -95,19 +111,7 @@ class HandClient {
   void sendRaw(const std::string& bytes) {
     ASSERT_EQ(send(socket_->descriptor(), bytes.data(), bytes.size(), 0), ssize_t(bytes.size()));
   }
-  // The next datagram from the server; empty when none came within 5 s.
-  std::string receive() {
-    std::string datagram;
-    Mox::runUntil(
-        [&] {
-          char buffer[4096];
-          const ssize_t n = recv(socket_->descriptor(), buffer, sizeof buffer, 0);
-          if (n > 0) datagram.assign(buffer, size_t(n));
-          return n > 0;
-        },
-        5.0);
-    return datagram;
-  }
+  std::string receive() { return nextDatagram(socket_->descriptor()); }
   void deliver(const std::string& datagram) {
     BIO_write(in_, datagram.data(), int(datagram.size()));
   }
@@ -165,6 +169,12 @@ class UdpPamDtlsTest : public DtlsTest::Fixture {
     pam->txPortIs(port);
     pam->modeIs(UdpPam::Mode::client);
     return pam;
+  }
+  // A plain socket at the loopback's `port`, a peer that is silent unless the test speaks.
+  Ptr<Mox::FileDescriptor> plainPeer(U16 port) {
+    const int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns());
+    EXPECT_EQ(Korva::socketBind(fd, Korva::IpGenAddr(kLoopback), port), 0);
+    return Mox::make<Mox::FileDescriptor>("peer", fd);
   }
 };
 
@@ -280,21 +290,14 @@ TEST_F(UdpPamDtlsTest, ServerSessionResetsAtItsSeventhHandshakeFailure) {
 // A peer that answers the client's hello with garbage only: the client's 21st failure
 // resets its session.
 TEST_F(UdpPamDtlsTest, ClientSessionResetsAtItsTwentyFirstHandshakeFailure) {
-  const int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns());
-  auto fake = Mox::make<Mox::FileDescriptor>("fake", fd);
-  ASSERT_EQ(Korva::socketBind(fd, Korva::IpGenAddr(kLoopback), 4438), 0);
+  Ptr<Mox::FileDescriptor> fake = plainPeer(4438);
+  const int fd = fake->descriptor();
   Ptr<UdpPamDtlsClient> pam = client(4438);
   Mox::TraceCapture capture;
   Mox::traceConfigIs("UdpPamDtls");
   pam->txPktIs(packetOf("never sent"));
   Korva::SockAddr from{};
-  ASSERT_TRUE(Mox::runUntil(
-      [&] {
-        char buffer[4096];
-        socklen_t length = sizeof from;
-        return recvfrom(fd, buffer, sizeof buffer, 0, &from.base, &length) > 0;
-      },
-      5.0));
+  ASSERT_FALSE(nextDatagram(fd, &from).empty());
   const SessionPeer peer(kLoopback, Korva::Port(4438));
   Ptr<Korva::UdpPamDtlsSession> session = pam->udpPamDtlsSession(peer);
   ASSERT_TRUE(session);
@@ -313,20 +316,12 @@ TEST_F(UdpPamDtlsTest, ClientSessionResetsAtItsTwentyFirstHandshakeFailure) {
 
 // A hello that gets no answer is sent again when OpenSSL's timer (a second) runs out.
 TEST_F(UdpPamDtlsTest, ClientResendsAnUnansweredHello) {
-  const int fd = Korva::socketAt(AF_INET, SOCK_DGRAM, 0, ns());
-  auto silent = Mox::make<Mox::FileDescriptor>("silent", fd);
-  ASSERT_EQ(Korva::socketBind(fd, Korva::IpGenAddr(kLoopback), 4441), 0);
+  Ptr<Mox::FileDescriptor> silent = plainPeer(4441);
   Ptr<UdpPamDtlsClient> pam = client(4441);
   pam->txPktIs(packetOf("waits"));
-  std::vector<std::string> hellos;
-  ASSERT_TRUE(Mox::runUntil(
-      [&] {
-        char buffer[4096];
-        const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
-        if (n > 0) hellos.emplace_back(buffer, size_t(n));
-        return hellos.size() == 2;
-      },
-      5.0));
+  const std::string hellos[] = {nextDatagram(silent->descriptor()),
+                                nextDatagram(silent->descriptor())};
+  ASSERT_FALSE(hellos[1].empty());
   // The same ClientHello in a record of the next sequence number.
   EXPECT_EQ(hellos[0][13], 1);
   EXPECT_EQ(hellos[0].substr(13), hellos[1].substr(13));
