@@ -1,30 +1,41 @@
+// The socket wrappers: PktSocket over a plain UDP socket, raw IP and packet sockets, and TAP
+// devices, each against what the kernel reports.
+#include <Korva/PktSocket.h>
 #include <Korva/RawSocket.h>
+#include <Korva/TapSocket.h>
 #include <Korva/deferClose.h>
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
 
-#include "SocketTestUtil.h"
-
 #include <arpa/inet.h>
+#include <linux/capability.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
+
+#include "SocketTestUtil.h"
+#include "ValueTestUtil.h"
 
 namespace {
 
 using Korva::EthSocket;
 using Korva::IpAddr;
 using Korva::IpSocket;
+using Korva::PktSocket;
 using Korva::Protocol;
+using Korva::TapPktSocket;
+using Korva::TapSocket;
 using Mox::U16;
 using Mox::U32;
 using SocketTest::expectErrnoFailure;
@@ -34,6 +45,123 @@ using SocketTest::ScopedNs;
 using SocketTest::waitReadable;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
+
+TEST(ProtocolText, BoundariesRoundTrip) {
+  for (U16 number : {0, 1, 9, 10, 0x0800, 0xFFFE, 0xFFFF}) {
+    const Protocol printed{number};
+    Protocol read;
+    read.stringValueIs(valueToStrep(printed));
+    EXPECT_EQ(read, printed) << number;
+  }
+  EXPECT_EQ(valueToStrep(Protocol(Protocol::any)), "65535");
+  EXPECT_TRUE(Protocol(65535).isAny());
+  for (const char* bad : {"", "65536", "-1", "ip", "12x", "99999999999999999999"}) {
+    EXPECT_EQ(KorvaTest::parseFailure(bad, Protocol(17)), "Invalid Protocol") << bad;
+  }
+  // A sequence read takes a number and stops, or takes nothing.
+  const std::string text = "89, x";
+  Mox::TextIter it = text.data();
+  Protocol value;
+  sequenceToValue(it, text.data() + text.size(), &value);
+  EXPECT_EQ(value.value(), 89);
+  EXPECT_EQ(*it, ',');
+  it += 2;
+  EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &value), Mox::RangeException);
+  EXPECT_EQ(*it, 'x');
+  EXPECT_EQ(value.value(), 89);
+}
+
+// A bound UDP socket owned by a PktSocket, and a plain peer socket bound beside it.
+class UdpPktSocket : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sock_ = Mox::make<PktSocket>("udp");
+    sock_->descriptorIs(boundUdpSocket(&address_));
+    peer_ = boundUdpSocket(&peerAddress_);
+  }
+  void TearDown() override { close(peer_); }
+
+  static int boundUdpSocket(sockaddr_in* address) {
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    *address = sockaddr_in{};
+    address->sin_family = AF_INET;
+    address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof *address;
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(address), length), 0);
+    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(address), &length), 0);
+    return fd;
+  }
+  void peerSends(const std::string& bytes) {
+    ASSERT_EQ(sendto(peer_, bytes.data(), bytes.size(), 0,
+                     reinterpret_cast<const sockaddr*>(&address_), sizeof address_),
+              ssize_t(bytes.size()));
+    ASSERT_TRUE(SocketTest::waitReadable(*sock_));
+  }
+
+  Mox::Ptr<PktSocket> sock_;
+  sockaddr_in address_{};
+  int peer_ = -1;
+  sockaddr_in peerAddress_{};
+};
+
+TEST_F(UdpPktSocket, ReceivesNothingSilentlyThenADatagramTrimmedThenFailsOnAnEmptyOne) {
+  sockaddr_in from{};
+  CaptureStderr();
+  EXPECT_FALSE(sock_->recvPkt(&from));
+  EXPECT_EQ(GetCapturedStderr(), "");
+
+  const std::string payload = "a datagram of some forty-odd bytes, no more";
+  peerSends(payload);
+  Mox::Ptr<Korva::Pkt> pkt = sock_->recvPkt(&from);
+  ASSERT_TRUE(pkt);
+  EXPECT_EQ(pkt->stringValue(), payload);
+  EXPECT_EQ(from.sin_port, peerAddress_.sin_port);
+  EXPECT_EQ(from.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+
+  peerSends("");
+  EXPECT_EQ(KorvaTest::failureText<Mox::InternalException>([&] { sock_->recvPkt(&from); }),
+            "read from tap socket returned 0");
+}
+
+TEST_F(UdpPktSocket, SendsBothScatterEntriesAndForcesTheFamilyOrPrintsAndThrows) {
+  auto pkt = Korva::globalPktManager()->newPkt();
+  pkt->stringValueIs("payload");
+  std::memcpy(pkt->newPrivateHeadData(4), "head", 4);
+  ASSERT_EQ(pkt->iovecCount(), 2);
+  sockaddr_in to = peerAddress_;
+  to.sin_family = AF_UNSPEC;  // the wrapper sends as AF_INET whatever it is given
+  EXPECT_EQ(sock_->sendPkt(pkt, to), 11);
+  char received[32];
+  ssize_t n = -1;
+  ASSERT_TRUE(Mox::runUntil(
+      [&] { return (n = recv(peer_, received, sizeof received, MSG_DONTWAIT)) >= 0; }, 5.0));
+  EXPECT_EQ(std::string(received, n), "headpayload");
+
+  pkt->stringValueIs(std::string(70000, 'x'));  // larger than any UDP datagram
+  CaptureStderr();
+  expectErrnoFailure([&] { sock_->sendPkt(pkt, peerAddress_); }, EMSGSIZE);
+  EXPECT_EQ(GetCapturedStderr(),
+            "error sending pkt:" + std::to_string(EMSGSIZE) + " " + std::strerror(EMSGSIZE) + "\n");
+}
+
+TEST(PktSocketFailure, AFailedReceiveIsPrintedAndThrown) {
+  int pipeEnds[2];
+  ASSERT_EQ(pipe(pipeEnds), 0);
+  auto sock = Mox::make<PktSocket>("pipe");
+  sock->descriptorIs(pipeEnds[0]);  // recvfrom on a pipe: not a socket
+  CaptureStderr();
+  sockaddr_in from{};
+  expectErrnoFailure([&] { sock->recvPkt(&from); }, ENOTSOCK);
+  EXPECT_EQ(GetCapturedStderr(),
+            " error is  " + std::to_string(ENOTSOCK) + std::strerror(ENOTSOCK) + "\n");
+  close(pipeEnds[1]);
+}
+
+TEST(PktSocketDeathTest, ReceivingOnABlockingDescriptorAborts) {
+  auto sock = Mox::make<PktSocket>("none");
+  sockaddr_in from{};
+  EXPECT_DEATH(sock->recvPkt(&from), "Assertion \"fileDescriptor_->nonBlocking\\(\\)\" failed");
+}
 
 constexpr U16 kTestProtocol = 253;  // reserved for experimentation (RFC 3692)
 
@@ -196,6 +324,100 @@ TEST_F(EthSocketTest, AMissingDeviceThrowsAndClosesWhatItOpened) {
     expectErrnoFailure([] { EthSocket("eth", "korva-none0", Protocol(Protocol::any)); }, ENODEV);
     EXPECT_EQ(SocketTest::openDescriptorCount(), before);
   });
+}
+
+// --- TAP devices ---
+
+constexpr const char* kPermissionHint = " (try: sudo chmod 666 /dev/net/tun)";
+constexpr const char* kKernelHint = " (is the kernel tun-enabled?)";
+
+// Drops CAP_NET_ADMIN from the calling thread only (capabilities are per thread).
+bool dropNetAdmin() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2] = {};
+  if (syscall(SYS_capget, &header, data) != 0) return false;
+  data[0].effective &= ~(1u << CAP_NET_ADMIN);
+  return syscall(SYS_capset, &header, data) == 0;
+}
+
+class TapSocketTest : public RawSocketTest {
+ protected:
+  void SetUp() override {
+    if (access("/dev/net/tun", F_OK) != 0) GTEST_SKIP() << "no /dev/net/tun on this machine";
+    RawSocketTest::SetUp();
+  }
+};
+
+TEST_F(TapSocketTest, AFailedIoctlNamesItselfWithTheKernelHintAndCloses) {
+  inNs([] {
+    EXPECT_EQ(KorvaTest::failureText<Mox::Exception>([] { TapSocket("bad/name", TapSocket::tap); }),
+              std::string("ioctl TUNSETIFF: ") + std::strerror(EINVAL) + kKernelHint);
+    TapSocket first("ktap1", TapSocket::tap);
+    const int before = SocketTest::openDescriptorCount();
+    EXPECT_EQ(KorvaTest::failureText<Mox::Exception>([] { TapSocket("ktap1", TapSocket::tap); }),
+              std::string("ioctl TUNSETIFF: ") + std::strerror(EBUSY) + kKernelHint);
+    EXPECT_EQ(SocketTest::openDescriptorCount(), before) << "the failed open is closed";
+  });
+}
+
+TEST_F(TapSocketTest, MissingPermissionGivesTheChmodHint) {
+  inNs([] {
+    if (!dropNetAdmin()) GTEST_SKIP() << "cannot drop CAP_NET_ADMIN";
+    EXPECT_EQ(KorvaTest::failureText<Mox::Exception>([] { TapSocket("ktap2", TapSocket::tap); }),
+              std::string("ioctl TUNSETIFF: ") + std::strerror(EPERM) + kPermissionHint);
+  });
+}
+
+std::string testFrame(const std::string& body) {
+  return std::string("\x02\x00\x00\x00\x00\x01\x02\x00\x00\x00\x00\x02\x88\xB5", 14) + body;
+}
+
+// Every type makes a TAP device without packet information: Ethernet frames cross as they are.
+TEST_F(TapSocketTest, FramesCrossTheDeviceBothWays) {
+  inNs([&] {
+    auto tap = Mox::make<TapPktSocket>("ktap3", TapSocket::tun);
+    EXPECT_TRUE(tap->fileDescriptor()->nonBlocking());
+    ASSERT_TRUE(ns_->ip("link set ktap3 up"));
+    // A packet socket on the device, for the frames' type only, is the kernel's side.
+    sockaddr_ll link{};
+    link.sll_family = AF_PACKET;
+    link.sll_protocol = htons(0x88B5);  // local experimental
+    link.sll_ifindex = int(if_nametoindex("ktap3"));
+    const int kernel = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, link.sll_protocol);
+    ASSERT_EQ(bind(kernel, reinterpret_cast<sockaddr*>(&link), sizeof link), 0);
+
+    // Agent to kernel: writev of both scatter entries.
+    auto pkt = Korva::globalPktManager()->newPkt();
+    const std::string outFrame = testFrame("to the kernel, fifty bytes or so of body.");
+    pkt->stringValueIs(outFrame.substr(6));
+    std::memcpy(pkt->newPrivateHeadData(6), outFrame.data(), 6);
+    EXPECT_EQ(tap->sendmsg(pkt), ssize_t(outFrame.size()));
+    char received[256];
+    ssize_t n = -1;
+    ASSERT_TRUE(
+        Mox::runUntil([&] { return (n = recv(kernel, received, sizeof received, 0)) >= 0; }, 5.0));
+    EXPECT_EQ(std::string(received, n), outFrame);
+
+    // Kernel to agent: the device delivers other traffic too (IPv6 once it is up), so read
+    // until this frame shows up.
+    const std::string inFrame = testFrame("to the agent, also about fifty bytes of body.");
+    ASSERT_EQ(sendto(kernel, inFrame.data(), inFrame.size(), 0, reinterpret_cast<sockaddr*>(&link),
+                     sizeof link),
+              ssize_t(inFrame.size()));
+    close(kernel);
+    bool seen = false;
+    sockaddr_in from;
+    std::memset(&from, 0xAB, sizeof from);
+    ASSERT_TRUE(Mox::runUntil(
+        [&] {
+          while (auto frame = tap->recvPkt(&from)) seen = seen || frame->stringValue() == inFrame;
+          return seen;
+        },
+        5.0));
+    EXPECT_EQ(from.sin_family, 0) << "a device has no peer address: the buffer is zeroed";
+    EXPECT_EQ(from.sin_addr.s_addr, 0u);
+  });
+  EXPECT_FALSE(ns_->ip("link show ktap3")) << "the device goes with its descriptor";
 }
 
 }  // namespace
