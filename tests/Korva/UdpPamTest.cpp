@@ -337,9 +337,14 @@ TEST_F(UdpPamLoopbackTest, FailedBindKeepsTheModeWithNothingOpen) {
   EXPECT_TRUE(pam->fileDesc());
 }
 
-TEST_F(UdpPamLoopbackTest, SocketOptionsFollowTheAttributes) {
-  Ptr<UdpPam> pam = newPam("options", ns_->name(), false);
+// A client's socket has the attributes' options; each mode change makes a new socket and
+// disabled closes it.
+TEST_F(UdpPamLoopbackTest, ModesMakeSocketsWithTheAttributesOptions) {
+  const int descriptors = SocketTest::openDescriptorCount();
+  Ptr<UdpPam> pam = newPam("modes", ns_->name(), false);
   pam->txTosIs(Korva::IpDscp(0xb8));
+  pam->txDstIpAddrIs(IpAddr(127, 0, 0, 1));
+  pam->txPortIs(4796);
   pam->modeIs(Mode::client);
   EXPECT_EQ(socketOption(*pam, IPPROTO_IP, IP_TOS), 0xb8);
   EXPECT_EQ(socketOption(*pam, IPPROTO_IP, IP_PKTINFO), 1);
@@ -348,11 +353,6 @@ TEST_F(UdpPamLoopbackTest, SocketOptionsFollowTheAttributes) {
   pam->incSockBufSize(1 << 20);
   EXPECT_GE(socketOption(*pam, SOL_SOCKET, SO_RCVBUF), 1 << 20);
   EXPECT_GE(socketOption(*pam, SOL_SOCKET, SO_SNDBUF), 1 << 20);
-}
-
-TEST_F(UdpPamLoopbackTest, ModeChangesMakeANewSocketAndDisabledClosesIt) {
-  const int descriptors = SocketTest::openDescriptorCount();
-  Ptr<UdpPam> pam = client("modes", 4796);
   pam->txPktIs(packetOf("x"));
   EXPECT_TRUE(pam->socketConnected());
   pam->modeIs(Mode::server);
