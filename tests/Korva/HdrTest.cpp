@@ -6,10 +6,10 @@
 #include <Korva/IcmpHdr.h>
 #include <Korva/Ip6Hdr.h>
 #include <Korva/IpHdr.h>
+#include <Korva/SocketUtils.h>
 #include <Korva/TcpHdr.h>
 #include <Korva/UdpHdr.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
@@ -74,25 +74,13 @@ class LinkCapture {
   // waiting at most a second for one per message.
   std::vector<PktPtr> send(int family, int type, U8 protocol, U16 port,
                            const std::vector<std::string>& messages, int flags = 0) {
-    sockaddr_storage peer{};
-    socklen_t peerLength = sizeof(sockaddr_in);
-    if (family == AF_INET) {
-      auto* addr = reinterpret_cast<sockaddr_in*>(&peer);
-      addr->sin_family = AF_INET;
-      addr->sin_port = htons(port);
-      inet_pton(AF_INET, "10.199.0.2", &addr->sin_addr);
-    } else {
-      auto* addr = reinterpret_cast<sockaddr_in6*>(&peer);
-      addr->sin6_family = AF_INET6;
-      addr->sin6_port = htons(port);
-      inet_pton(AF_INET6, "fd00:199::2", &addr->sin6_addr);
-      peerLength = sizeof(sockaddr_in6);
-    }
+    Korva::SockAddr peer;
+    const socklen_t peerLength = Korva::constructSockAddr(
+        &peer.base, Korva::IpGenAddr(family == AF_INET ? "10.199.0.2" : "fd00:199::2"), port);
     for (const std::string& message : messages) {
       const int fd = socket(family, type | SOCK_NONBLOCK, protocol);
       // A connection attempt sends its SYN inside the call; nobody answers it.
-      EXPECT_TRUE(sendto(fd, message.data(), message.size(), flags,
-                         reinterpret_cast<const sockaddr*>(&peer), peerLength) >= 0 ||
+      EXPECT_TRUE(sendto(fd, message.data(), message.size(), flags, &peer.base, peerLength) >= 0 ||
                   errno == EINPROGRESS)
           << std::strerror(errno);
       close(fd);

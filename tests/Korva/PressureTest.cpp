@@ -42,24 +42,6 @@ struct Counter : UdpPam::Notifiee {
   long long received = 0;
 };
 
-// The kernel's UDP counters ("Udp:" of /proc/net/snmp) as seen inside the namespace.
-std::map<std::string, long long> udpCounters(const SocketTest::ScopedNs& ns) {
-  std::map<std::string, long long> counters;
-  SocketTest::runInNs(ns, [&] {
-    std::ifstream snmp("/proc/thread-self/net/snmp");
-    std::string line, names, values;
-    while (std::getline(snmp, line)) {
-      if (line.starts_with("Udp: ")) (names.empty() ? names : values) = line;
-    }
-    std::istringstream nameWords(names), valueWords(values);
-    std::string name, value;
-    while (nameWords >> name && valueWords >> value) {
-      if (name != "Udp:") counters[name] = std::stoll(value);
-    }
-  });
-  return counters;
-}
-
 class Pressure : public SocketTest::NamespaceTest {
  protected:
   Ptr<UdpPam> server(const std::string& name) {
@@ -76,7 +58,7 @@ TEST_F(Pressure, EveryDatagramOfAFloodIsReceivedOrCountedDroppedByTheKernel) {
   constexpr long long kSent = 1000000;
   Ptr<UdpPam> pam = server("flood");
   Counter counter(pam.get());
-  const long long dropsBefore = udpCounters(*ns_)["RcvbufErrors"];
+  const long long dropsBefore = SocketTest::kernelCounter(*ns_, "Udp", "RcvbufErrors");
   // The sender's end wakes the loop through an eventfd the loop watches.
   auto done = Mox::make<Mox::FileDescriptor>("sent", eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   std::atomic<bool> sent = false;
@@ -103,7 +85,7 @@ TEST_F(Pressure, EveryDatagramOfAFloodIsReceivedOrCountedDroppedByTheKernel) {
   ASSERT_EQ(report, "sent");
   // Everything sent is now queued on the socket or dropped; take what is queued.
   counter.onReadableCount();
-  const long long drops = udpCounters(*ns_)["RcvbufErrors"] - dropsBefore;
+  const long long drops = SocketTest::kernelCounter(*ns_, "Udp", "RcvbufErrors") - dropsBefore;
   EXPECT_EQ(counter.received + drops, kSent)
       << counter.received << " received, " << drops << " dropped";
   EXPECT_EQ(pam->rxPkts(), Mox::U64(counter.received));

@@ -25,9 +25,11 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -198,6 +200,27 @@ inline bool runUntilLinkRunning(const std::string& ns, const std::string& link) 
       5.0);
   close(probe);
   return running;
+}
+
+// A counter of the kernel's network statistics as the namespace sees them: `name` in
+// section `section` ("Udp", "TcpExt") of /proc/net/snmp or /proc/net/netstat, which give
+// a line of names and then a line of values; -1 if there is none.
+inline long long kernelCounter(const ScopedNs& ns, const std::string& section,
+                               const std::string& name) {
+  long long value = -1;
+  runInNs(ns, [&] {
+    for (const char* file : {"/proc/thread-self/net/snmp", "/proc/thread-self/net/netstat"}) {
+      std::ifstream table(file);
+      for (std::string names, values; std::getline(table, names) && std::getline(table, values);) {
+        if (!names.starts_with(section + ":")) continue;
+        std::istringstream nameWords(names), valueWords(values);
+        for (std::string word, number; nameWords >> word && valueWords >> number;) {
+          if (word == name) value = std::stoll(number);
+        }
+      }
+    }
+  });
+  return value;
 }
 
 // The number of descriptors this process has open.

@@ -100,25 +100,6 @@ std::string pdu(size_t length, char fill) {
   return bytes;
 }
 
-// A kernel TCP counter of the namespace ("TCPMD5Failure", "TCPMinTTLDrop").
-long tcpExtCounter(const std::string& ns, const std::string& counter) {
-  long value = -1;
-  FILE* out = popen(("ip netns exec " + ns + " cat /proc/net/netstat").c_str(), "r");
-  if (!out) return -1;
-  char names[4096], values[4096];
-  while (fgets(names, sizeof names, out) && fgets(values, sizeof values, out)) {
-    if (std::string(names).rfind("TcpExt:", 0) != 0) continue;
-    std::vector<std::string> keys, numbers;
-    for (char* t = strtok(names, " \n"); t; t = strtok(nullptr, " \n")) keys.push_back(t);
-    for (char* t = strtok(values, " \n"); t; t = strtok(nullptr, " \n")) numbers.push_back(t);
-    for (size_t i = 0; i < keys.size() && i < numbers.size(); ++i) {
-      if (keys[i] == counter) value = std::stol(numbers[i]);
-    }
-  }
-  pclose(out);
-  return value;
-}
-
 // A Python program run inside a namespace with arguments, while this thread's loop keeps
 // serving (SocketTest::PythonPeer is for peers that talk through their output instead);
 // killed, by its id, if it is still running when this goes.
@@ -348,6 +329,10 @@ class TcpVethV4Test : public SocketTest::VethPairTest {
     return (v6() ? "fd77::" : "10.77.0.") + std::to_string(host);
   }
   Client newClient(Mox::U16 port) { return Client(wheel_, right(), address(1), port); }
+  // A kernel TCP counter of the server's namespace ("TCPMD5Failure", "TCPMinTTLDrop").
+  long long tcpExt(const std::string& counter) {
+    return SocketTest::kernelCounter(*left_, "TcpExt", counter);
+  }
   Server newServer(Mox::U16 port) { return Server(wheel_, left(), address(1), port); }
 
   Ptr<Pylon::TimerWheel> wheel_ = Mox::make<Pylon::TimerWheel>("tcp");
@@ -414,11 +399,11 @@ TEST_F(TcpVethV4Test, Md5KeysAndMinimumTtlDecideWhoConnects) {
   server.config->optionsIs(TcpSocketOptions(0x8));
   ASSERT_TRUE(server.sm->startListener());
   const auto refused = [&](const char* counter, const std::function<void(Client&)>& setUp) {
-    const long before = tcpExtCounter(left(), counter);
+    const long long before = tcpExt(counter);
     Client client = newClient(7402);
     setUp(client);
     client.sm->startConnection();
-    EXPECT_TRUE(pollUntil([&] { return tcpExtCounter(left(), counter) > before; }, 5.0)) << counter;
+    EXPECT_TRUE(pollUntil([&] { return tcpExt(counter) > before; }, 5.0)) << counter;
     EXPECT_FALSE(client.connected());
   };
   refused("TCPMD5NotFound", [](Client&) {});
@@ -443,10 +428,10 @@ TEST_F(TcpVethV4Test, Md5KeysAndMinimumTtlDecideWhoConnects) {
   sender->txPktIs(packetOf(pdu(40, 'a')));
   ASSERT_TRUE(runUntilBounded([&] { return collector.pdus.size() == 1; }, 5.0));
   // ...while a change for the peer's prefix applies to the live socket at once.
-  const long failures = tcpExtCounter(left(), "TCPMD5Failure");
+  const long long failures = tcpExt("TCPMD5Failure");
   client.config->md5AuthIs(serverPrefix, "changed");
   sender->txPktIs(packetOf(pdu(40, 'b')));
-  EXPECT_TRUE(pollUntil([&] { return tcpExtCounter(left(), "TCPMD5Failure") > failures; }, 5.0));
+  EXPECT_TRUE(pollUntil([&] { return tcpExt("TCPMD5Failure") > failures; }, 5.0));
   EXPECT_EQ(collector.pdus.size(), 1u);
 }
 
@@ -456,13 +441,13 @@ TEST_F(TcpVethV4Test, AMinimumTtlOf255RefusesPeersOneHopAway) {
   server.config->optionsIs(TcpSocketOptions(0x4));
   ASSERT_TRUE(server.sm->startListener());
   for (Mox::U8 ttl : {254, 255}) {
-    const long before = tcpExtCounter(left(), "TCPMinTTLDrop");
+    const long long before = tcpExt("TCPMinTTLDrop");
     Client client = newClient(7403);
     client.config->txTtlIs(Korva::IpTtl(ttl));
     client.config->optionsIs(TcpSocketOptions(0x1));
     client.sm->startConnection();
     if (ttl == 254) {
-      EXPECT_TRUE(pollUntil([&] { return tcpExtCounter(left(), "TCPMinTTLDrop") > before; }, 5.0));
+      EXPECT_TRUE(pollUntil([&] { return tcpExt("TCPMinTTLDrop") > before; }, 5.0));
       EXPECT_FALSE(client.connected());
     } else {
       EXPECT_TRUE(runUntilBounded([&] { return client.connected(); }, 5.0))
