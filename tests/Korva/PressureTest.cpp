@@ -16,9 +16,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
-#include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 

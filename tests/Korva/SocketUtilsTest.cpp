@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstring>
 #include <random>
-#include <string>
 
 namespace {
 
