@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -216,14 +217,21 @@ void require(bool ok, const char* what) {
   std::_Exit(1);
 }
 
-// Moves the (death-test) child into a private mount namespace with an empty /var/run of its
-// own, so the machine's namespace directory never sees what the test mounts. The alarm
-// bounds the child.
-void enterPrivateMounts() {
-  alarm(10);
-  require(unshare(CLONE_NEWNS) == 0, "unshare(CLONE_NEWNS)");
-  require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
-  require(mount("tmpfs", "/var/run", "tmpfs", 0, "mode=0755") == 0, "tmpfs on /var/run");
+// Runs `body` in a child process inside a private mount namespace with an empty /var/run of
+// its own, so the machine's namespace directory never sees what the test mounts; the test
+// passes when the child ends well. The alarm bounds the child.
+void inPrivateMounts(const std::function<void()>& body) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        alarm(10);
+        require(unshare(CLONE_NEWNS) == 0, "unshare(CLONE_NEWNS)");
+        require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
+        require(mount("tmpfs", "/var/run", "tmpfs", 0, "mode=0755") == 0, "tmpfs on /var/run");
+        body();
+        std::_Exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 // The propagation fields of the mount at `point` in this process's mount table (the last
@@ -241,37 +249,27 @@ std::string propagationOf(const std::string& point) {
 }
 
 TEST_F(NetnsUtils, MountDefaultReplacesADefaultNameForAnotherNamespace) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        enterPrivateMounts();
-        const Mox::U64 own = inodeOf("/proc/self/ns/net");
-        require(netNsAdd(Korva::DEFAULT_NS) == 0, "name another namespace default");
-        require(netNsInode(Korva::DEFAULT_NS) != own, "default names another namespace");
-        require(Korva::mountDefaultNetNs() == 0, "mountDefaultNetNs");
-        require(netNsInode(Korva::DEFAULT_NS) == own, "default names the agent's namespace");
-        require(Korva::mountDefaultNetNs() == 0, "mountDefaultNetNs again");
-        require(netNsInode(Korva::DEFAULT_NS) == own, "a second call keeps it");
-        std::_Exit(0);
-      },
-      ::testing::ExitedWithCode(0), "");
+  inPrivateMounts([] {
+    const Mox::U64 own = inodeOf("/proc/self/ns/net");
+    require(netNsAdd(Korva::DEFAULT_NS) == 0, "name another namespace default");
+    require(netNsInode(Korva::DEFAULT_NS) != own, "default names another namespace");
+    require(Korva::mountDefaultNetNs() == 0, "mountDefaultNetNs");
+    require(netNsInode(Korva::DEFAULT_NS) == own, "default names the agent's namespace");
+    require(Korva::mountDefaultNetNs() == 0, "mountDefaultNetNs again");
+    require(netNsInode(Korva::DEFAULT_NS) == own, "a second call keeps it");
+  });
 }
 
 TEST_F(NetnsUtils, RemountMakesTheNamespaceDirectoryShared) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        enterPrivateMounts();
-        require(Korva::mkNsRunDir() == 0, "mkNsRunDir");
-        const std::string dir = std::filesystem::canonical(Mox::kNetnsRunDir);
-        // Every mount is private now, even one of the machine's hidden under the tmpfs.
-        require(propagationOf(dir).find("shared:") == std::string::npos, "not shared before");
-        require(Korva::remountNsRunDir() == 0, "remountNsRunDir");
-        require(propagationOf(dir).find("shared:") != std::string::npos,
-                "the namespace directory is a shared mount");
-        std::_Exit(0);
-      },
-      ::testing::ExitedWithCode(0), "");
+  inPrivateMounts([] {
+    require(Korva::mkNsRunDir() == 0, "mkNsRunDir");
+    const std::string dir = std::filesystem::canonical(Mox::kNetnsRunDir);
+    // Every mount is private now, even one of the machine's hidden under the tmpfs.
+    require(propagationOf(dir).find("shared:") == std::string::npos, "not shared before");
+    require(Korva::remountNsRunDir() == 0, "remountNsRunDir");
+    require(propagationOf(dir).find("shared:") != std::string::npos,
+            "the namespace directory is a shared mount");
+  });
 }
 
 TEST_F(NetnsUtils, MoveIntfCarriesAVethEndAcross) {
