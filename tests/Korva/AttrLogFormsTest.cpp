@@ -158,39 +158,40 @@ TEST(AttrLogForms, KnownBytes) {
   EXPECT_EQ(Mox::attrLogBytes(NamespaceName("ns")), "\0\0\0\2ns"s);
 }
 
+// A reader of a `T` into a copy of `before`, which a failed read must leave as it was.
+template <class T>
+std::function<void(Mox::AttrLogReader&)> readsInto(const T& before) {
+  return [before](Mox::AttrLogReader& in) {
+    T value = before;
+    try {
+      attrLogRead(in, &value);
+    } catch (const Mox::Exception&) {
+      EXPECT_EQ(value, before);
+      throw;
+    }
+  };
+}
+
 // Bytes that are no value: the reader names the fault and the value stays.
 TEST(AttrLogForms, BadBytesRaiseAndKeepTheValue) {
   using namespace std::string_literals;
-  struct BadCase {
+  const struct {
     std::string bytes;
     std::function<void(Mox::AttrLogReader&)> read;
     std::string message;
-  };
-  const MplsLabel label(16);
-  const Prefix prefix("10.0.0.0/8");
-  const BadCase cases[] = {
-      {"\x00\x80\x00\x01"s,
-       [&](Mox::AttrLogReader& in) {
-         MplsLabel read = label;
-         attrLogRead(in, &read);
-       },
+  } cases[] = {
+      {"\x00\x80\x00\x01"s, readsInto(MplsLabel(16)),
        "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed"},
-      {"\x0a\0\0\0\0\0\0\x21"s,
-       [&](Mox::AttrLogReader& in) {
-         Prefix read = prefix;
-         attrLogRead(in, &read);
-       },
+      {"\x0a\0\0\0\0\0\0\x21"s, readsInto(Prefix("10.0.0.0/8")),
        "Prefix::validAsPrefix != true not allowed"},
-      {"\x07\1\2\3\4"s, [](Mox::AttrLogReader& in) { Mox::attrLogGet<IpGenAddr>(in); },
-       "Invalid AddressFamily 7"},
+      {"\x07\1\2\3\4"s, readsInto(IpGenAddr(IpAddr(1, 2, 3, 4))), "Invalid AddressFamily 7"},
       {"\x02"s, [](Mox::AttrLogReader& in) { Mox::attrLogGet<bool>(in); },
        "bool byte 2 is neither 0 nor 1"},
       {"\0\0\0\x09"
        "abc"s,
-       [](Mox::AttrLogReader& in) { Mox::attrLogGet<NamespaceName>(in); },
-       "truncated: 9 bytes wanted, 3 left"},
+       readsInto(NamespaceName("ns")), "truncated: 9 bytes wanted, 3 left"},
   };
-  for (const BadCase& bad : cases) {
+  for (const auto& bad : cases) {
     Mox::AttrLogReader in(bad.bytes);
     try {
       bad.read(in);
