@@ -176,20 +176,16 @@ TEST_F(ModelsNotify, ArrayEndsAtItsLastEntry) {
   EXPECT_EQ(other->references(), 1u);
 }
 
-TEST_F(ModelsNotify, QueueIsFirstInFirstOutBySequence) {
-  EXPECT_EQ(counters_->pendingDeq(), Entry());
+// Order, entries and metadata under random work are checked against a map below.
+TEST_F(ModelsNotify, QueueNotifiesPerSequenceAndItsTailFollowsTheLastKey) {
   EXPECT_EQ(counters_->pendingEnq(entryOf(0, "a")), 1u);
-  EXPECT_EQ(counters_->pendingEnq(entryOf(0, "b")), 2u);
-  EXPECT_EQ(counters_->pendingEnq(entryOf(0, "c")), 3u);
-  EXPECT_EQ(counters_->pendingMetadata(), (Mox::QueueMetadata{1, 4}));
+  counters_->pendingEnq(entryOf(0, "b"));
+  counters_->pendingEnq(entryOf(0, "c"));
   EXPECT_EQ(counters_->pendingDeq().label(), Label("a"));
-  EXPECT_EQ(counters_->pendingMetadata().head, 2u);
   counters_->pendingDel(2);
-  EXPECT_EQ(counters_->pendingMetadata(), (Mox::QueueMetadata{3, 4}));
   counters_->pendingIs(3, entryOf(0, "c"));  // unchanged
-  counters_->pendingIs(9, entryOf(0, "i"));
+  counters_->pendingIs(9, entryOf(0, "i"));  // past the tail
   EXPECT_EQ(counters_->pendingEnq(entryOf(0, "j")), 10u);
-  EXPECT_EQ(counters_->pending(9).label(), Label("i"));
   EXPECT_EQ(counters_->pendingDeq().label(), Label("c"));
   counters_->pendingDelAll();
   EXPECT_EQ(counters_->pendingMetadata(), (Mox::QueueMetadata{11, 11}));
