@@ -392,10 +392,20 @@ TEST(ModelsText, CompositeValueFormAndFailedParseChangesNothing) {
   EXPECT_EQ(parsed, entry);
   EXPECT_EQ(Label("a'b").stringValue(), "a'b");
 
-  std::string keyOutOfRange = text;  // a bound is part of parsing
-  keyOutOfRange.replace(keyOutOfRange.find("'key': 3"), 8, "'key': 4");
-  for (const std::string& bad : {text.substr(0, text.size() - 1), keyOutOfRange,
-                                 std::string("Value('ModelTest::Part', ** {})")}) {
+  std::string trailing = text + ", rest";
+  Mox::TextIter next = trailing.data();
+  sequenceToValue(next, trailing.data() + trailing.size(), &parsed);
+  EXPECT_EQ(std::string(next), ", rest");
+
+  // A bound is part of parsing; so are each attribute's name, order and form.
+  auto edited = [&](const std::string& from, const std::string& to) {
+    std::string copy = text;
+    return copy.replace(copy.find(from), from.size(), to);
+  };
+  for (const std::string& bad :
+       {text.substr(0, text.size() - 1), text.substr(0, text.find("'part'")),
+        edited("'key': 3", "'key': 4"), edited("'label'", "'lable'"), edited("False", "false"),
+        std::string("Value('ModelTest::Part', ** {})"), std::string()}) {
     EXPECT_THROW(parsed.stringValueIs(bad), Mox::RangeException) << bad;
     Mox::TextIter it = bad.data();
     EXPECT_THROW(sequenceToValue(it, bad.data() + bad.size(), &parsed), Mox::RangeException);
