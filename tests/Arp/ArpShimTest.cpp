@@ -1,4 +1,5 @@
 // The ARP shim following a table and a VRF id map written by another real process.
+#include "Cairn/Damage.h"
 #include "Cairn/Peer.h"
 
 #include <Arp/ArpShim.h>
@@ -7,12 +8,6 @@
 #include <Mox/Activity.h>
 #include <Mox/Trace.h>
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
 #include <set>
 #include <string>
 
@@ -170,25 +165,6 @@ TEST_F(ArpShimTest, ReplayAndDeletionTraces) {
   Mox::traceConfigIs("");
 }
 
-// Flips one byte of the entry stored for `key` in the table's shared-memory file: its slot
-// holds the key and then the entry, which starts with the key again.
-bool damage(const std::string& table, const ArpKey& key) {
-  const int fd = open(Cairn::shmPath(Cairn::tableObject(table)).c_str(), O_RDWR);
-  if (fd < 0) return false;
-  const off_t size = lseek(fd, 0, SEEK_END);
-  auto* bytes = static_cast<char*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-  close(fd);
-  if (bytes == MAP_FAILED) return false;
-  char pattern[2 * sizeof key];
-  std::memcpy(pattern, &key, sizeof key);
-  std::memcpy(pattern + sizeof key, &key, sizeof key);
-  char* found = std::find_end(bytes, bytes + size, pattern, pattern + sizeof pattern);
-  const bool hit = found != bytes + size;
-  if (hit) found[sizeof pattern + 1] ^= 0x40;  // the entry's Ethernet address
-  munmap(bytes, size);
-  return hit;
-}
-
 TEST_F(ArpShimTest, DamagedEntryIsReportedAndReadsAsAbsent) {
   tellAll({"set 4 0 Ethernet1 10.0.0.1 00:00:00:00:00:01 0"});
   startShim("", true, true);
@@ -196,7 +172,10 @@ TEST_F(ArpShimTest, DamagedEntryIsReportedAndReadsAsAbsent) {
   int reports = 0;
   Cairn::corruptionHandlerIs([&](const Cairn::Corruption&) { ++reports; });
   const ArpKey key(VrfId(0), Korva::IntfId("Ethernet1"), Korva::IpGenAddr("10.0.0.1"));
-  ASSERT_TRUE(damage(arpTable_ + "-v4", key));
+  // Its slot holds the key and then the entry, which starts with the key again; the
+  // entry's Ethernet address follows.
+  std::string slot(reinterpret_cast<const char*>(&key), sizeof key);
+  ASSERT_TRUE(CairnTest::damage(arpTable_ + "-v4", slot + slot, 2 * sizeof key + 1, 0x40));
   shim_->handleArpEntry(key);
   Cairn::corruptionHandlerIs(nullptr);
   EXPECT_GT(reports, 0);
@@ -226,8 +205,7 @@ TEST(ArpKey, OrderIsVrfThenInterfaceThenAddressAndTextRoundTrips) {
                                     {VrfId(1), et2, low},
                                     {VrfId(1), et2, high},
                                     {VrfId(0xFFFFFFFE), et1, low}};
-  EXPECT_TRUE(std::is_sorted(ordered.begin(), ordered.end()));
-  for (size_t i = 1; i < ordered.size(); ++i) EXPECT_FALSE(ordered[i] < ordered[i - 1]);
+  for (size_t i = 1; i < ordered.size(); ++i) EXPECT_LT(ordered[i - 1], ordered[i]) << i;
   const ArpKey& key = ordered[1];
   EXPECT_EQ(key.stringValue(),
             "Value('Arp::Table::ArpKey', ** {'vrfId': 1, 'addr': fe80::1, 'intfId': "
