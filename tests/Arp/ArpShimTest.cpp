@@ -66,10 +66,10 @@ class ArpShimTest : public testing::Test {
                              Vrf::VrfIdMap::statusFactory(vrfTable_), vrfName, v4, v6, arpStatus_,
                              dir_);
   }
-  // Runs the loop until the mirrored tree is `expected` (bounded); the tree as it ended.
-  Tree mirrored(const Tree& expected) {
+  // Runs the loop until the mirrored tree is `expected` (bounded), then compares.
+  void expectMirrored(const Tree& expected) {
     Mox::runUntil([&] { return treeOf(*dir_) == expected; }, 5.0);
-    return treeOf(*dir_);
+    EXPECT_EQ(treeOf(*dir_), expected);
   }
 
   const std::string arpTable_ = "test-arp-" + std::to_string(getpid());
@@ -95,22 +95,20 @@ TEST_F(ArpShimTest, MirrorsEveryVrfAndFamilyAndReplaysLateVrfNames) {
   EXPECT_EQ(entry.ethAddr(), Korva::EthAddr(0, 0, 3));
 
   tellAll({"set 6 1 Ethernet2/1 fd00::5 00:00:00:00:00:05 0", "vrf add red"});
-  EXPECT_EQ(
-      mirrored({"default Ethernet1 10.0.0.1", "default Ethernet1 fe80::1 static",
-                "blue Ethernet2/1 10.1.0.1", "blue Ethernet2/1 fd00::5", "red Ethernet3 10.2.0.1"}),
-      (Tree{"default Ethernet1 10.0.0.1", "default Ethernet1 fe80::1 static",
-            "blue Ethernet2/1 10.1.0.1", "blue Ethernet2/1 fd00::5", "red Ethernet3 10.2.0.1"}));
+  expectMirrored({"default Ethernet1 10.0.0.1", "default Ethernet1 fe80::1 static",
+                  "blue Ethernet2/1 10.1.0.1", "blue Ethernet2/1 fd00::5",
+                  "red Ethernet3 10.2.0.1"});
 
   // The last entries of an interface go, the interface status stays; a VRF goes whole.
   tellAll({"del 4 1 Ethernet2/1 10.1.0.1", "del 6 1 Ethernet2/1 fd00::5", "vrf del red",
            "set 4 0 Ethernet1 10.0.0.1 00:00:00:00:00:01 1"});
   const Tree after{"default Ethernet1 10.0.0.1 static", "default Ethernet1 fe80::1 static",
                    "blue Ethernet2/1"};
-  EXPECT_EQ(mirrored(after), after);
+  expectMirrored(after);
   // An entry the agent dropped from its tree comes back when the writer announces its key.
   arpStatus_->arpIntfStatus("Ethernet1")->ip6NeighborEntryDel(Korva::Ip6Addr("fe80::1"));
   tellAll({"notify 6 0 Ethernet1 fe80::1"});
-  EXPECT_EQ(mirrored(after), after);
+  expectMirrored(after);
   shim_->handleVrfDelete("default");
   EXPECT_TRUE(dir_->vrfStatus("default"));
 
@@ -142,7 +140,7 @@ TEST_F(ArpShimTest, ServesOneVrfAndOneFamily) {
   EXPECT_TRUE(trace.contains("  can't find vrf name for vrf id: 3"));
   EXPECT_TRUE(trace.contains(" update not for vrf of interest: red"));
   tellAll({"vrf del blue"});
-  EXPECT_EQ(mirrored({}), Tree{});
+  expectMirrored({});
   EXPECT_EQ(arpStatus_->arpIntfStatusSize(), 0u);
   Mox::traceConfigIs("");
 }
@@ -155,7 +153,7 @@ TEST_F(ArpShimTest, ReplayAndDeletionTraces) {
   Mox::runUntil([&] { return trace.contains("  can't find vrf name for vrf id: 1"); }, 5.0);
   tellAll({"vrf add blue"});
   const Tree replayed{"default", "blue Ethernet2 10.1.0.1"};  // every VRF named has a status
-  EXPECT_EQ(mirrored(replayed), replayed);
+  expectMirrored(replayed);
   EXPECT_TRUE(trace.contains(" vrf: blue id: 1"));
   EXPECT_TRUE(trace.contains("  adding arp entry on vrf blue, Ethernet2: Value('Arp::Table::"));
   shim_->handleVrfDelete("green");
