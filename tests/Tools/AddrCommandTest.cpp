@@ -17,12 +17,7 @@ class AddrCommand : public KorvaTest::KorvaTool {
 
 // Each input in its canonical text or the parser's message; any failure sets the status.
 TEST_F(AddrCommand, PrintsCanonicalTextsOrTheError) {
-  const struct {
-    const char* arguments;
-    const char* input;
-    const char* output;
-    int status;
-  } cases[] = {
+  expectRuns({
       {"00-11-22-33-44-55 0011.2233.4455 AA:BB:CC:DD:EE:FF", "",
        "00:11:22:33:44:55\n00:11:22:33:44:55\naa:bb:cc:dd:ee:ff\n", 0},
       // Standard input: one line per input.
@@ -47,13 +42,7 @@ TEST_F(AddrCommand, PrintsCanonicalTextsOrTheError) {
       {"--type eui64 0011.2233.4455.6677", "", "00:11:22:33:44:55:66:77\n", 0},
       {"--type mplslabel 3 8388609", "",
        "3\nerror: MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed\n", 1},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.arguments);
-    const ToolRun r = run(c.arguments, c.input);
-    EXPECT_EQ(r.output, c.output);
-    EXPECT_EQ(r.status, c.status);
-  }
+  });
   EXPECT_EQ(run("--type ip6addr 10.0.0.1").status, 1);
   EXPECT_NE(run("--type nosuchtype 1").status, 0);
 }

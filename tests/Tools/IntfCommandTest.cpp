@@ -16,12 +16,7 @@ class IntfCommand : public KorvaTest::KorvaTool {
 // Every form gives all forms; failures print the error and set the status; --sort prints
 // long names in natural order.
 TEST_F(IntfCommand, PrintsEveryFormOrTheError) {
-  const struct {
-    const char* arguments;
-    const char* input;
-    const char* output;
-    int status;
-  } cases[] = {
+  expectRuns({
       {"Ethernet3/1 et3_1.100 Po10 vlan100 Lo0", "",
        "Ethernet3/1 Et3/1 et3_1 0x00000c0102000000\n"
        "Ethernet3/1.100 Et3/1.100 et3_1.100 0x00000c0102000064\n"
@@ -36,13 +31,7 @@ TEST_F(IntfCommand, PrintsEveryFormOrTheError) {
        1},
       {"--sort", "Ethernet10\nvlan2\nEt2\nEthernet1/1\nEthernet1\nLo0\nEthernet1.5\n",
        "Ethernet1\nEthernet1.5\nEthernet1/1\nEthernet2\nEthernet10\nLoopback0\nVlan2\n", 0},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.arguments);
-    const ToolRun r = run(c.arguments, c.input);
-    EXPECT_EQ(r.output, c.output);
-    EXPECT_EQ(r.status, c.status);
-  }
+  });
 }
 
 TEST_F(IntfCommand, JsonCarriesEveryForm) {
