@@ -1,5 +1,6 @@
-// The VRF id map: allocation, overflow, reader maps. Persistence across writer restarts is
-// checked through the korva tool (tests/Tools), whose every run is a new writer.
+// The VRF id map: long names, wrap-around, overflow, reader maps. The ids of the default
+// VRF and of names given again, and their persistence across writer restarts, are checked
+// through the korva tool (tests/Tools), whose every run is a new writer.
 #include <Vrf/VrfIdMap.h>
 
 #include <Mox/Activity.h>
@@ -35,16 +36,6 @@ class VrfIdMapTest : public ::testing::Test {
   Mox::Ptr<Status> status_;
   Mox::Ptr<Writer> writer_;
 };
-
-TEST_F(VrfIdMapTest, DefaultIsZeroAndConsumesNoId) {
-  auto writer = startWriter();
-  EXPECT_EQ(writer->vrfIs("default"), VrfId::defaultVrf());
-  EXPECT_EQ(writer->vrfIs("blue"), VrfId(1));
-  writer->vrfDel("default");
-  EXPECT_EQ(status_->vrfIdToName().find(VrfId(0))->vrfName(), "default");
-  EXPECT_EQ(writer->vrfIs("red"), VrfId(2));
-  EXPECT_EQ(writer->vrfIs("blue"), VrfId(1));
-}
 
 TEST_F(VrfIdMapTest, LongNameKeepsItsFirstHundredCharacters) {
   auto writer = startWriter();
