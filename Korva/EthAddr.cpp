@@ -162,12 +162,6 @@ void sequenceToWords(TextIter& it, TextIter end, U8* bytes, unsigned count) {
 
 // --- EthAddr ---
 
-EthAddr EthAddr::fromBuffer(const unsigned char* bytes) noexcept {
-  EthAddr addr;
-  std::memcpy(addr.bytes_.data(), bytes, byteCount);
-  return addr;
-}
-
 U16 EthAddr::word(unsigned index) const {
   checkIndex(index, 3, "EthAddr::word: index out of range");
   return rawWord(index);
@@ -227,10 +221,6 @@ Eui64 EthAddr::eui64() const noexcept {
   return Eui64::fromBuffer(bytes);
 }
 
-void EthAddr::copyToBuffer(unsigned char* out) const noexcept {
-  std::memcpy(out, bytes_.data(), byteCount);
-}
-
 U32 EthAddr::hash() const noexcept {
   return valueHashMix(U32(rawWord(0) ^ rawWord(1)) << 16 | rawWord(2));
 }
@@ -256,12 +246,6 @@ EthAddr ipMcastMacAddr(IpAddr group) noexcept {
 }
 
 // --- Eui64 ---
-
-Eui64 Eui64::fromBuffer(const unsigned char* bytes) noexcept {
-  Eui64 id;
-  std::memcpy(id.bytes_.data(), bytes, byteCount);
-  return id;
-}
 
 U8 Eui64::byte(Eui64U8Key index) const {
   checkIndex(index, byteCount, "Eui64::byte: index out of range");
@@ -301,10 +285,6 @@ void Eui64::stringValueIs(std::string_view text) {
   parseWhole<Eui64>(text, bytes_.data(), "Invalid Eui64");
 }
 
-void Eui64::copyToBuffer(unsigned char* out) const noexcept {
-  std::memcpy(out, bytes_.data(), byteCount);
-}
-
 U32 Eui64::hash() const noexcept {
   const U32 high = U32(rawWord(0)) << 16 | rawWord(1);
   const U32 low = U32(rawWord(2)) << 16 | rawWord(3);
@@ -324,29 +304,6 @@ void sequenceToValue(TextIter& it, TextIter end, Eui64* value) {
 std::ostream& operator<<(std::ostream& os, const Eui64& value) {
   char text[Eui64::maxTextSize];
   return os.write(text, value.toChars(text) - text);
-}
-
-// The bytes in wire order: six, or eight for an EUI-64.
-void attrLogWrite(Mox::AttrLogWriter& out, const EthAddr& value) {
-  unsigned char bytes[EthAddr::byteCount];
-  value.copyToBuffer(bytes);
-  out.bytes(bytes, sizeof(bytes));
-}
-
-void attrLogRead(Mox::AttrLogReader& in, EthAddr* value) {
-  *value = EthAddr::fromBuffer(
-      reinterpret_cast<const unsigned char*>(in.bytes(EthAddr::byteCount).data()));
-}
-
-void attrLogWrite(Mox::AttrLogWriter& out, const Eui64& value) {
-  unsigned char bytes[Eui64::byteCount];
-  value.copyToBuffer(bytes);
-  out.bytes(bytes, sizeof(bytes));
-}
-
-void attrLogRead(Mox::AttrLogReader& in, Eui64* value) {
-  *value =
-      Eui64::fromBuffer(reinterpret_cast<const unsigned char*>(in.bytes(Eui64::byteCount).data()));
 }
 
 }  // namespace Korva

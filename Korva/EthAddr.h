@@ -37,7 +37,11 @@ class EthAddr {
   constexpr EthAddr(U16 word0, U16 word1, U16 word2)
       : bytes_{U8(word0 >> 8), U8(word0), U8(word1 >> 8), U8(word1), U8(word2 >> 8), U8(word2)} {}
   // From six bytes in wire order.
-  static EthAddr fromBuffer(const unsigned char* bytes) noexcept;
+  static EthAddr fromBuffer(const unsigned char* bytes) noexcept {
+    EthAddr addr;
+    std::memcpy(addr.bytes_.data(), bytes, byteCount);
+    return addr;
+  }
   explicit EthAddr(std::string_view text) { stringValueIs(text); }
   // The address that is all of `text`, or nothing.
   static std::optional<EthAddr> tryParse(std::string_view text) noexcept;
@@ -69,7 +73,9 @@ class EthAddr {
   // b0:b1:b2:ff:ff:b3:b4:b5, the MAC-48 encapsulation; the universal/local bit is kept as is.
   Eui64 eui64() const noexcept;
 
-  void copyToBuffer(unsigned char* out) const noexcept;
+  void copyToBuffer(unsigned char* out) const noexcept {
+    std::memcpy(out, bytes_.data(), byteCount);
+  }
   U32 hash() const noexcept;
 
   // Inline loads: the array's own comparison is a call to memcmp, on every map update.
@@ -91,8 +97,16 @@ std::string valueToStrep(const EthAddr& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, EthAddr* value);
 std::ostream& operator<<(std::ostream& os, const EthAddr& value);
 // The attribute-log form (see Mox/AttrLog.h).
-void attrLogWrite(Mox::AttrLogWriter& out, const EthAddr& value);
-void attrLogRead(Mox::AttrLogReader& in, EthAddr* value);
+// The bytes in wire order, inline: an address is a field of many streamed values.
+inline void attrLogWrite(Mox::AttrLogWriter& out, const EthAddr& value) {
+  unsigned char bytes[EthAddr::byteCount];
+  value.copyToBuffer(bytes);
+  out.bytes(bytes, sizeof(bytes));
+}
+inline void attrLogRead(Mox::AttrLogReader& in, EthAddr* value) {
+  *value = EthAddr::fromBuffer(
+      reinterpret_cast<const unsigned char*>(in.bytes(EthAddr::byteCount).data()));
+}
 
 // Index of a byte of an Eui64, 0..7.
 using Eui64U8Key = U8;
@@ -102,7 +116,11 @@ class Eui64 {
   static constexpr unsigned byteCount = 8;
 
   constexpr Eui64() = default;
-  static Eui64 fromBuffer(const unsigned char* bytes) noexcept;
+  static Eui64 fromBuffer(const unsigned char* bytes) noexcept {
+    Eui64 addr;
+    std::memcpy(addr.bytes_.data(), bytes, byteCount);
+    return addr;
+  }
   explicit Eui64(std::string_view text) { stringValueIs(text); }
   static std::optional<Eui64> tryParse(std::string_view text) noexcept;
 
@@ -121,7 +139,9 @@ class Eui64 {
   char* toChars(char* out) const noexcept;
   void stringValueIs(std::string_view text);
 
-  void copyToBuffer(unsigned char* out) const noexcept;
+  void copyToBuffer(unsigned char* out) const noexcept {
+    std::memcpy(out, bytes_.data(), byteCount);
+  }
   U32 hash() const noexcept;
 
   friend bool operator==(const Eui64&, const Eui64&) = default;
@@ -138,8 +158,16 @@ class Eui64 {
 std::string valueToStrep(const Eui64& value);
 void sequenceToValue(Mox::TextIter& it, Mox::TextIter end, Eui64* value);
 std::ostream& operator<<(std::ostream& os, const Eui64& value);
-void attrLogWrite(Mox::AttrLogWriter& out, const Eui64& value);
-void attrLogRead(Mox::AttrLogReader& in, Eui64* value);
+// The bytes in wire order.
+inline void attrLogWrite(Mox::AttrLogWriter& out, const Eui64& value) {
+  unsigned char bytes[Eui64::byteCount];
+  value.copyToBuffer(bytes);
+  out.bytes(bytes, sizeof(bytes));
+}
+inline void attrLogRead(Mox::AttrLogReader& in, Eui64* value) {
+  *value =
+      Eui64::fromBuffer(reinterpret_cast<const unsigned char*>(in.bytes(Eui64::byteCount).data()));
+}
 
 // The Ethernet group of an IPv4 multicast group: 01:00:5e and the group's low 23 bits.
 EthAddr ipMcastMacAddr(IpAddr group) noexcept;

@@ -19,12 +19,6 @@ AttrLogClass::AttrLogClass(const char* typeName, const AttrLogClass* base, std::
       first_(base ? base->attrCount() : U16(0)),
       attrs_(std::move(attrs)) {}
 
-const AttrLogClass::Attr* AttrLogClass::attr(U16 id) const noexcept {
-  if (id < first_) return base_->attr(id);
-  const size_t own = id - first_;
-  return own < attrs_.size() ? &attrs_[own] : nullptr;
-}
-
 void AttrLogClass::snapshot(const Entity& entity, U32 handle, AttrLogSink& sink) const {
   if (base_) base_->snapshot(entity, handle, sink);
   snapshotOwn(entity, handle, first_, sink);
@@ -34,12 +28,6 @@ void AttrLogClass::emit(const Entity& entity, U32 handle, U16 id, AttrLogReader&
                         AttrLogSink& sink) const {
   if (id < first_) return base_->emit(entity, handle, id, key, sink);
   emitOwn(entity, handle, first_, static_cast<U16>(id - first_), key, sink);
-}
-
-void AttrLogClass::apply(Entity& entity, U16 id, AttrLogOp op, AttrLogReader& key,
-                         AttrLogReader& value, AttrLogMirror& mirror) const {
-  if (id < first_) return base_->apply(entity, id, op, key, value, mirror);
-  applyOwn(entity, static_cast<U16>(id - first_), op, key, value, mirror);
 }
 
 void AttrLogClass::forEachEntry(const Entity& entity, U16 id, const EntryFn& fn) const {

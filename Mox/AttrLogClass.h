@@ -42,6 +42,11 @@ class AttrLogSink {
   // The present state of `key` in `coll` (a map, array or queue): set, or del when absent.
   template <class K, class C>
   void entry(U32 handle, U16 attr, const C& coll, const K& key);
+  // The same for a map that keeps the entry it set last (nullptr: none), which spares the
+  // look-up of a key that was just set.
+  template <class K, class V>
+  void entry(U32 handle, U16 attr, const std::map<K, V>& coll, const K& key,
+             const std::pair<const K, V>* lastSet);
   // Every entry present in `coll`.
   template <class K, class C>
   void entries(U32 handle, U16 attr, const C& coll);
@@ -120,8 +125,13 @@ class AttrLogClass {
 
   const char* typeName() const noexcept { return typeName_; }
   U16 attrCount() const noexcept { return static_cast<U16>(first_ + attrs_.size()); }
-  // The attribute numbered `id`, or nullptr.
-  const Attr* attr(U16 id) const noexcept;
+  // The attribute numbered `id`, or nullptr. Inline, as apply() is: a mount calls both per
+  // change it reads.
+  const Attr* attr(U16 id) const noexcept {
+    if (id < first_) return base_->attr(id);
+    const size_t own = id - first_;
+    return own < attrs_.size() ? &attrs_[own] : nullptr;
+  }
 
   // Records of every attribute's present state, children included.
   void snapshot(const Entity& entity, U32 handle, AttrLogSink& sink) const;
@@ -132,7 +142,10 @@ class AttrLogClass {
   // own exception, for a value out of its bounds) on bytes that do not fit, the key and
   // value having to be read whole; a record that raises leaves the entity as it was.
   void apply(Entity& entity, U16 id, AttrLogOp op, AttrLogReader& key, AttrLogReader& value,
-             AttrLogMirror& mirror) const;
+             AttrLogMirror& mirror) const {
+    if (id < first_) return base_->apply(entity, id, op, key, value, mirror);
+    applyOwn(entity, static_cast<U16>(id - first_), op, key, value, mirror);
+  }
   // Calls fn(key, child) for each entry of collection `id` (child: nullptr but for children).
   using EntryFn = std::function<void(std::string_view key, Entity* child)>;
   void forEachEntry(const Entity& entity, U16 id, const EntryFn& fn) const;
@@ -260,6 +273,15 @@ void AttrLogSink::entry(U32 handle, U16 attr, const C& coll, const K& key) {
   }
 }
 
+template <class K, class V>
+void AttrLogSink::entry(U32 handle, U16 attr, const std::map<K, V>& coll, const K& key,
+                        const std::pair<const K, V>* lastSet) {
+  if constexpr (AttrLoggable<K> && AttrLoggable<V>) {
+    if (lastSet && lastSet->first == key) return write(handle, attr, &key, &lastSet->second);
+    entry(handle, attr, coll, key);
+  }
+}
+
 template <class K, class C>
 void AttrLogSink::entries(U32 handle, U16 attr, const C& coll) {
   using V = AttrLogEntry<C>;
@@ -305,7 +327,8 @@ template <class V, class Set>
 void attrLogApplyScalar(AttrLogOp op, AttrLogReader& value, Set set) {
   if constexpr (AttrLoggable<V>) {
     if (op != AttrLogOp::set) throw AttrLogError("a scalar takes only set records");
-    const V v = attrLogGet<V>(value);
+    V v{};  // read in place: a copy would reload, in wide reads, the narrow stores just made
+    attrLogRead(value, &v);
     value.finish();  // a record is applied whole or not at all
     set(v);
   }
@@ -320,7 +343,8 @@ void attrLogApplyEntry(AttrLogOp op, AttrLogReader& key, AttrLogReader& value, S
       value.finish();
       del(k);
     } else if (op == AttrLogOp::set) {
-      const V v = attrLogGet<V>(value);
+      V v{};  // read in place, as a scalar's is
+      attrLogRead(value, &v);
       value.finish();
       set(k, v);
     } else {

@@ -167,7 +167,7 @@ void AttrLogMount::hello(AttrLogReader& in) {
   handles_.clear();
   handleOf_.clear();
   lastNode_ = nullptr;
-  handles_[kAttrLogRootHandle] = {root_, "", {}};
+  handles_[kAttrLogRootHandle] = {root_, root_->attrLogClass(), "", {}};
   handleOf_[root_.get()] = kAttrLogRootHandle;
   seen_.clear();
   phase_ = Phase::snapshot;
@@ -178,30 +178,34 @@ void AttrLogMount::change(AttrLogOp op, AttrLogReader& in) {
   const U32 handle = in.integer<U32>();
   const U16 attr = in.integer<U16>();
   const std::string_view key = in.bytes(in.integer<U16>());
-  Ptr<Entity> entity = node(handle).entity;
-  const AttrLogClass* cls = entity->attrLogClass();
-  const AttrLogClass::Attr* info = cls->attr(attr);
-  // Made only for a fault: this runs for every change.
-  auto where = [cls] { return std::string(cls->typeName()) + " attribute "; };
-  if (!info) throw AttrLogError("unknown " + where() + std::to_string(attr));
-  if (!info->streamed) throw AttrLogError(where() + info->name + " has no attribute-log form");
-  const bool scalar = info->kind == AttrLogKind::scalar;
-  if (scalar != key.empty()) {
-    throw AttrLogError(where() + info->name + (scalar ? " takes no key" : " needs a key"));
-  }
+  const MirrorNode& target = node(handle);
+  const Ptr<Entity> entity = target.entity;  // kept alive through hooks that may drop it
+  const AttrLogClass& cls = *target.cls;
+  const AttrLogClass::Attr* info = cls.attr(attr);
+  const bool scalar = info && info->kind == AttrLogKind::scalar;
+  if (!info || !info->streamed || scalar != key.empty()) badAttribute(cls, attr, !key.empty());
   AttrLogReader keyIn(key);
   currentHandle_ = handle;
   currentAttr_ = attr;
   currentKey_ = key;
   try {
-    cls->apply(*entity, attr, op, keyIn, in, *this);
+    cls.apply(*entity, attr, op, keyIn, in, *this);
     keyIn.finish();
     in.finish();
   } catch (const std::exception& e) {
-    throw AttrLogError(where() + info->name + ": " + e.what());
+    throw AttrLogError(std::string(cls.typeName()) + " attribute " + info->name + ": " + e.what());
   }
   if (phase_ == Phase::snapshot && !scalar) seen_.emplace(entity.get(), attr, std::string(key));
   if (observer_) observer_->onChange(*entity, attr, key);
+}
+
+// Out of line: the texts are made only for a fault, while change() runs for every record.
+void AttrLogMount::badAttribute(const AttrLogClass& cls, U16 attr, bool keyed) const {
+  const std::string where = std::string(cls.typeName()) + " attribute ";
+  const AttrLogClass::Attr* info = cls.attr(attr);
+  if (!info) throw AttrLogError("unknown " + where + std::to_string(attr));
+  if (!info->streamed) throw AttrLogError(where + info->name + " has no attribute-log form");
+  throw AttrLogError(where + info->name + (keyed ? " takes no key" : " needs a key"));
 }
 
 AttrLogMount::MirrorNode& AttrLogMount::node(U32 handle) {
@@ -282,7 +286,7 @@ void AttrLogMount::childIs(Entity& child, AttrLogReader& value) {
   parent.children.push_back(handle);
   const std::string path =
       parent.path + "/" + parentCls->attr(currentAttr_)->name + "[" + keyText + "]";
-  handles_[handle] = {&child, path, {}};
+  handles_[handle] = {&child, cls, path, {}};
   handleOf_[&child] = handle;
 }
 

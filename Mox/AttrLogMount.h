@@ -80,6 +80,7 @@ class AttrLogMount : public Entity, private AttrLogMirror {
   class Retry;
   struct MirrorNode {
     Ptr<Entity> entity;
+    const AttrLogClass* cls;  // the entity's, kept: a change asks for it
     std::string path;
     std::vector<U32> children;
   };
@@ -90,6 +91,7 @@ class AttrLogMount : public Entity, private AttrLogMirror {
   void record(std::string_view bytes);
   void hello(AttrLogReader& in);
   void change(AttrLogOp op, AttrLogReader& in);
+  [[noreturn]] void badAttribute(const AttrLogClass& cls, U16 attr, bool keyed) const;
   MirrorNode& node(U32 handle);
   void synced();
   void deleteUnseen(Entity& entity);

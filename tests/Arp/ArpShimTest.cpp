@@ -1,4 +1,5 @@
 // The ARP shim following a table and a VRF id map written by another real process.
+#include "Cairn/Damage.h"
 #include "Cairn/Peer.h"
 
 #include <Arp/ArpShim.h>
@@ -7,12 +8,6 @@
 #include <Mox/Activity.h>
 #include <Mox/Trace.h>
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
 #include <set>
 #include <string>
 
@@ -71,10 +66,10 @@ class ArpShimTest : public testing::Test {
                              Vrf::VrfIdMap::statusFactory(vrfTable_), vrfName, v4, v6, arpStatus_,
                              dir_);
   }
-  // Runs the loop until the mirrored tree is `expected` (bounded); the tree as it ended.
-  Tree mirrored(const Tree& expected) {
+  // Runs the loop until the mirrored tree is `expected` (bounded), then compares.
+  void expectMirrored(const Tree& expected) {
     Mox::runUntil([&] { return treeOf(*dir_) == expected; }, 5.0);
-    return treeOf(*dir_);
+    EXPECT_EQ(treeOf(*dir_), expected);
   }
 
   const std::string arpTable_ = "test-arp-" + std::to_string(getpid());
@@ -100,22 +95,20 @@ TEST_F(ArpShimTest, MirrorsEveryVrfAndFamilyAndReplaysLateVrfNames) {
   EXPECT_EQ(entry.ethAddr(), Korva::EthAddr(0, 0, 3));
 
   tellAll({"set 6 1 Ethernet2/1 fd00::5 00:00:00:00:00:05 0", "vrf add red"});
-  EXPECT_EQ(
-      mirrored({"default Ethernet1 10.0.0.1", "default Ethernet1 fe80::1 static",
-                "blue Ethernet2/1 10.1.0.1", "blue Ethernet2/1 fd00::5", "red Ethernet3 10.2.0.1"}),
-      (Tree{"default Ethernet1 10.0.0.1", "default Ethernet1 fe80::1 static",
-            "blue Ethernet2/1 10.1.0.1", "blue Ethernet2/1 fd00::5", "red Ethernet3 10.2.0.1"}));
+  expectMirrored({"default Ethernet1 10.0.0.1", "default Ethernet1 fe80::1 static",
+                  "blue Ethernet2/1 10.1.0.1", "blue Ethernet2/1 fd00::5",
+                  "red Ethernet3 10.2.0.1"});
 
   // The last entries of an interface go, the interface status stays; a VRF goes whole.
   tellAll({"del 4 1 Ethernet2/1 10.1.0.1", "del 6 1 Ethernet2/1 fd00::5", "vrf del red",
            "set 4 0 Ethernet1 10.0.0.1 00:00:00:00:00:01 1"});
   const Tree after{"default Ethernet1 10.0.0.1 static", "default Ethernet1 fe80::1 static",
                    "blue Ethernet2/1"};
-  EXPECT_EQ(mirrored(after), after);
+  expectMirrored(after);
   // An entry the agent dropped from its tree comes back when the writer announces its key.
   arpStatus_->arpIntfStatus("Ethernet1")->ip6NeighborEntryDel(Korva::Ip6Addr("fe80::1"));
   tellAll({"notify 6 0 Ethernet1 fe80::1"});
-  EXPECT_EQ(mirrored(after), after);
+  expectMirrored(after);
   shim_->handleVrfDelete("default");
   EXPECT_TRUE(dir_->vrfStatus("default"));
 
@@ -147,7 +140,7 @@ TEST_F(ArpShimTest, ServesOneVrfAndOneFamily) {
   EXPECT_TRUE(trace.contains("  can't find vrf name for vrf id: 3"));
   EXPECT_TRUE(trace.contains(" update not for vrf of interest: red"));
   tellAll({"vrf del blue"});
-  EXPECT_EQ(mirrored({}), Tree{});
+  expectMirrored({});
   EXPECT_EQ(arpStatus_->arpIntfStatusSize(), 0u);
   Mox::traceConfigIs("");
 }
@@ -160,7 +153,7 @@ TEST_F(ArpShimTest, ReplayAndDeletionTraces) {
   Mox::runUntil([&] { return trace.contains("  can't find vrf name for vrf id: 1"); }, 5.0);
   tellAll({"vrf add blue"});
   const Tree replayed{"default", "blue Ethernet2 10.1.0.1"};  // every VRF named has a status
-  EXPECT_EQ(mirrored(replayed), replayed);
+  expectMirrored(replayed);
   EXPECT_TRUE(trace.contains(" vrf: blue id: 1"));
   EXPECT_TRUE(trace.contains("  adding arp entry on vrf blue, Ethernet2: Value('Arp::Table::"));
   shim_->handleVrfDelete("green");
@@ -170,25 +163,6 @@ TEST_F(ArpShimTest, ReplayAndDeletionTraces) {
   Mox::traceConfigIs("");
 }
 
-// Flips one byte of the entry stored for `key` in the table's shared-memory file: its slot
-// holds the key and then the entry, which starts with the key again.
-bool damage(const std::string& table, const ArpKey& key) {
-  const int fd = open(Cairn::shmPath(Cairn::tableObject(table)).c_str(), O_RDWR);
-  if (fd < 0) return false;
-  const off_t size = lseek(fd, 0, SEEK_END);
-  auto* bytes = static_cast<char*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-  close(fd);
-  if (bytes == MAP_FAILED) return false;
-  char pattern[2 * sizeof key];
-  std::memcpy(pattern, &key, sizeof key);
-  std::memcpy(pattern + sizeof key, &key, sizeof key);
-  char* found = std::find_end(bytes, bytes + size, pattern, pattern + sizeof pattern);
-  const bool hit = found != bytes + size;
-  if (hit) found[sizeof pattern + 1] ^= 0x40;  // the entry's Ethernet address
-  munmap(bytes, size);
-  return hit;
-}
-
 TEST_F(ArpShimTest, DamagedEntryIsReportedAndReadsAsAbsent) {
   tellAll({"set 4 0 Ethernet1 10.0.0.1 00:00:00:00:00:01 0"});
   startShim("", true, true);
@@ -196,7 +170,10 @@ TEST_F(ArpShimTest, DamagedEntryIsReportedAndReadsAsAbsent) {
   int reports = 0;
   Cairn::corruptionHandlerIs([&](const Cairn::Corruption&) { ++reports; });
   const ArpKey key(VrfId(0), Korva::IntfId("Ethernet1"), Korva::IpGenAddr("10.0.0.1"));
-  ASSERT_TRUE(damage(arpTable_ + "-v4", key));
+  // Its slot holds the key and then the entry, which starts with the key again; the
+  // entry's Ethernet address follows.
+  std::string slot(reinterpret_cast<const char*>(&key), sizeof key);
+  ASSERT_TRUE(CairnTest::damage(arpTable_ + "-v4", slot + slot, 2 * sizeof key + 1, 0x40));
   shim_->handleArpEntry(key);
   Cairn::corruptionHandlerIs(nullptr);
   EXPECT_GT(reports, 0);
@@ -226,8 +203,7 @@ TEST(ArpKey, OrderIsVrfThenInterfaceThenAddressAndTextRoundTrips) {
                                     {VrfId(1), et2, low},
                                     {VrfId(1), et2, high},
                                     {VrfId(0xFFFFFFFE), et1, low}};
-  EXPECT_TRUE(std::is_sorted(ordered.begin(), ordered.end()));
-  for (size_t i = 1; i < ordered.size(); ++i) EXPECT_FALSE(ordered[i] < ordered[i - 1]);
+  for (size_t i = 1; i < ordered.size(); ++i) EXPECT_LT(ordered[i - 1], ordered[i]) << i;
   const ArpKey& key = ordered[1];
   EXPECT_EQ(key.stringValue(),
             "Value('Arp::Table::ArpKey', ** {'vrfId': 1, 'addr': fe80::1, 'intfId': "

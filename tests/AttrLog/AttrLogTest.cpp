@@ -327,5 +327,29 @@ TEST(AttrLog, StalledMountIsCutOff) {
   close(stalled);
 }
 
+// Hooks that run before the publisher's and change the same collection again (delete the
+// key just set, set the next one): the stream carries each key's state when the publisher
+// hears of it, never a value that was replaced or deleted meanwhile.
+TEST(AttrLog, HooksThatChangeTheCollectionAgainStreamWhatItHolds) {
+  struct Meddler : Root::Notifiee {
+    explicit Meddler(Root* root) { notifierIs(root); }
+    void onFlag(Mox::U32 key) override {
+      Root& root = *notifier();
+      if (key % 2 == 0 && root.flag(key)) root.flagDel(key);
+      if (key % 3 == 0) root.flagIs(key + 1, !root.flag(key + 1));
+    }
+  };
+  const std::string endpoint = uniqueEndpoint("meddled");
+  auto root = rootFactory("root");
+  Meddler meddler(root.get());
+  auto publisher = Mox::make<Mox::AttrLogPublisher>(endpoint, root);
+  auto mount = Mox::make<Mox::AttrLogMount>(endpoint, rootFactory("root"));
+  ASSERT_TRUE(Mox::runUntil([&] { return mount->connected(); }, 5.0));
+  for (Mox::U32 i = 0; i < 3000; ++i) root->flagIs(i * 7 % 60, i % 5 != 0);
+  ASSERT_TRUE(Mox::runUntil([&] { return publisher->backlog() == 0; }, 5.0));
+  ASSERT_TRUE(Mox::runUntil([&] { return dump(*mount->root()) == dump(*root); }, 5.0));
+  EXPECT_EQ(mount->lastError(), "");
+}
+
 }  // namespace
 }  // namespace AttrLogTest

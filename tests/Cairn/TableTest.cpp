@@ -4,7 +4,10 @@
 #include <Mox/Activity.h>
 #include <Mox/Exception.h>
 
+#include "Cairn/Damage.h"
+
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -20,6 +23,8 @@ namespace {
 
 using Mox::U32;
 using Mox::U64;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 struct Value {
   U64 a;
@@ -74,12 +79,11 @@ TEST_F(CairnTable, MatchesStdMapThroughRandomChangesAndRebuilds) {
 TEST_F(CairnTable, FullTableRefusesANewKeyAndChangesNothing) {
   Cairn::Writer<U32, Value> writer(name_, 3);
   for (U32 key = 0; key < 3; ++key) writer.set(key, {key, key});
-  try {
-    writer.set(9, {9, 9});
-    FAIL() << "no exception";
-  } catch (const Mox::MemoryLimitExceededException& e) {
-    EXPECT_STREQ(e.what(), "table full");
-  }
+  EXPECT_THAT(
+      [&] {
+        writer.set(9, {9, 9});
+      },
+      ThrowsMessage<Mox::MemoryLimitExceededException>(StrEq("table full")));
   EXPECT_EQ(writer.size(), 3u);
   EXPECT_FALSE(writer.find(9));
   writer.set(2, {7, 7});  // replacing still works when full
@@ -96,14 +100,12 @@ TEST_F(CairnTable, LookUpsProbeFewSlotsAtThreeQuartersFill) {
 }
 
 TEST_F(CairnTable, SecondWriterIsRefused) {
-  Cairn::Writer<U32, Value> writer(name_, 8);
-  try {
-    Cairn::Writer<U32, Value> second(name_, 8);
-    FAIL() << "second writer accepted";
-  } catch (const Mox::Exception& e) {
-    EXPECT_EQ(std::string(e.what()), "table " + name_ + " already has a writer (process " +
-                                         std::to_string(getpid()) + ")");
-  }
+  using Writer = Cairn::Writer<U32, Value>;
+  Writer writer(name_, 8);
+  EXPECT_THAT(
+      [&] { Writer(name_, 8); },
+      ThrowsMessage<Mox::Exception>(StrEq("table " + name_ + " already has a writer (process " +
+                                          std::to_string(getpid()) + ")")));
 }
 
 TEST_F(CairnTable, ReadersMappingFaultsOnWrite) {
@@ -151,15 +153,8 @@ TEST_F(CairnTable, DamagedEntryReachesTheHandlerAndReadsAsAbsent) {
   Cairn::Reader<U32, Value> reader(name_, 8);
   ASSERT_TRUE(reader.find(5));
   // Flip one bit of the stored value, found by its bytes, through a mapping of our own.
-  const int fd = shm_open(("/cairn." + name_).c_str(), O_RDWR, 0);
-  ASSERT_GE(fd, 0);
-  const off_t size = lseek(fd, 0, SEEK_END);
-  auto* bytes = static_cast<char*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-  close(fd);
-  char* stored = static_cast<char*>(memmem(bytes, size, &value, sizeof value));
-  ASSERT_NE(stored, nullptr);
-  stored[3] ^= 0x10;
-  munmap(bytes, size);
+  ASSERT_TRUE(CairnTest::damage(
+      name_, std::string(reinterpret_cast<const char*>(&value), sizeof value), 3, 0x10));
   EXPECT_FALSE(reader.find(5));
   ASSERT_EQ(corruptions_.size(), 1u);
   EXPECT_NE(corruptions_[0].find("fails its check"), std::string::npos);
@@ -174,11 +169,8 @@ TEST_F(CairnTable, NamesAreValidated) {
                           "12345678901234567890123456789012345678901"}) {
     EXPECT_THROW((Cairn::Writer<U32, Value>(bad, 8)), Mox::RangeException) << bad;
   }
-  try {
-    Cairn::validateName("a/b");
-  } catch (const Mox::RangeException& e) {
-    EXPECT_STREQ(e.what(), "Invalid shared-memory name <a/b>");
-  }
+  EXPECT_THAT([] { Cairn::validateName("a/b"); },
+              ThrowsMessage<Mox::RangeException>(StrEq("Invalid shared-memory name <a/b>")));
 }
 
 TEST_F(CairnTable, NamedSegmentKeepsItsBytesUntilRemoved) {

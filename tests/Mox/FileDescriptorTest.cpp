@@ -230,22 +230,7 @@ TEST_F(FileDescriptorTest, HangUpIsReportedAsReadable) {
   EXPECT_EQ(read(fd->descriptor(), &byte, 1), 0);
 }
 
-// --- notifiees ---
-
-TEST_F(FileDescriptorTest, NotifieesDetachedDuringNotificationMissOnlyWhatComesAfter) {
-  auto fd = readEnd();
-  Counter leaver(fd), stayer(fd), dropped(fd);
-  leaver.onReadable = [&] {
-    leaver.notifierIs(nullptr);
-    dropped.notifierIs(nullptr);  // not yet notified in this turn: must not be
-  };
-  writeByte();
-  turns(2);
-  EXPECT_EQ(leaver.readable, 1);
-  EXPECT_EQ(stayer.readable, 2);
-  EXPECT_EQ(dropped.readable, 0);
-  EXPECT_EQ(fd->notifieeCount(), 1u);
-}
+// --- reactors changing descriptors (notifiee walks are the entity tests') ---
 
 TEST_F(FileDescriptorTest, DescriptorDestroyedByAnEarlierReactorOfTheSameTurnIsSkipped) {
   // Both pipes are ready in one turn. Whichever reactor runs first destroys the other

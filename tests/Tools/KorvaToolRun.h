@@ -16,6 +16,14 @@ struct ToolRun {
   int status = -1;
 };
 
+// A run's arguments and standard input, and the output and exit status it must give.
+struct ExpectedRun {
+  const char* arguments;
+  const char* input;
+  const char* output;
+  int status;
+};
+
 // A fixture for `korva <command>`; the input file is private to the process.
 class KorvaTool : public ::testing::Test {
  protected:
@@ -41,6 +49,14 @@ class KorvaTool : public ::testing::Test {
     const int status = pclose(pipe);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
+  }
+  void expectRuns(std::initializer_list<ExpectedRun> runs) {
+    for (const ExpectedRun& expected : runs) {
+      SCOPED_TRACE(expected.arguments);
+      const ToolRun result = run(expected.arguments, expected.input);
+      EXPECT_EQ(result.output, expected.output);
+      EXPECT_EQ(result.status, expected.status);
+    }
   }
 
  private:

@@ -1,9 +1,7 @@
 // Runs the built korva tool's pdu commands as an operator would: a server and a client in a
 // throwaway namespace, the client started first.
 
-#include <signal.h>
-
-#include "Korva/SocketTestUtil.h"
+#include "Korva/DtlsTestUtil.h"
 #include "KorvaToolRun.h"
 
 namespace {
@@ -11,38 +9,24 @@ namespace {
 class PduCommand : public KorvaTest::KorvaTool {
  protected:
   PduCommand() : KorvaTool("pdu") {}
-  std::string korva_ = std::string(KORVA_BINARY_DIR) + "/korva";
-  std::string serverOutput_ = ::testing::TempDir() + "korva-pdu-serve-" + std::to_string(getpid());
 };
 
 TEST_F(PduCommand, AServerEchoesEveryLineOfAClientAsOnePdu) {
   SocketTest::ScopedNs ns("pdu");
   if (!ns.created()) GTEST_SKIP() << "needs CAP_SYS_ADMIN to create network namespaces";
   ASSERT_TRUE(ns.ip("link set lo up"));
-  // The shell hands back the server's id; the client backs off until the server listens.
-  FILE* started = popen((korva_ + " pdu serve --netns " + ns.name() +
-                         " --addr 127.0.0.1 --port 7560 > " + serverOutput_ + " & echo $!")
-                            .c_str(),
-                        "r");
-  ASSERT_TRUE(started);
-  int serverPid = 0;
-  ASSERT_EQ(std::fscanf(started, "%d", &serverPid), 1);
-  pclose(started);
-
+  // The client backs off until the server listens.
+  DtlsTest::Peer server({std::string(KORVA_BINARY_DIR) + "/korva", "pdu", "serve", "--netns",
+                         ns.name(), "--addr", "127.0.0.1", "--port", "7560"});
   const KorvaTest::ToolRun client =
       run("connect --netns " + ns.name() + " 127.0.0.1 7560", "one\nthree\n");
-  kill(serverPid, SIGTERM);
   EXPECT_EQ(client.status, 0) << client.output;
   EXPECT_NE(client.output.find("echo 23 bytes: 00 00 00 17 00 00 00 00 | \"one\""),
             std::string::npos)
       << client.output;
   EXPECT_NE(client.output.find("echo 25 bytes: 00 00 00 19 00 00 00 00 | \"three\""),
             std::string::npos);
-  std::ifstream served(serverOutput_);
-  const std::string serverText((std::istreambuf_iterator<char>(served)), {});
-  EXPECT_NE(serverText.find(": 25 bytes: 00 00 00 19 00 00 00 00 | \"three\""), std::string::npos)
-      << serverText;
-  std::remove(serverOutput_.c_str());
+  EXPECT_TRUE(server.prints(": 25 bytes: 00 00 00 19 00 00 00 00 | \"three\"")) << server.drained();
 }
 
 TEST_F(PduCommand, BadArgumentsFailWithAMessage) {

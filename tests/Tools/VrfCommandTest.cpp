@@ -25,14 +25,16 @@ class VrfCommand : public KorvaTest::KorvaTool {
 };
 
 TEST_F(VrfCommand, EachWriterKeepsTheIdsOfTheOneBefore) {
-  EXPECT_EQ(vrf("add blue red").output, "1 blue\n2 red\n");
+  EXPECT_EQ(vrf("add default blue red").output, "0 default\n1 blue\n2 red\n");
   EXPECT_EQ(vrf("add red green").output, "2 red\n3 green\n");
-  EXPECT_EQ(vrf("del blue").status, 0);
-  EXPECT_EQ(vrf("list").output, "0 default\n2 red\n3 green\n");
+  EXPECT_EQ(vrf("del blue green default").status, 0);  // the default VRF stays
+  EXPECT_EQ(vrf("add yellow").output, "4 yellow\n");   // the last id is not given again
+  EXPECT_EQ(vrf("list").output, "0 default\n2 red\n4 yellow\n");
   const auto listed = nlohmann::json::parse(vrf("list --json").output);
   EXPECT_EQ(listed[1], (nlohmann::json{{"id", 2}, {"name", "red"}}));
   EXPECT_EQ(vrf("reset").status, 0);
   EXPECT_EQ(vrf("add green").output, "1 green\n");
+  EXPECT_EQ(vrf("list").output, "0 default\n1 green\n");
 }
 
 TEST_F(VrfCommand, TableListShowsFillAndRmRemovesEverything) {

@@ -466,10 +466,17 @@ class Emitter:
         for nested in v.enums:
             self.enum_declaration(nested, "  ")
         h(f"  {v.name}() = default;")
+        # Without bounds to check the constructor is defined here, so that a value built
+        # from fields (as the attribute log reads one) stays in registers.
+        checked = any(self.checked(a) for a in attrs)
         if attrs:
             explicit = "explicit " if len(attrs) == 1 else ""
             args = [f"{self.param(a.type)} {a.name}" for a in attrs]
-            h(fill(f"  {explicit}{v.name}(", args, ");"))
+            if checked:
+                h(fill(f"  {explicit}{v.name}(", args, ");"))
+            else:
+                h(fill(f"  {explicit}{v.name}(", args, ")"))
+                h(fill("      : ", [f"{a.name}_({a.name})" for a in attrs], " {}"))
         h()
         for a in attrs:
             self.doc(h, a.doc, "  ")
@@ -514,7 +521,7 @@ class Emitter:
             self.enum_functions(nested)
 
         self.emit_checks(v.name, attrs)
-        if attrs:
+        if checked:
             args = [f"{self.param(a.type)} {a.name}" for a in attrs]
             inits = [f"{a.name}_({a.name})" for a in attrs]
             c(fill(f"{v.name}::{v.name}(", args, ")"))
@@ -577,7 +584,13 @@ class Emitter:
           f"{v.name}* value) {{")
         for a in attrs:
             c(f"  const auto {a.name} = Mox::attrLogGet<{self.cxx(a.type)}>(in);")
-        c(fill(f"  *value = {v.name}(", [a.name for a in attrs], ");"))
+        if any(self.checked(a) for a in attrs):
+            c(fill(f"  *value = {v.name}(", [a.name for a in attrs], ");"))
+        else:
+            # Field by field: copying a whole value built here would load, in one wide
+            # read, the narrow stores that just built it, which stalls.
+            for a in attrs:
+                c(f"  value->{a.name}Is({a.name});")
         c("}")
         c()
 
@@ -656,6 +669,8 @@ class Emitter:
             h(f"  {self.storage(a)};")
             if a.kind == "queue":
                 h(f"  {cap(a.name)}Metadata {a.name}Metadata_;")
+        if self.streamed(e):
+            self.declare_attr_log_members(e)
         h("};")
         h()
         self.notifiee(e)
@@ -711,6 +726,23 @@ class Emitter:
         base = self.model.find(e.base)
         return base is not None and self.streamed(base)
 
+    def last_set(self, e, a):
+        """Maps of streamed entities remember the entry set last, so that the attribute
+        log reads a change's value from it instead of looking its key up again."""
+        return a.kind == "map" and self.streamed(e)
+
+    def declare_attr_log_members(self, e):
+        h = self.h
+        h()
+        h("  // How the attribute log streams this class, and its watch on one instance.")
+        h("  class AttrLog;")
+        h("  class AttrLogWatch;")
+        for a in e.attrs:
+            if self.last_set(e, a):
+                h(f"  // The entry set last, until an entry is deleted (then nullptr).")
+                h(f"  const std::pair<const {self.cxx(a.key)}, {self.cxx(a.type)}>* "
+                  f"{a.name}LastSet_ = nullptr;")
+
     def log_kind(self, a):
         return "map" if a.kind == "map" else a.kind
 
@@ -723,14 +755,12 @@ class Emitter:
     def attr_log(self, e):
         c = self.c
         n = e.name
-        watch, cls = f"{n}AttrLogWatch", f"{n}AttrLog"
+        watch, cls = f"{n}::AttrLogWatch", f"{n}::AttrLog"
         base = "nullptr" if e.base == "Mox::Entity" else f"&{e.base}::attrLog()"
-        c("namespace {")
-        c()
         c(f"// Writes each change of one {n} to an attribute-log sink.")
         c(f"class {watch} final : public {n}::Notifiee {{")
         c(" public:")
-        c(f"  {watch}({n}* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)")
+        c(f"  AttrLogWatch({n}* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)")
         c("      : handle_(handle), first_(first), sink_(sink) {")
         c("    notifierIs(entity);")
         c("  }")
@@ -741,8 +771,9 @@ class Emitter:
                 c(f"  void on{cap(a.name)}() override {{ sink_.scalar(handle_, id({i}), {getter}()); }}")
             else:
                 call = "child" if a.kind == "children" else "entry"
+                last = f", {getter}LastSet_" if self.last_set(e, a) else ""
                 c(f"  void on{cap(a.name)}({self.param(a.key)} key) override {{")
-                c(f"    sink_.{call}(handle_, id({i}), {getter}Coll(), key);")
+                c(f"    sink_.{call}(handle_, id({i}), {getter}Coll(), key{last});")
                 c("  }")
         c()
         c(" private:")
@@ -759,7 +790,7 @@ class Emitter:
         c(" public:")
         rows = [f'{{"{a.name}", Mox::AttrLogKind::{self.log_kind(a)}, {self.loggable(a)}}}'
                 for a in e.attrs]
-        c(f'  {cls}()')
+        c(f'  AttrLog()')
         c(f'      : AttrLogClass("{self.qualified(n)}", {base},')
         c(fill("                     {", rows, "}) {}"))
         if e.factory and [(a.name, a.type) for a in e.args] in ([("name", "Name")],
@@ -840,14 +871,12 @@ class Emitter:
         c("  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,")
         c("                                                      Mox::U16 first,")
         c("                                                      Mox::AttrLogSink& sink) const override {")
-        c(f"    return std::make_unique<{watch}>(static_cast<{n}*>(&entity), handle, first, sink);")
+        c(f"    return std::make_unique<AttrLogWatch>(static_cast<{n}*>(&entity), handle, first, sink);")
         c("  }")
         c("};")
         c()
-        c("}  // namespace")
-        c()
         c(f"const Mox::AttrLogClass& {n}::attrLog() {{")
-        c(f"  static const {cls} cls;")
+        c("  static const AttrLog cls;")
         c("  return cls;")
         c("}")
         c()
@@ -1040,6 +1069,8 @@ class Emitter:
             c(key_line)
         c(f"  auto [entry, added] = {m}.try_emplace(key, value);")
         c("  if (!added) return entry->second;")
+        if self.last_set(e, a):
+            c(f"  {a.name}LastSet_ = &*entry;")
         c(f"  {self.notify(a, 'key')}")
         c("  return value;")
         c("}")
@@ -1052,6 +1083,8 @@ class Emitter:
         c("    if (entry->second == value) return;")
         c("    entry->second = value;")
         c("  }")
+        if self.last_set(e, a):
+            c(f"  {a.name}LastSet_ = &*entry;")
         c(f"  {self.notify(a, 'key')}")
         c("}")
         c()
@@ -1066,11 +1099,15 @@ class Emitter:
         c(f"void {e.cls}::{a.name}Del({pk} key) {{")
         c(f"  auto entry = {m}.find(key);")
         c(f"  if (entry == {m}.end()) return;")
+        if self.last_set(e, a):
+            c(f"  {a.name}LastSet_ = nullptr;")
         c(f"  auto removed = {m}.extract(entry);")
         c(f"  {self.notify(a, 'removed.key()')}")
         c("}")
         c()
         c(f"void {e.cls}::{a.name}DelAll() {{")
+        if self.last_set(e, a):
+            c(f"  {a.name}LastSet_ = nullptr;")
         c(f"  while (!{m}.empty()) {{")
         c(f"    auto removed = {m}.extract({m}.begin());")
         c(f"    {self.notify(a, 'removed.key()')}")

@@ -16,6 +16,14 @@ def output_stem(model_path, root):
 
 
 def write(path, text):
+    """Leaves a file that already holds `text` untouched, so that a change to the compiler
+    rebuilds only the C++ whose generated code it changed."""
+    try:
+        with open(path, encoding="utf-8") as f:
+            if f.read() == text:
+                return
+    except FileNotFoundError:
+        pass
     os.makedirs(os.path.dirname(path) or ".", exist_ok=True)
     with open(path, "w", encoding="utf-8") as f:
         f.write(text)

@@ -13,12 +13,10 @@ Mox::Ptr<Leaf> leafFactory(const Mox::Name& name) {
   return Mox::Ptr<Leaf>(new Leaf(name));
 }
 
-namespace {
-
 // Writes each change of one Leaf to an attribute-log sink.
-class LeafAttrLogWatch final : public Leaf::Notifiee {
+class Leaf::AttrLogWatch final : public Leaf::Notifiee {
  public:
-  LeafAttrLogWatch(Leaf* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+  AttrLogWatch(Leaf* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
       : handle_(handle), first_(first), sink_(sink) {
     notifierIs(entity);
   }
@@ -31,9 +29,9 @@ class LeafAttrLogWatch final : public Leaf::Notifiee {
   [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
-class LeafAttrLog final : public Mox::AttrLogClass {
+class Leaf::AttrLog final : public Mox::AttrLogClass {
  public:
-  LeafAttrLog()
+  AttrLog()
       : AttrLogClass("Golden::Leaf", nullptr,
                      {}) {}
 
@@ -77,14 +75,12 @@ class LeafAttrLog final : public Mox::AttrLogClass {
   std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
                                                       Mox::U16 first,
                                                       Mox::AttrLogSink& sink) const override {
-    return std::make_unique<LeafAttrLogWatch>(static_cast<Leaf*>(&entity), handle, first, sink);
+    return std::make_unique<AttrLogWatch>(static_cast<Leaf*>(&entity), handle, first, sink);
   }
 };
 
-}  // namespace
-
 const Mox::AttrLogClass& Leaf::attrLog() {
-  static const LeafAttrLog cls;
+  static const AttrLog cls;
   return cls;
 }
 
@@ -100,12 +96,10 @@ Mox::Ptr<KeyedLeaf> keyedLeafFactory(const Mox::Name& name, const Values::Part& 
   return Mox::Ptr<KeyedLeaf>(new KeyedLeaf(name, part));
 }
 
-namespace {
-
 // Writes each change of one KeyedLeaf to an attribute-log sink.
-class KeyedLeafAttrLogWatch final : public KeyedLeaf::Notifiee {
+class KeyedLeaf::AttrLogWatch final : public KeyedLeaf::Notifiee {
  public:
-  KeyedLeafAttrLogWatch(KeyedLeaf* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+  AttrLogWatch(KeyedLeaf* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
       : handle_(handle), first_(first), sink_(sink) {
     notifierIs(entity);
   }
@@ -118,9 +112,9 @@ class KeyedLeafAttrLogWatch final : public KeyedLeaf::Notifiee {
   [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
-class KeyedLeafAttrLog final : public Mox::AttrLogClass {
+class KeyedLeaf::AttrLog final : public Mox::AttrLogClass {
  public:
-  KeyedLeafAttrLog()
+  AttrLog()
       : AttrLogClass("Golden::KeyedLeaf", nullptr,
                      {}) {}
 
@@ -160,14 +154,12 @@ class KeyedLeafAttrLog final : public Mox::AttrLogClass {
   std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
                                                       Mox::U16 first,
                                                       Mox::AttrLogSink& sink) const override {
-    return std::make_unique<KeyedLeafAttrLogWatch>(static_cast<KeyedLeaf*>(&entity), handle, first, sink);
+    return std::make_unique<AttrLogWatch>(static_cast<KeyedLeaf*>(&entity), handle, first, sink);
   }
 };
 
-}  // namespace
-
 const Mox::AttrLogClass& KeyedLeaf::attrLog() {
-  static const KeyedLeafAttrLog cls;
+  static const AttrLog cls;
   return cls;
 }
 
@@ -245,6 +237,7 @@ Values::Part Status::newPart(const Values::Part& value) {
   const Values::Key key = value.key();
   auto [entry, added] = part_.try_emplace(key, value);
   if (!added) return entry->second;
+  partLastSet_ = &*entry;
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPart(key); });
   return value;
 }
@@ -256,17 +249,20 @@ void Status::partIs(const Values::Part& value) {
     if (entry->second == value) return;
     entry->second = value;
   }
+  partLastSet_ = &*entry;
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPart(key); });
 }
 
 void Status::partDel(const Values::Key& key) {
   auto entry = part_.find(key);
   if (entry == part_.end()) return;
+  partLastSet_ = nullptr;
   auto removed = part_.extract(entry);
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPart(removed.key()); });
 }
 
 void Status::partDelAll() {
+  partLastSet_ = nullptr;
   while (!part_.empty()) {
     auto removed = part_.extract(part_.begin());
     notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onPart(removed.key()); });
@@ -285,6 +281,7 @@ bool Status::flag(Mox::U32 key) const {
 bool Status::newFlag(Mox::U32 key, bool value) {
   auto [entry, added] = flag_.try_emplace(key, value);
   if (!added) return entry->second;
+  flagLastSet_ = &*entry;
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onFlag(key); });
   return value;
 }
@@ -295,17 +292,20 @@ void Status::flagIs(Mox::U32 key, bool value) {
     if (entry->second == value) return;
     entry->second = value;
   }
+  flagLastSet_ = &*entry;
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onFlag(key); });
 }
 
 void Status::flagDel(Mox::U32 key) {
   auto entry = flag_.find(key);
   if (entry == flag_.end()) return;
+  flagLastSet_ = nullptr;
   auto removed = flag_.extract(entry);
   notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onFlag(removed.key()); });
 }
 
 void Status::flagDelAll() {
+  flagLastSet_ = nullptr;
   while (!flag_.empty()) {
     auto removed = flag_.extract(flag_.begin());
     notify<Notifiee>([&](Notifiee& notifiee) { notifiee.onFlag(removed.key()); });
@@ -492,12 +492,10 @@ Mox::Ptr<Status> statusFactory(const Mox::Name& name) {
   return Mox::Ptr<Status>(new Status(name));
 }
 
-namespace {
-
 // Writes each change of one Status to an attribute-log sink.
-class StatusAttrLogWatch final : public Status::Notifiee {
+class Status::AttrLogWatch final : public Status::Notifiee {
  public:
-  StatusAttrLogWatch(Status* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+  AttrLogWatch(Status* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
       : handle_(handle), first_(first), sink_(sink) {
     notifierIs(entity);
   }
@@ -506,10 +504,10 @@ class StatusAttrLogWatch final : public Status::Notifiee {
   void onReason() override { sink_.scalar(handle_, id(1), notifier()->reason()); }
   void onWeight() override { sink_.scalar(handle_, id(2), notifier()->weight()); }
   void onPart(const Values::Key& key) override {
-    sink_.entry(handle_, id(3), notifier()->partColl(), key);
+    sink_.entry(handle_, id(3), notifier()->partColl(), key, notifier()->partLastSet_);
   }
   void onFlag(Mox::U32 key) override {
-    sink_.entry(handle_, id(4), notifier()->flagColl(), key);
+    sink_.entry(handle_, id(4), notifier()->flagColl(), key, notifier()->flagLastSet_);
   }
   void onSaved(Mox::U16 key) override {
     sink_.entry(handle_, id(5), notifier()->savedColl(), key);
@@ -532,9 +530,9 @@ class StatusAttrLogWatch final : public Status::Notifiee {
   Mox::AttrLogSink& sink_;
 };
 
-class StatusAttrLog final : public Mox::AttrLogClass {
+class Status::AttrLog final : public Mox::AttrLogClass {
  public:
-  StatusAttrLog()
+  AttrLog()
       : AttrLogClass("Golden::Status", nullptr,
                      {{"readable", Mox::AttrLogKind::scalar, Mox::AttrLoggable<Mox::U32>},
                       {"reason", Mox::AttrLogKind::scalar, Mox::AttrLoggable<Mox::String8>},
@@ -657,14 +655,12 @@ class StatusAttrLog final : public Mox::AttrLogClass {
   std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
                                                       Mox::U16 first,
                                                       Mox::AttrLogSink& sink) const override {
-    return std::make_unique<StatusAttrLogWatch>(static_cast<Status*>(&entity), handle, first, sink);
+    return std::make_unique<AttrLogWatch>(static_cast<Status*>(&entity), handle, first, sink);
   }
 };
 
-}  // namespace
-
 const Mox::AttrLogClass& Status::attrLog() {
-  static const StatusAttrLog cls;
+  static const AttrLog cls;
   return cls;
 }
 
@@ -703,12 +699,10 @@ Mox::Ptr<Child> childFactory(const Mox::Name& name, Mox::U8 typeId) {
   return Mox::Ptr<Child>(new Child(name, typeId));
 }
 
-namespace {
-
 // Writes each change of one Child to an attribute-log sink.
-class ChildAttrLogWatch final : public Child::Notifiee {
+class Child::AttrLogWatch final : public Child::Notifiee {
  public:
-  ChildAttrLogWatch(Child* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+  AttrLogWatch(Child* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
       : handle_(handle), first_(first), sink_(sink) {
     notifierIs(entity);
   }
@@ -723,9 +717,9 @@ class ChildAttrLogWatch final : public Child::Notifiee {
   Mox::AttrLogSink& sink_;
 };
 
-class ChildAttrLog final : public Mox::AttrLogClass {
+class Child::AttrLog final : public Mox::AttrLogClass {
  public:
-  ChildAttrLog()
+  AttrLog()
       : AttrLogClass("Golden::Child", &Status::attrLog(),
                      {{"extra", Mox::AttrLogKind::scalar, Mox::AttrLoggable<double>}}) {}
 
@@ -770,14 +764,12 @@ class ChildAttrLog final : public Mox::AttrLogClass {
   std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
                                                       Mox::U16 first,
                                                       Mox::AttrLogSink& sink) const override {
-    return std::make_unique<ChildAttrLogWatch>(static_cast<Child*>(&entity), handle, first, sink);
+    return std::make_unique<AttrLogWatch>(static_cast<Child*>(&entity), handle, first, sink);
   }
 };
 
-}  // namespace
-
 const Mox::AttrLogClass& Child::attrLog() {
-  static const ChildAttrLog cls;
+  static const AttrLog cls;
   return cls;
 }
 
@@ -788,12 +780,10 @@ const Mox::AttrLogClass* Child::attrLogClass() const noexcept { return &attrLog(
 
 Bare::Bare(Mox::U32 id) : Status("bare"), id_(id) {}
 
-namespace {
-
 // Writes each change of one Bare to an attribute-log sink.
-class BareAttrLogWatch final : public Bare::Notifiee {
+class Bare::AttrLogWatch final : public Bare::Notifiee {
  public:
-  BareAttrLogWatch(Bare* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+  AttrLogWatch(Bare* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
       : handle_(handle), first_(first), sink_(sink) {
     notifierIs(entity);
   }
@@ -806,9 +796,9 @@ class BareAttrLogWatch final : public Bare::Notifiee {
   [[maybe_unused]] Mox::AttrLogSink& sink_;
 };
 
-class BareAttrLog final : public Mox::AttrLogClass {
+class Bare::AttrLog final : public Mox::AttrLogClass {
  public:
-  BareAttrLog()
+  AttrLog()
       : AttrLogClass("Golden::Bare", &Status::attrLog(),
                      {}) {}
 
@@ -848,14 +838,12 @@ class BareAttrLog final : public Mox::AttrLogClass {
   std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
                                                       Mox::U16 first,
                                                       Mox::AttrLogSink& sink) const override {
-    return std::make_unique<BareAttrLogWatch>(static_cast<Bare*>(&entity), handle, first, sink);
+    return std::make_unique<AttrLogWatch>(static_cast<Bare*>(&entity), handle, first, sink);
   }
 };
 
-}  // namespace
-
 const Mox::AttrLogClass& Bare::attrLog() {
-  static const BareAttrLog cls;
+  static const AttrLog cls;
   return cls;
 }
 
@@ -951,12 +939,10 @@ Mox::Ptr<Hot> hotFactory(const Mox::Name& name) {
   return Mox::Ptr<Hot>(new Hot(name));
 }
 
-namespace {
-
 // Writes each change of one Hot to an attribute-log sink.
-class HotAttrLogWatch final : public Hot::Notifiee {
+class Hot::AttrLogWatch final : public Hot::Notifiee {
  public:
-  HotAttrLogWatch(Hot* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
+  AttrLogWatch(Hot* entity, Mox::U32 handle, Mox::U16 first, Mox::AttrLogSink& sink)
       : handle_(handle), first_(first), sink_(sink) {
     notifierIs(entity);
   }
@@ -974,9 +960,9 @@ class HotAttrLogWatch final : public Hot::Notifiee {
   Mox::AttrLogSink& sink_;
 };
 
-class HotAttrLog final : public Mox::AttrLogClass {
+class Hot::AttrLog final : public Mox::AttrLogClass {
  public:
-  HotAttrLog()
+  AttrLog()
       : AttrLogClass("Golden::Hot", nullptr,
                      {{"hits", Mox::AttrLogKind::scalar, Mox::AttrLoggable<Mox::U32>},
                       {"backlog", Mox::AttrLogKind::queue, Mox::AttrLoggable<Values::Part> && Mox::AttrLoggable<Mox::U32>}}) {}
@@ -1035,14 +1021,12 @@ class HotAttrLog final : public Mox::AttrLogClass {
   std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity& entity, Mox::U32 handle,
                                                       Mox::U16 first,
                                                       Mox::AttrLogSink& sink) const override {
-    return std::make_unique<HotAttrLogWatch>(static_cast<Hot*>(&entity), handle, first, sink);
+    return std::make_unique<AttrLogWatch>(static_cast<Hot*>(&entity), handle, first, sink);
   }
 };
 
-}  // namespace
-
 const Mox::AttrLogClass& Hot::attrLog() {
-  static const HotAttrLog cls;
+  static const AttrLog cls;
   return cls;
 }
 

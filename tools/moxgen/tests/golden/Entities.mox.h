@@ -20,6 +20,10 @@ class Leaf : public Mox::Entity {
 
  private:
   friend Mox::Ptr<Leaf> leafFactory(const Mox::Name& name);
+
+  // How the attribute log streams this class, and its watch on one instance.
+  class AttrLog;
+  class AttrLogWatch;
 };
 
 // Watches one Leaf; each hook runs after a real change of its attribute.
@@ -57,6 +61,10 @@ class KeyedLeaf : public Mox::Entity {
   friend Mox::Ptr<KeyedLeaf> keyedLeafFactory(const Mox::Name& name, const Values::Part& part);
 
   const Values::Part part_;
+
+  // How the attribute log streams this class, and its watch on one instance.
+  class AttrLog;
+  class AttrLogWatch;
 };
 
 // Watches one KeyedLeaf; each hook runs after a real change of its attribute.
@@ -199,6 +207,14 @@ class Status : public Mox::Entity {
   PendingMetadata pendingMetadata_;
   std::map<Mox::Name, Mox::Ptr<Leaf>> leaf_;
   std::map<Values::Part, Mox::Ptr<KeyedLeaf>> keyedLeaf_;
+
+  // How the attribute log streams this class, and its watch on one instance.
+  class AttrLog;
+  class AttrLogWatch;
+  // The entry set last, until an entry is deleted (then nullptr).
+  const std::pair<const Values::Key, Values::Part>* partLastSet_ = nullptr;
+  // The entry set last, until an entry is deleted (then nullptr).
+  const std::pair<const Mox::U32, bool>* flagLastSet_ = nullptr;
 };
 
 // Watches one Status; each hook runs after a real change of its attribute.
@@ -252,6 +268,10 @@ class Child : public Status {
 
   const Mox::U8 typeId_;
   double extra_{};
+
+  // How the attribute log streams this class, and its watch on one instance.
+  class AttrLog;
+  class AttrLogWatch;
 };
 
 // Watches one Child; each hook runs after a real change of its attribute.
@@ -289,6 +309,10 @@ class Bare : public Status {
 
  private:
   const Mox::U32 id_;
+
+  // How the attribute log streams this class, and its watch on one instance.
+  class AttrLog;
+  class AttrLogWatch;
 };
 
 // Watches one Bare; each hook runs after a real change of its attribute.
@@ -419,6 +443,10 @@ class Hot : public Mox::Entity {
   Mox::U32 hits_{};
   Mox::QueueEntries<Values::Part> backlog_;
   BacklogMetadata backlogMetadata_;
+
+  // How the attribute log streams this class, and its watch on one instance.
+  class AttrLog;
+  class AttrLogWatch;
 };
 
 // Watches one Hot; each hook runs after a real change of its attribute.
