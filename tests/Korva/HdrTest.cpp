@@ -242,17 +242,8 @@ TEST(HdrChecksum, MatchesTheKernels) {
 
 // --- checksums of our own ---
 
-TEST(IpHdr, ChecksumOfACapturedHeaderAndOfOptions) {
-  const U8 bytes[20] = {0x45, 0x00, 0x00, 0x73, 0x00, 0x00, 0x40, 0x00, 0x40, 0x11,
-                        0xb8, 0x61, 0xc0, 0xa8, 0x00, 0x01, 0xc0, 0xa8, 0x00, 0xc7};
-  Korva::IpHdr captured;
-  std::memcpy(&captured, bytes, 20);
-  EXPECT_EQ(captured.payloadLen(), 0x73u - 20);
-  EXPECT_EQ(captured.srcAddr(), Korva::IpAddr(192, 168, 0, 1));
-  EXPECT_EQ(captured.computedChecksum().value(), 0);
-  captured.checksum.valueIs(0);
-  EXPECT_EQ(captured.computedChecksum().value(), 0xb861);
-
+// The kernel comparison checks plain IPv4 headers; this one carries an option.
+TEST(IpHdr, ChecksumOfAHeaderWithOptions) {
   PktPtr pkt = Korva::globalPktManager()->newPkt();
   pkt->newSharedHeadData(10);  // payload
   new (pkt->newSharedHeadData(4)) Korva::IpRouterAlertOption;
@@ -262,6 +253,7 @@ TEST(IpHdr, ChecksumOfACapturedHeaderAndOfOptions) {
   hdr->totalLen.valueIs(34);
   auto wrapper = Korva::ipHdrWrapperFactory(pkt, 0);
   EXPECT_EQ(wrapper->header(), hdr);
+  EXPECT_EQ(hdr->payloadLen(), 10u);
   const U8 routerAlert[] = {0x94, 0x04, 0x00, 0x00};
   EXPECT_EQ(std::memcmp(hdr->options(), routerAlert, 4), 0);
   U16 oneCall = Korva::ipChksum(hdr, 24);

@@ -133,7 +133,7 @@ TEST_F(IntfIdTest, PrintThenParseGivesTheSameIdForEveryLayout) {
   }
 }
 
-TEST_F(IntfIdTest, SerialisedFormIsTheQuotedLongName) {
+TEST_F(IntfIdTest, SerialisedFormIsTheQuotedLongNameAndBadTextChangesNothing) {
   const IntfId id("Ethernet3/1.100");
   EXPECT_EQ(Korva::valueToStrep(id), "'Ethernet3/1.100'");
   std::ostringstream out;
@@ -145,9 +145,7 @@ TEST_F(IntfIdTest, SerialisedFormIsTheQuotedLongName) {
   Korva::sequenceToValue(it, text.data() + text.size(), &read);
   EXPECT_EQ(read, IntfId("Vlan7"));
   EXPECT_EQ(std::string(it), ", rest");
-}
-
-TEST_F(IntfIdTest, DeserialisingBadTextKeepsValueAndPosition) {
+  // Bad text keeps the value and the position.
   for (const std::string text : {"Vlan7'", "'Vlan7", "'Vlan0'", "", "'Bogus1'"}) {
     IntfId value("Loopback3");
     Mox::TextIter it = text.data();
