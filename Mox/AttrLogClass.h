@@ -116,6 +116,12 @@ class AttrLogClass {
     const char* name;
     AttrLogKind kind;
     bool streamed;  // false for types without a binary form: never written nor accepted
+    // The C++ types of the value (for children: the child entity) and key ("" for scalars).
+    const char* valueType;
+    const char* keyType;
+    // The class of a children attribute's entities (nullptr: never streamed). A function, so
+    // that classes may be made in any order and a tree type may contain itself.
+    const AttrLogClass& (*child)() = nullptr;
   };
 
   AttrLogClass(const char* typeName, const AttrLogClass* base, std::vector<Attr> attrs);
@@ -124,6 +130,11 @@ class AttrLogClass {
   AttrLogClass& operator=(const AttrLogClass&) = delete;
 
   const char* typeName() const noexcept { return typeName_; }
+  // FNV-1a 64 of this class's table, its base's fingerprint included: over the type name,
+  // the base's fingerprint (8 bytes, 0 without a base) and per attribute its name, kind
+  // (U8), streamed flag (U8), value and key type texts; texts end in a zero byte and
+  // integers are little-endian. Children count by their type's name, not their table.
+  U64 fingerprint() const noexcept { return fingerprint_; }
   U16 attrCount() const noexcept { return static_cast<U16>(first_ + attrs_.size()); }
   // The attribute numbered `id`, or nullptr. Inline, as apply() is: a mount calls both per
   // change it reads.
@@ -173,7 +184,22 @@ class AttrLogClass {
   const AttrLogClass* base_;
   U16 first_;
   std::vector<Attr> attrs_;
+  U64 fingerprint_;
 };
+
+// The schema of a published tree: FNV-1a 64 over the fingerprints (8 bytes little-endian
+// each) of `root` and every class reachable from it through children attributes, each once,
+// in depth-first order of attribute numbers. A mount reads only a tree of equal schema.
+U64 attrLogSchema(const AttrLogClass& root);
+
+// The class of entity type T for a children row (the function that makes it, as Attr::child
+// holds it), or nullptr when T has no attribute log: for entities of another model.
+template <class T>
+constexpr auto attrLogClassOf() {
+  using ClassFn = const AttrLogClass& (*)();
+  if constexpr (requires { T::attrLog(); }) return ClassFn(&T::attrLog);
+  return ClassFn(nullptr);
+}
 
 // The registry of streamed classes by type name, filled when each class is first made.
 const AttrLogClass* attrLogClassNamed(std::string_view typeName);

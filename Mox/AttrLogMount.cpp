@@ -21,9 +21,9 @@ constexpr size_t kReadChunk = 64u << 10;
 // Bytes read per turn of the loop before the records are applied and the loop turns again.
 constexpr size_t kReadPerTurn = 1u << 20;
 
-std::string hex(U32 value) {
-  char text[16];
-  std::snprintf(text, sizeof(text), "0x%08x", value);
+std::string hex(U64 value, int digits) {
+  char text[24];
+  std::snprintf(text, sizeof(text), "0x%0*llx", digits, static_cast<unsigned long long>(value));
   return text;
 }
 
@@ -147,7 +147,8 @@ void AttrLogMount::record(std::string_view bytes) {
 
 void AttrLogMount::hello(AttrLogReader& in) {
   const U32 magic = in.integer<U32>();
-  if (magic != kAttrLogMagic) throw AttrLogError("not an attribute log (magic " + hex(magic) + ")");
+  if (magic != kAttrLogMagic)
+    throw AttrLogError("not an attribute log (magic " + hex(magic, 8) + ")");
   const U16 version = in.integer<U16>();
   if (version != kAttrLogVersion) {
     throw AttrLogError("wrong version " + std::to_string(version) + ", this mount reads " +
@@ -155,14 +156,21 @@ void AttrLogMount::hello(AttrLogReader& in) {
   }
   const auto type = attrLogGet<std::string>(in);
   const auto name = attrLogGet<std::string>(in);
+  const U64 schema = in.integer<U64>();
   in.finish();
+  const AttrLogClass* cls = root_ ? root_->attrLogClass() : attrLogClassNamed(type);
+  if (!root_ && !cls) throw AttrLogError("unknown type " + type);
+  if (!cls || type != cls->typeName()) {
+    throw AttrLogError("published type " + type + " is not the mirror's");
+  }
+  // A model built differently on either side would put values in the wrong attributes.
+  if (const U64 mine = attrLogSchema(*cls); schema != mine) {
+    throw AttrLogError("published schema " + hex(schema, 16) + " of " + type +
+                       " is not the mirror's " + hex(mine, 16));
+  }
   if (!root_) {
-    const AttrLogClass* cls = attrLogClassNamed(type);
-    if (!cls) throw AttrLogError("unknown type " + type);
     root_ = cls->make(name);
     if (!root_) throw AttrLogError("type " + type + " cannot be made as a root");
-  } else if (!root_->attrLogClass() || type != root_->attrLogClass()->typeName()) {
-    throw AttrLogError("published type " + type + " is not the mirror's");
   }
   handles_.clear();
   handleOf_.clear();

@@ -256,7 +256,8 @@ void AttrLogPublisher::accept() {
   auto mount = std::make_unique<Mount>(this, fd);
   {
     AttrLogRecordWriter records(&mount->out);
-    records.hello(root_->attrLogClass()->typeName(), root_->name());
+    const AttrLogClass& cls = *root_->attrLogClass();
+    records.hello(cls.typeName(), root_->name(), attrLogSchema(cls));
     snapshot(kAttrLogRootHandle, &records);
     records.synced();
   }

@@ -20,12 +20,13 @@ socklen_t attrLogAddress(const std::string& endpoint, sockaddr_un* address) {
   return static_cast<socklen_t>(sizeof(sockaddr_un));
 }
 
-void AttrLogRecordWriter::hello(std::string_view rootType, std::string_view rootName) {
+void AttrLogRecordWriter::hello(std::string_view rootType, std::string_view rootName, U64 schema) {
   begin(AttrLogOp::hello);
   writer_.integer(kAttrLogMagic);
   writer_.integer(kAttrLogVersion);
   attrLogWrite(writer_, rootType);
   attrLogWrite(writer_, rootName);
+  writer_.integer(schema);
   end();
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 // The attribute-log stream between a publisher and its mounts: a Unix stream socket
 // carrying records, each a U32 byte count (of what follows) and then:
-//   hello   U8 1, U32 magic "KALG", U16 version, string root type, string root name
+//   hello   U8 1, U32 magic "KALG", U16 version, string root type, string root name,
+//           U64 schema (attrLogSchema of the root's class: a mount reads only its own)
 //   synced  U8 2                      (the snapshot is complete)
 //   set     U8 3, U32 handle, U16 attribute, U16 key bytes, key, value
 //   del     U8 4, U32 handle, U16 attribute, U16 key bytes, key
@@ -26,7 +27,7 @@ namespace Mox {
 enum class AttrLogOp : U8 { hello = 1, synced = 2, set = 3, del = 4, child = 5 };
 
 constexpr U32 kAttrLogMagic = 0x4b414c47;  // "KALG"
-constexpr U16 kAttrLogVersion = 1;
+constexpr U16 kAttrLogVersion = 2;
 // A record longer than this is taken for garbage.
 constexpr U32 kAttrLogMaxRecord = 16u << 20;
 constexpr U32 kAttrLogRootHandle = 1;
@@ -59,7 +60,7 @@ class AttrLogRecordWriter {
   }
   void end() noexcept { writer_.u32At(start_, static_cast<U32>(writer_.position() - start_ - 4)); }
 
-  void hello(std::string_view rootType, std::string_view rootName);
+  void hello(std::string_view rootType, std::string_view rootName, U64 schema);
   void synced();
 
   // Bytes written so far, the records' and any before them.

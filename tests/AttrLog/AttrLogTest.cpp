@@ -211,7 +211,8 @@ class FakePublisher {
   int conn_ = -1;
 };
 
-std::string goodStart(Mox::U16 version = Mox::kAttrLogVersion) {
+std::string goodStart(Mox::U16 version = Mox::kAttrLogVersion,
+                      Mox::U64 schema = Mox::attrLogSchema(Root::attrLog())) {
   std::string bytes;
   Mox::AttrLogRecordWriter record(&bytes);
   Mox::AttrLogWriter& out = record.begin(Mox::AttrLogOp::hello);
@@ -219,6 +220,7 @@ std::string goodStart(Mox::U16 version = Mox::kAttrLogVersion) {
   out.integer(version);
   attrLogWrite(out, "AttrLogTest::Root"s);
   attrLogWrite(out, "root"s);
+  out.integer(schema);
   record.end();
   record.begin(Mox::AttrLogOp::set, 1, 0);
   record.endKey();
@@ -262,7 +264,9 @@ TEST(AttrLog, DamagedBytesDropTheConnectionAndKeepTheState) {
     Mox::U32 keptCount = 5;  // the good record before the damage stays applied
   };
   const Damage cases[] = {
-      {"wrong version", goodStart(9), "wrong version 9, this mount reads 1", 0},
+      {"wrong version", goodStart(9), "wrong version 9, this mount reads 2", 0},
+      {"another schema", goodStart(Mox::kAttrLogVersion, 0x0123456789abcdef),
+       "published schema 0x0123456789abcdef of AttrLogTest::Root is not the mirror's 0x", 0},
       {"garbage", goodStart() + "\0\0\0\2\x77\x77"s, "unknown record type 119"},
       {"truncated value", goodStart() + setRecord(0, "", "\0\7"s),
        "AttrLogTest::Root attribute count: truncated: 4 bytes wanted, 2 left"},
@@ -298,6 +302,94 @@ TEST(AttrLog, DamagedBytesDropTheConnectionAndKeepTheState) {
     EXPECT_EQ(root->limit(), Weight());
     EXPECT_EQ(root->branchSize(), 0u);
   }
+}
+
+// A mount that makes its root by the published type name refuses another schema before
+// making it.
+TEST(AttrLog, AnotherSchemaMakesNoRoot) {
+  const std::string endpoint = uniqueEndpoint("schema");
+  FakePublisher fake(endpoint);
+  Mox::LogCapture log;
+  auto mount = Mox::make<Mox::AttrLogMount>(endpoint, nullptr, 60.0);
+  fake.sendTo(goodStart(Mox::kAttrLogVersion, Mox::attrLogSchema(Root::attrLog()) + 1));
+  ASSERT_TRUE(Mox::runUntil([&] { return mount->drops() == 1; }, 5.0));
+  EXPECT_EQ(mount->lastError().substr(0, 17), "published schema ");
+  EXPECT_EQ(mount->root(), nullptr);
+}
+
+// A table with no entities behind it, for its fingerprint alone.
+class Table : public Mox::AttrLogClass {
+ public:
+  Table(const char* type, std::vector<Attr> attrs, const AttrLogClass* base = nullptr)
+      : AttrLogClass(type, base, std::move(attrs)) {}
+
+ protected:
+  void snapshotOwn(const Mox::Entity&, Mox::U32, Mox::U16, Mox::AttrLogSink&) const override {}
+  void emitOwn(const Mox::Entity&, Mox::U32, Mox::U16, Mox::U16, Mox::AttrLogReader&,
+               Mox::AttrLogSink&) const override {}
+  void applyOwn(Mox::Entity&, Mox::U16, Mox::AttrLogOp, Mox::AttrLogReader&, Mox::AttrLogReader&,
+                Mox::AttrLogMirror&) const override {}
+  void forEachEntryOwn(const Mox::Entity&, Mox::U16, const EntryFn&) const override {}
+  std::unique_ptr<Mox::Entity::NotifieeBase> watchOwn(Mox::Entity&, Mox::U32, Mox::U16,
+                                                      Mox::AttrLogSink&) const override {
+    return nullptr;
+  }
+};
+
+// Any change a model can make to a table changes its fingerprint; the same table built
+// again has the same one.
+TEST(AttrLog, FingerprintFollowsTheTable) {
+  using Attr = Mox::AttrLogClass::Attr;
+  using Kind = Mox::AttrLogKind;
+  const Attr mac{"mac", Kind::map, true, "ProxyArp::VirtualMac", "Korva::IntfId"};
+  const Attr count{"count", Kind::scalar, true, "Mox::U32", ""};
+  const Table table("T::Status", {mac, count});
+  EXPECT_EQ(Table("T::Status", {mac, count}).fingerprint(), table.fingerprint());
+  const Table base("T::Base", {});
+  const Table changed[] = {
+      {"T::Other", {mac, count}},
+      {"T::Status", {count, mac}},
+      {"T::Status", {mac}},
+      {"T::Status", {mac, count, count}},
+      {"T::Status", {{"macs", Kind::map, true, "ProxyArp::VirtualMac", "Korva::IntfId"}, count}},
+      {"T::Status", {{"mac", Kind::queue, true, "ProxyArp::VirtualMac", "Korva::IntfId"}, count}},
+      {"T::Status", {{"mac", Kind::map, false, "ProxyArp::VirtualMac", "Korva::IntfId"}, count}},
+      {"T::Status", {{"mac", Kind::map, true, "Korva::EthAddr", "Korva::IntfId"}, count}},
+      {"T::Status", {{"mac", Kind::map, true, "ProxyArp::VirtualMac", "Mox::U64"}, count}},
+      // Texts are delimited: the same characters split differently are another table.
+      {"T::Status", {{"mac", Kind::map, true, "ProxyArp::VirtualMacK", "orva::IntfId"}, count}},
+      {"T::Status", {mac, count}, &base},
+  };
+  for (const Table& other : changed) EXPECT_NE(other.fingerprint(), table.fingerprint());
+}
+
+const Mox::AttrLogClass& leafV1() {
+  static const Table leaf("T::Leaf", {{"n", Mox::AttrLogKind::scalar, true, "Mox::U32", ""}});
+  return leaf;
+}
+const Mox::AttrLogClass& leafV2() {
+  static const Table leaf("T::Leaf", {{"n", Mox::AttrLogKind::scalar, true, "Mox::U64", ""}});
+  return leaf;
+}
+const Mox::AttrLogClass& tree() {  // contains itself
+  static const Table node(
+      "T::Tree", {{"sub", Mox::AttrLogKind::children, true, "T::Tree", "Mox::Name", &tree},
+                  {"leaf", Mox::AttrLogKind::children, true, "T::Leaf", "Mox::Name", &leafV1}});
+  return node;
+}
+
+// The schema covers the classes a tree reaches through children, each once; a child whose
+// own table changed changes the schema though the parent's table names only its type.
+TEST(AttrLog, SchemaCoversTheChildClasses) {
+  const Table treeV2("T::Tree",
+                     {{"sub", Mox::AttrLogKind::children, true, "T::Tree", "Mox::Name", &tree},
+                      {"leaf", Mox::AttrLogKind::children, true, "T::Leaf", "Mox::Name", &leafV2}});
+  EXPECT_EQ(treeV2.fingerprint(), tree().fingerprint());
+  EXPECT_NE(Mox::attrLogSchema(tree()), Mox::attrLogSchema(treeV2));
+  EXPECT_NE(Mox::attrLogSchema(tree()), Mox::attrLogSchema(leafV1()));
+  // Separately built processes agree: FNV-1a 64 of the documented bytes, computed apart.
+  EXPECT_EQ(leafV1().fingerprint(), 0xd4053c7cb2147906u);
+  EXPECT_EQ(Mox::attrLogSchema(leafV1()), 0x4942245e5520575bu);
 }
 
 // A mount that reads nothing is cut off once its queue passes the bound; the publisher

@@ -752,6 +752,26 @@ class Emitter:
             types.append(self.cxx(a.key))
         return " && ".join(f"Mox::AttrLoggable<{t}>" for t in types)
 
+    def type_text(self, type_name):
+        """A type as the attribute log's schema names it: by its qualified C++ name."""
+        found = self.model.find(type_name)
+        if found is None:
+            return self.cxx(type_name)
+        return self.qualified(found.qualified if isinstance(found, EnumDef) else found.name)
+
+    def log_row(self, a):
+        """One attribute's row of an AttrLogClass table."""
+        key = self.type_text(a.key) if a.key else ""
+        row = [f'"{a.name}"', f"Mox::AttrLogKind::{self.log_kind(a)}", self.loggable(a),
+               f'"{self.type_text(a.type)}"', f'"{key}"']
+        if a.kind == "children":
+            child = self.model.find(a.type)
+            if child is None:  # another model's entity: only the compiler knows if it streams
+                row.append(f"Mox::attrLogClassOf<{self.cxx(a.type)}>()")
+            elif self.streamed(child):
+                row.append(f"&{a.type}::attrLog")
+        return "{" + ", ".join(row) + "}"
+
     def attr_log(self, e):
         c = self.c
         n = e.name
@@ -788,8 +808,7 @@ class Emitter:
         c()
         c(f"class {cls} final : public Mox::AttrLogClass {{")
         c(" public:")
-        rows = [f'{{"{a.name}", Mox::AttrLogKind::{self.log_kind(a)}, {self.loggable(a)}}}'
-                for a in e.attrs]
+        rows = [self.log_row(a) for a in e.attrs]
         c(f'  AttrLog()')
         c(f'      : AttrLogClass("{self.qualified(n)}", {base},')
         c(fill("                     {", rows, "}) {}"))
